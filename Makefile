@@ -1,0 +1,41 @@
+# Entry points for newcomers and CI. Every target installs what is missing first.
+BUILD_DIR      ?= build
+ASAN_BUILD_DIR ?= build-asan
+FUZZ_BUILD_DIR ?= build-fuzz
+FUZZ_SECONDS   ?= 60
+JOBS           ?= $(shell nproc)
+CTEST_FLAGS    ?= --output-on-failure -j $(JOBS)
+
+.PHONY: all deps build test unit-test asan-test demo bench fuzz clean
+
+all: build
+
+deps:
+	@scripts/install-deps.sh
+
+build: deps
+	cmake -S . -B $(BUILD_DIR) -G Ninja
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+
+# Unit, integration and fuzz-corpus tests, then the unit tests and corpora again under
+# AddressSanitizer + UndefinedBehaviorSanitizer. Ends on CTest's summary.
+test: build
+	ctest --test-dir $(BUILD_DIR) -L 'unit|integration|fuzz' $(CTEST_FLAGS)
+	cmake -S . -B $(ASAN_BUILD_DIR) -G Ninja -DNEMBRA_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
+	cmake --build $(ASAN_BUILD_DIR) -j $(JOBS)
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest --test-dir $(ASAN_BUILD_DIR) -L 'unit|fuzz' $(CTEST_FLAGS)
+
+demo: build
+	@scripts/demo.sh $(BUILD_DIR)
+
+bench: build
+	@scripts/run-benchmarks.sh $(BUILD_DIR)
+
+fuzz: deps
+	CC=clang-14 CXX=clang++-14 cmake -S . -B $(FUZZ_BUILD_DIR) -G Ninja -DNEMBRA_FUZZ=ON
+	cmake --build $(FUZZ_BUILD_DIR) -j $(JOBS)
+	@scripts/run-fuzzers.sh $(FUZZ_BUILD_DIR) $(FUZZ_SECONDS)
+
+clean:
+	rm -rf $(BUILD_DIR) $(ASAN_BUILD_DIR) $(FUZZ_BUILD_DIR)

@@ -1,0 +1,172 @@
+#include "api/nembra.h"
+
+#include <chrono>
+#include <cstdio>
+
+#include "api/file_info_data.h"
+#include "api/nembra_connect.h"
+#include "api/percent_encoding.h"
+#include "api/reachability_manager.h"
+#include "platform/capture_hardware.h"
+#include "platform/file_system.h"
+#include "platform/local_notifications.h"
+#include "platform/mail_composer.h"
+#include "platform/user_defaults.h"
+
+namespace nembra {
+
+namespace {
+
+constexpr const char* kAppGroupKey = "AppGroup";
+constexpr const char* kSupportAddress = "support@nembra.example";
+constexpr const char* kErrorSource = "nembra.ios.sdk";
+
+}  // namespace
+
+Nembra::Nembra(MainQueue& mainQueue)
+    : mainQueue_(mainQueue),
+      logSink_([](const std::string& message) { std::fprintf(stderr, "%s\n", message.c_str()); }) {}
+
+Nembra::Nembra(std::string token, MainQueue& mainQueue) : Nembra(mainQueue) {
+  token_ = std::move(token);
+  configObj_.reset();
+  connectObj_.reset();
+  if (auto group = UserDefaults::standard().stringForKey(kAppGroupKey)) appGroup_ = *group;
+  enableDebugLogs = false;
+}
+
+Nembra::~Nembra() = default;
+
+NembraConfig& Nembra::config() {
+  if (!configObj_) configObj_ = std::make_unique<NembraConfig>(token_);
+  return *configObj_;
+}
+
+NembraConnect& Nembra::connect() {
+  if (!connectObj_) connectObj_ = std::make_unique<NembraConnect>(*this);
+  return *connectObj_;
+}
+
+std::string Nembra::getServerAuthToken() { return connect().getServerAuthToken().value_or(""); }
+
+std::string Nembra::getClientAuthToken() { return connect().getClientAuthToken().value_or(""); }
+
+void Nembra::setHardwarePermissionDelegate(std::weak_ptr<NembraHardwarePermissionDelegate> d) {
+  hardwarePermissionDelegate_ = std::move(d);
+  checkCameraHardware();
+  checkMicrophoneHardware();
+  checkCameraPermission();
+  checkMicrophonePermission();
+  checkPhotoLibraryPermission();
+}
+
+void Nembra::checkCameraHardware() {
+  auto delegate = getHardwarePermissionDelegate();
+  if (delegate && delegate->checkHasCamera) delegate->checkHasCamera(CaptureHardware().hasCamera());
+}
+
+void Nembra::checkMicrophoneHardware() {
+  auto delegate = getHardwarePermissionDelegate();
+  if (delegate && delegate->checkHasMicrophone) {
+    delegate->checkHasMicrophone(CaptureHardware().hasMicrophone());
+  }
+}
+
+void Nembra::checkCameraPermission() {
+  auto delegate = getHardwarePermissionDelegate();
+  if (delegate && delegate->checkCameraPermission) {
+    delegate->checkCameraPermission(CaptureHardware().cameraPermission());
+  }
+}
+
+void Nembra::checkMicrophonePermission() {
+  auto delegate = getHardwarePermissionDelegate();
+  if (delegate && delegate->checkMicrophonePermission) {
+    delegate->checkMicrophonePermission(CaptureHardware().microphonePermission());
+  }
+}
+
+void Nembra::checkPhotoLibraryPermission() {
+  auto delegate = getHardwarePermissionDelegate();
+  // Asks whether the delegate answers the microphone check, not the picture-library one: kept
+  // as is, hosts rely on receiving this callback only together with that one.
+  if (delegate && delegate->checkHasMicrophone && delegate->checkPhotoLibraryPermission) {
+    delegate->checkPhotoLibraryPermission(CaptureHardware().pictureLibraryPermission());
+  }
+}
+
+bool Nembra::isNetworkConnected() { return ReachabilityManager::shared().isNetworkConnected(); }
+
+bool Nembra::isWifiConnected() { return ReachabilityManager::shared().isWifiConnected(); }
+
+void Nembra::sendLocalNotification(const std::string& body) {
+  LocalNotifications::shared().schedule({"Nembra", body}, std::chrono::milliseconds(1000), false);
+}
+
+void Nembra::setLogSink(LogSink sink) {
+  std::lock_guard lock(logMutex_);
+  logSink_ = std::move(sink);
+}
+
+void Nembra::log(const std::string& message) {
+  if (!enableDebugLogs) return;
+  LogSink sink;
+  {
+    std::lock_guard lock(logMutex_);
+    sink = logSink_;
+  }
+  if (sink) sink(message);
+}
+
+std::string Nembra::errorEventBody(const std::string& message, long long unixSeconds) {
+  // The message goes in as it stands, unescaped: kept, the service's event parser expects the
+  // text exactly as clients have always sent it.
+  std::string events = "[{\"message\":\"" + message + "\",\"source\":\"" + kErrorSource +
+                       "\",\"lineno\":0,\"colno\":0,\"time\":" + std::to_string(unixSeconds) +
+                       "}]";
+  return "events=" + percentEncode(events, PercentEncodingSet::UrlHostAllowed);
+}
+
+void Nembra::logError(const std::string& message) {
+  log(message);
+  auto now = std::chrono::duration_cast<std::chrono::seconds>(
+                 std::chrono::system_clock::now().time_since_epoch())
+                 .count();
+  std::string body = errorEventBody(message, now);
+  connect().postRawDataWithPath("/debugger", std::vector<uint8_t>(body.begin(), body.end()), {},
+                                nullptr);
+}
+
+void Nembra::sendReport(const std::vector<std::string>& lines) {
+  std::string text;
+  for (size_t i = 0; i < lines.size(); ++i) {
+    if (i) text += "\n";
+    text += lines[i];
+  }
+  FileSystem& fs = FileSystem::shared();
+  const std::string path = fs.documentsDirectory() + "/NembraLog.log";
+  fs.removeItem(path);
+  if (auto error = fs.writeFileAtomically(path, text)) {
+    log("sendReport: " + error->message);
+    return;
+  }
+  auto now = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch());
+  char name[64];
+  std::snprintf(name, sizeof(name), "NembraLogs_%f.log", now.count());
+  FileInfoData attachment(path, "text/plain", name);
+  sendEmailToSupport("Nembra Demo", "", &attachment);
+}
+
+void Nembra::sendEmailToSupport() { sendEmailToSupport("", "", nullptr); }
+
+void Nembra::sendEmailToSupport(const std::string& subject, const std::string& messageBody,
+                                const FileInfoData* file) {
+  MailMessage message{kSupportAddress, subject, messageBody, {}};
+  if (file) message.attachments.push_back({file->path, file->mimeType, file->name});
+  MailComposer composer(FileSystem::shared().root() + "/Outbox");
+  OptionalError error;
+  composer.compose(message, error);
+  if (error) log("sendEmailToSupport: " + error->message);
+}
+
+}  // namespace nembra

@@ -1,0 +1,142 @@
+// The application object: the one object a host creates to use the SDK. It holds the token,
+// the server configuration, the delegates, and creates the service objects lazily on first use.
+//
+// Threading: call it from the main queue's thread (the host's). Delegate calls arrive on the
+// main queue given at construction. log() may be called from any thread.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "api/nembra_config.h"
+#include "api/nembra_delegates.h"
+#include "platform/main_queue.h"
+
+namespace nembra {
+
+class NembraConnect;
+class FileInfoData;
+
+class Nembra {
+ public:
+  // init: empty token, default configuration objects, debug logs off.
+  explicit Nembra(MainQueue& mainQueue = MainQueue::shared());
+  // initWithToken: also reads the "AppGroup" user default.
+  explicit Nembra(std::string token, MainQueue& mainQueue = MainQueue::shared());
+  ~Nembra();
+
+  Nembra(const Nembra&) = delete;
+  Nembra& operator=(const Nembra&) = delete;
+
+  const std::string& token() const { return token_; }
+  void setToken(std::string token) { token_ = std::move(token); }
+  const std::string& getAppToken() const { return token_; }
+  std::string getServerAuthToken();
+  std::string getClientAuthToken();
+
+  // Lazy service objects: created on first call, the same object afterwards. config() takes its
+  // region from the token current at that first call.
+  NembraConfig& config();
+  NembraConnect& connect();
+
+  MainQueue& mainQueue() { return mainQueue_; }
+
+  // Delegates are held weakly.
+  void setRecorderDelegate(std::weak_ptr<NembraRecorderDelegate> d) { recorderDelegate_ = d; }
+  std::shared_ptr<NembraRecorderDelegate> getRecorderDelegate() const {
+    return recorderDelegate_.lock();
+  }
+  void setUploadingDelegate(std::weak_ptr<NembraUploadingDelegate> d) { uploadingDelegate_ = d; }
+  std::shared_ptr<NembraUploadingDelegate> getUploadingDelegate() const {
+    return uploadingDelegate_.lock();
+  }
+  void setPlayerDelegate(std::weak_ptr<NembraPlayerDelegate> d) { playerDelegate_ = d; }
+  std::shared_ptr<NembraPlayerDelegate> getPlayerDelegate() const {
+    return playerDelegate_.lock();
+  }
+  void setSensorDelegate(std::weak_ptr<NembraSensorDelegate> d) { sensorDelegate_ = d; }
+  std::shared_ptr<NembraSensorDelegate> getSensorDelegate() const {
+    return sensorDelegate_.lock();
+  }
+  // Stores the delegate and at once runs the five hardware checks, in the order below.
+  void setHardwarePermissionDelegate(std::weak_ptr<NembraHardwarePermissionDelegate> d);
+  std::shared_ptr<NembraHardwarePermissionDelegate> getHardwarePermissionDelegate() const {
+    return hardwarePermissionDelegate_.lock();
+  }
+  void setFileSelectorDelegate(std::weak_ptr<NembraFileSelectorDelegate> d) {
+    fileSelectorDelegate_ = d;
+  }
+  std::shared_ptr<NembraFileSelectorDelegate> getFileSelectorDelegate() const {
+    return fileSelectorDelegate_.lock();
+  }
+  void setScreenRecorderDelegate(std::weak_ptr<NembraScreenRecorderDelegate> d) {
+    screenRecorderDelegate_ = d;
+  }
+  std::shared_ptr<NembraScreenRecorderDelegate> getScreenRecorderDelegate() const {
+    return screenRecorderDelegate_.lock();
+  }
+  void setQRScannerDelegate(std::weak_ptr<NembraQRScannerDelegate> d) { qrScannerDelegate_ = d; }
+  std::shared_ptr<NembraQRScannerDelegate> getQRScannerDelegate() const {
+    return qrScannerDelegate_.lock();
+  }
+
+  // Hardware checks: each tells the hardware permission delegate, when set and implementing the
+  // matching callback.
+  void checkCameraHardware();
+  void checkMicrophoneHardware();
+  void checkCameraPermission();
+  void checkMicrophonePermission();
+  void checkPhotoLibraryPermission();
+
+  bool isNetworkConnected();
+  bool isWifiConnected();
+
+  // Posts a local notification titled "Nembra" with |body|, delivered after one second.
+  void sendLocalNotification(const std::string& body);
+
+  bool enableDebugLogs = false;
+
+  // Writes |message| to the log sink (standard error by default) when enableDebugLogs is set.
+  void log(const std::string& message);
+  // log() and report the message to the service's "/debugger" events.
+  void logError(const std::string& message);
+  // Writes |lines| to "NembraLog.log" in the documents directory and mails it to support.
+  void sendReport(const std::vector<std::string>& lines);
+  void sendEmailToSupport();
+  void sendEmailToSupport(const std::string& subject, const std::string& messageBody,
+                          const FileInfoData* file);
+
+  // Where log() writes; the host may redirect it (the CLI sends it to stderr with --debug).
+  using LogSink = std::function<void(const std::string&)>;
+  void setLogSink(LogSink sink);
+
+  // The "/debugger" form body for |message| at |unixSeconds|.
+  static std::string errorEventBody(const std::string& message, long long unixSeconds);
+
+  // The shared container of screen recordings, from the "AppGroup" user default.
+  const std::string& appGroup() const { return appGroup_; }
+
+ private:
+  MainQueue& mainQueue_;
+  std::string token_;
+  std::string appGroup_;
+  std::unique_ptr<NembraConfig> configObj_;
+  std::unique_ptr<NembraConnect> connectObj_;
+
+  std::weak_ptr<NembraRecorderDelegate> recorderDelegate_;
+  std::weak_ptr<NembraUploadingDelegate> uploadingDelegate_;
+  std::weak_ptr<NembraPlayerDelegate> playerDelegate_;
+  std::weak_ptr<NembraSensorDelegate> sensorDelegate_;
+  std::weak_ptr<NembraHardwarePermissionDelegate> hardwarePermissionDelegate_;
+  std::weak_ptr<NembraFileSelectorDelegate> fileSelectorDelegate_;
+  std::weak_ptr<NembraScreenRecorderDelegate> screenRecorderDelegate_;
+  std::weak_ptr<NembraQRScannerDelegate> qrScannerDelegate_;
+
+  std::mutex logMutex_;
+  LogSink logSink_;  // guarded by logMutex_
+};
+
+}  // namespace nembra

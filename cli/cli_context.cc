@@ -1,0 +1,29 @@
+#include "cli/cli_context.h"
+
+#include <cstdio>
+
+#include "api/console_log.h"
+#include "api/nembra.h"
+
+namespace nembra {
+
+CliContext::~CliContext() = default;
+
+Nembra& CliContext::nembra() {
+  if (nembra_) return *nembra_;
+  nembra_ = std::make_unique<Nembra>(options.token);
+  NembraConfig& config = nembra_->config();
+  if (!options.server.empty()) config.useSingleServer(options.server);
+  if (!options.apiUrl.empty()) config.server_api_url = options.apiUrl;
+  if (!options.cdnUrl.empty()) config.cdn_api_url = options.cdnUrl;
+  if (!options.devApiUrl.empty()) config.dev_server_api_url = options.devApiUrl;
+  if (!options.fileUrl.empty()) config.file_server_url = options.fileUrl;
+  if (!options.rtmpUrl.empty()) config.wowza_url = options.rtmpUrl;
+  nembra_->enableDebugLogs = options.debug;
+  nembra_->setLogSink([](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); });
+  // Helpers without an application object (file copies, reachability) print only on request.
+  setConsoleLogEnabled(options.debug);
+  return *nembra_;
+}
+
+}  // namespace nembra

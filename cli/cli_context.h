@@ -1,0 +1,47 @@
+// What every subcommand of the `nembra` tool shares: the global options and the SDK objects
+// built from them.
+#pragma once
+
+#include <memory>
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+namespace nembra {
+
+class Nembra;
+
+struct GlobalOptions {
+  std::string token;
+  std::string server;
+  std::string apiUrl;
+  std::string cdnUrl;
+  std::string devApiUrl;
+  std::string fileUrl;
+  std::string rtmpUrl;
+  bool debug = false;
+  bool json = false;
+};
+
+class CliContext {
+ public:
+  GlobalOptions options;
+
+  // The application object configured from the global options, created on first use.
+  Nembra& nembra();
+
+  ~CliContext();
+
+ private:
+  std::unique_ptr<Nembra> nembra_;
+};
+
+// Each subcommand file registers itself on the tool; the callback runs the command and sets
+// |exitCode|.
+void registerRequestCommand(CLI::App& app, CliContext& context, int& exitCode);
+void registerDeviceInfoCommand(CLI::App& app, CliContext& context, int& exitCode);
+void registerDemoCommand(CLI::App& app, CliContext& context, int& exitCode);
+
+}  // namespace nembra

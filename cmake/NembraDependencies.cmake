@@ -1,0 +1,21 @@
+# Every third-party library comes from a Debian package (scripts/install-deps.sh).
+find_package(Threads REQUIRED)
+find_package(PkgConfig REQUIRED)
+
+if(NOT NEMBRA_FUZZ)
+  find_package(GTest REQUIRED)
+  include(GoogleTest)
+endif()
+find_package(CURL REQUIRED)
+find_package(OpenSSL REQUIRED)
+find_package(nlohmann_json REQUIRED)
+find_package(SQLite3 REQUIRED)
+pkg_check_modules(FFMPEG REQUIRED IMPORTED_TARGET
+  libavformat libavcodec libavutil libswscale libswresample libavdevice libavfilter)
+# Loopback servers in tests and the local service.
+pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+
+if(NOT NEMBRA_SANITIZE AND NOT NEMBRA_FUZZ)
+  find_package(benchmark REQUIRED)
+  find_package(CLI11 REQUIRED)
+endif()

@@ -1,0 +1,77 @@
+# Shared build rules: warnings, sanitizers, and how tests and fuzz targets are declared.
+
+set(NEMBRA_WARNINGS -Wall -Wextra -Wpedantic)
+
+if(NEMBRA_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+# Collects the sources of a module directory: every .cc except tests and fuzzers.
+function(nembra_module_sources out_var)
+  file(GLOB all CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cc)
+  list(FILTER all EXCLUDE REGEX "_test\\.cc$")
+  set(${out_var} ${all} PARENT_SCOPE)
+endfunction()
+
+# Collects the unit tests of a module directory.
+function(nembra_module_tests out_var)
+  file(GLOB all CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*_test.cc)
+  set(${out_var} ${all} PARENT_SCOPE)
+endfunction()
+
+# nembra_library(NAME DEPS dep...) builds the module in the current directory.
+function(nembra_library name)
+  cmake_parse_arguments(ARG "" "" "DEPS;PRIVATE_DEPS" ${ARGN})
+  nembra_module_sources(srcs)
+  add_library(${name} STATIC ${srcs})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
+  target_compile_options(${name} PRIVATE ${NEMBRA_WARNINGS})
+  target_link_libraries(${name} PUBLIC ${ARG_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
+endfunction()
+
+# nembra_unit_tests(NAME DEPS dep...) builds one test binary from the directory's *_test.cc
+# and registers each test case with CTest under the label "unit".
+function(nembra_unit_tests name)
+  cmake_parse_arguments(ARG "" "" "DEPS;EXTRA_SOURCES" ${ARGN})
+  nembra_module_tests(tests)
+  if(NOT tests OR NEMBRA_FUZZ)
+    return()
+  endif()
+  add_executable(${name} ${tests} ${ARG_EXTRA_SOURCES})
+  target_compile_options(${name} PRIVATE ${NEMBRA_WARNINGS})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(${name}
+    DISCOVERY_MODE PRE_TEST
+    PROPERTIES LABELS unit TIMEOUT 120)
+endfunction()
+
+# nembra_fuzzer(NAME SOURCE src DEPS dep... CORPUS dir) builds a fuzz target. With NEMBRA_FUZZ it
+# links libFuzzer; otherwise it links a replay driver and CTest replays the seed corpus
+# (label "fuzz") so every test run checks the corpus still passes.
+function(nembra_fuzzer name)
+  cmake_parse_arguments(ARG "" "SOURCE;CORPUS" "DEPS" ${ARGN})
+  if(NEMBRA_FUZZ)
+    add_executable(${name} ${ARG_SOURCE})
+    target_compile_options(${name} PRIVATE -fsanitize=fuzzer,address,undefined)
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer,address,undefined)
+  else()
+    add_executable(${name} ${ARG_SOURCE} ${PROJECT_SOURCE_DIR}/fuzz/replay_main.cc)
+    add_test(NAME ${name}_corpus COMMAND ${name} ${ARG_CORPUS})
+    set_tests_properties(${name}_corpus PROPERTIES LABELS fuzz TIMEOUT 120)
+  endif()
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS})
+endfunction()
+
+# nembra_integration_test(NAME SOURCES src... DEPS dep...) registers a test binary that talks
+# to real peers, under the label "integration".
+function(nembra_integration_test name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_compile_options(${name} PRIVATE ${NEMBRA_WARNINGS})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(${name}
+    DISCOVERY_MODE PRE_TEST
+    PROPERTIES LABELS integration TIMEOUT 300
+    WORKING_DIRECTORY ${PROJECT_BINARY_DIR})
+endfunction()
