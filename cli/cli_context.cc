@@ -7,6 +7,7 @@
 
 namespace nembra {
 
+CliContext::CliContext() = default;
 CliContext::~CliContext() = default;
 
 Nembra& CliContext::nembra() {

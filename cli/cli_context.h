@@ -2,8 +2,11 @@
 // built from them.
 #pragma once
 
+#include <iosfwd>
 #include <memory>
 #include <string>
+
+#include "nembra/json.h"
 
 namespace CLI {
 class App;
@@ -32,11 +35,16 @@ class CliContext {
   // The application object configured from the global options, created on first use.
   Nembra& nembra();
 
+  CliContext();
   ~CliContext();
 
  private:
   std::unique_ptr<Nembra> nembra_;
 };
+
+// The device facts shown by device-info and the demo, and their plain-text form.
+Json collectDeviceReport(CliContext& context);
+void printDeviceReport(const Json& report, std::ostream& out);
 
 // Each subcommand file registers itself on the tool; the callback runs the command and sets
 // |exitCode|.

@@ -59,7 +59,9 @@ void BitstreamWriter::PutByteInternal(uint8_t byte) {
 
 void BitstreamWriter::PutBytesInternal(const uint8_t* data, size_t size) {
   const size_t overwrite = std::min(size, data_->size() - position_);
-  std::memcpy(data_->data() + position_, data, overwrite);
+  if (overwrite > 0) {
+    std::memcpy(data_->data() + position_, data, overwrite);
+  }
   data_->insert(data_->end(), data + overwrite, data + size);
   position_ += size;
 }

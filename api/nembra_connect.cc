@@ -1,0 +1,739 @@
+#include "api/nembra_connect.h"
+
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <istream>
+#include <ostream>
+#include <random>
+
+#include "api/nembra.h"
+#include "api/percent_encoding.h"
+#include "platform/file_system.h"
+#include "platform/http_curl_client.h"
+
+namespace nembra {
+
+namespace {
+
+constexpr const char* kSessionPath = "/session";
+constexpr const char* kWakeupSessionIdentifier = "uploadingSession";
+constexpr const char* kFormContentType = "application/x-www-form-urlencoded";
+// What a missing text prints as in the log lines.
+constexpr const char* kNullText = "(null)";
+// Upload body names count whole seconds from 2001-01-01 UTC, as they always have.
+constexpr int64_t kAbsoluteTimeEpochOffset = 978307200;
+
+std::string describe(const Json& value) {
+  switch (value.type()) {
+    case Json::value_t::string: return value.get_ref<const std::string&>();
+    case Json::value_t::boolean: return value.get<bool>() ? "1" : "0";
+    case Json::value_t::number_integer: return std::to_string(value.get<int64_t>());
+    case Json::value_t::number_unsigned: return std::to_string(value.get<uint64_t>());
+    case Json::value_t::number_float: {
+      char buffer[32];
+      auto result = std::to_chars(buffer, buffer + sizeof(buffer), value.get<double>());
+      return std::string(buffer, result.ptr);
+    }
+    case Json::value_t::null: return "<null>";
+    default: return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+  }
+}
+
+std::string queryString(const Json& parameters) {
+  std::string query;
+  if (!parameters.is_object()) return query;
+  // Names go in as they are, values percent-encoded, and every entry ends in "&", the last one
+  // too: kept, the service parses exactly this form.
+  for (const auto& entry : parameters.items()) {
+    query += entry.key() + "=" +
+             percentEncode(describe(entry.value()), PercentEncodingSet::UrlQueryAllowed) + "&";
+  }
+  return query;
+}
+
+bool isValidUtf8(const std::vector<uint8_t>& bytes) {
+  size_t i = 0;
+  while (i < bytes.size()) {
+    uint8_t lead = bytes[i];
+    size_t length;
+    uint32_t codePoint;
+    if (lead < 0x80) {
+      ++i;
+      continue;
+    } else if ((lead & 0xE0) == 0xC0) {
+      length = 2;
+      codePoint = lead & 0x1F;
+    } else if ((lead & 0xF0) == 0xE0) {
+      length = 3;
+      codePoint = lead & 0x0F;
+    } else if ((lead & 0xF8) == 0xF0) {
+      length = 4;
+      codePoint = lead & 0x07;
+    } else {
+      return false;
+    }
+    if (i + length > bytes.size()) return false;
+    for (size_t k = 1; k < length; ++k) {
+      if ((bytes[i + k] & 0xC0) != 0x80) return false;
+      codePoint = (codePoint << 6) | (bytes[i + k] & 0x3F);
+    }
+    static constexpr uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (codePoint < kSmallest[length] || codePoint > 0x10FFFF ||
+        (codePoint >= 0xD800 && codePoint <= 0xDFFF)) {
+      return false;
+    }
+    i += length;
+  }
+  return true;
+}
+
+std::string textOrNull(const std::vector<uint8_t>& bytes) {
+  return isValidUtf8(bytes) ? std::string(bytes.begin(), bytes.end()) : kNullText;
+}
+
+struct ShapedJson {
+  std::optional<Json> json;
+  OptionalError error;
+};
+
+ShapedJson shapeJson(const std::vector<uint8_t>& body, const HttpResponse& response,
+                     const OptionalError& error) {
+  ShapedJson shaped{std::nullopt, error};
+  // Two bytes or fewer ("{}", "[]", "") carry nothing worth parsing: no JSON and no error.
+  if (body.size() <= 2 || error) return shaped;
+  try {
+    Json parsed = Json::parse(body.begin(), body.end());
+    if (parsed.is_object() || parsed.is_array()) {
+      shaped.json = std::move(parsed);
+    } else {
+      shaped.error = Error::parse("the reply from " + response.url +
+                                  " is JSON but neither an object nor an array");
+    }
+  } catch (const Json::exception& e) {
+    shaped.error = Error::parse("the reply from " + response.url + " is not valid JSON: " +
+                                e.what());
+  }
+  return shaped;
+}
+
+bool hasScheme(const std::string& path) {
+  return path.find("https://") != std::string::npos || path.find("http://") != std::string::npos;
+}
+
+Error fileError(const std::string& what, const std::string& path, int code) {
+  return Error::file(what + " " + path + ": " + std::strerror(code), code);
+}
+
+// Writes an upload body to |bodyPath| from the file at |sourcePath|; |write| lays it out.
+// On failure nothing is left at |bodyPath| and the source is untouched.
+template <typename Writer>
+OptionalError writeUploadBody(const std::string& bodyPath, const std::string& sourcePath,
+                              Writer write, int64_t& length) {
+  std::error_code ec;
+  if (!std::filesystem::is_regular_file(sourcePath, ec)) {
+    return Error::file("the file to upload " + sourcePath + " does not exist or is not a file",
+                       ec ? ec.value() : 0);
+  }
+  if (std::filesystem::equivalent(sourcePath, bodyPath, ec)) {
+    return Error::file("the file to upload " + sourcePath +
+                       " is where its upload body would be written");
+  }
+  std::ifstream in(sourcePath, std::ios::binary);
+  if (!in) return fileError("cannot open the file to upload", sourcePath, errno);
+  // A body of the same name from an upload started in the same second goes on being sent: that
+  // upload holds its file open, and this one gets a new file under the name.
+  std::filesystem::remove(bodyPath, ec);
+  std::ofstream out(bodyPath, std::ios::binary | std::ios::trunc);
+  if (!out) return fileError("cannot create the upload body", bodyPath, errno);
+  length = write(in, out);
+  out.flush();
+  int code = errno;
+  OptionalError error;
+  if (in.bad()) {
+    error = fileError("cannot read the file to upload", sourcePath, code);
+  } else if (!out) {
+    error = fileError("cannot write the upload body", bodyPath, code);
+  }
+  out.close();
+  if (error) std::filesystem::remove(bodyPath, ec);
+  return error;
+}
+
+}  // namespace
+
+NembraConnect::NembraConnect(Nembra& application)
+    : application_(application), client_(std::make_unique<CurlHttpClient>()) {}
+
+NembraConnect::NembraConnect(Nembra& application, std::unique_ptr<HttpClient> client,
+                             std::string temporaryDirectory)
+    : application_(application),
+      temporaryDirectory_(std::move(temporaryDirectory)),
+      client_(std::move(client)) {}
+
+NembraConnect::~NembraConnect() = default;
+
+NembraConnect::TaskHandle NembraConnect::requestWithMethod(const std::string& method,
+                                                           const std::string& path,
+                                                           const Parameters& data,
+                                                           DataCallback callback) {
+  if (!data.is_null() && !data.is_object()) {
+    return failRequest(method, path,
+                       Error::invalidArgument("the parameters of " + method + " " + path +
+                                              " must be a JSON object, not " + data.type_name()),
+                       std::move(callback));
+  }
+  return addSessionData(
+      data, path,
+      [this, method, path, callback = std::move(callback)](const Parameters& completed) {
+        std::string query = queryString(completed);
+        HttpRequest request;
+        request.method = method;
+        // Only a POST keeps its parameters out of the URL; any other method gets "?" and the
+        // query, a bare "?" when there is none (kept as is).
+        request.url = resolveUrl(method == "POST" ? path : path + "?" + query);
+        if (method == "POST") {
+          request.body = Bytes(query.begin(), query.end());
+          request.headers = {{"Content-Type", kFormContentType},
+                             {"Content-Length", std::to_string(query.size())}};
+        }
+        return startForegroundRequest(std::move(request), callback);
+      });
+}
+
+NembraConnect::TaskHandle NembraConnect::requestStringWithMethod(const std::string& method,
+                                                                 const std::string& path,
+                                                                 const Parameters& data,
+                                                                 StringCallback callback) {
+  return requestWithMethod(
+      method, path, data,
+      [callback = std::move(callback)](const Bytes& body, const HttpResponse& response,
+                                       const OptionalError& error) {
+        if (!callback) return;
+        if (error) {
+          callback(std::nullopt, response, error);
+        } else if (!isValidUtf8(body)) {
+          callback(std::nullopt, response,
+                   Error::parse("the reply from " + response.url + " is not UTF-8 text"));
+        } else {
+          callback(std::string(body.begin(), body.end()), response, std::nullopt);
+        }
+      });
+}
+
+NembraConnect::TaskHandle NembraConnect::requestJSONWithMethod(const std::string& method,
+                                                               const std::string& path,
+                                                               const Parameters& data,
+                                                               JsonCallback callback) {
+  application_.log("requestJSONWithMethod: " + path);
+  return requestWithMethod(
+      method, path, data,
+      [this, callback = std::move(callback)](const Bytes& body, const HttpResponse& response,
+                                             const OptionalError& error) {
+        ShapedJson shaped = shapeJson(body, response, error);
+        // "respone" is the log text as the support tools search for it.
+        if (shaped.error && !body.empty()) application_.log("respone: " + textOrNull(body) + "\n");
+        if (callback) callback(shaped.json, response, shaped.error);
+      });
+}
+
+NembraConnect::TaskHandle NembraConnect::requestJSONArrayWithMethod(const std::string& method,
+                                                                    const std::string& path,
+                                                                    const Parameters& data,
+                                                                    JsonCallback callback) {
+  return requestWithMethod(
+      method, path, data,
+      [callback = std::move(callback)](const Bytes& body, const HttpResponse& response,
+                                       const OptionalError& error) {
+        ShapedJson shaped = shapeJson(body, response, error);
+        if (callback) callback(shaped.json, response, shaped.error);
+      });
+}
+
+NembraConnect::TaskHandle NembraConnect::getWithPath(const std::string& path,
+                                                     const Parameters& data,
+                                                     DataCallback callback) {
+  return requestWithMethod("GET", path, data, std::move(callback));
+}
+
+NembraConnect::TaskHandle NembraConnect::getStringWithPath(const std::string& path,
+                                                           const Parameters& data,
+                                                           StringCallback callback) {
+  return requestStringWithMethod("GET", path, data, std::move(callback));
+}
+
+NembraConnect::TaskHandle NembraConnect::getJsonWithPath(const std::string& path,
+                                                         const Parameters& data,
+                                                         JsonCallback callback) {
+  return requestJSONWithMethod("GET", path, data, std::move(callback));
+}
+
+NembraConnect::TaskHandle NembraConnect::getJsonArrayWithPath(const std::string& path,
+                                                              const Parameters& data,
+                                                              JsonCallback callback) {
+  return requestJSONArrayWithMethod("GET", path, data, std::move(callback));
+}
+
+NembraConnect::TaskHandle NembraConnect::postWithPath(const std::string& path,
+                                                      const Parameters& data,
+                                                      DataCallback callback) {
+  return requestWithMethod("POST", path, data, std::move(callback));
+}
+
+NembraConnect::TaskHandle NembraConnect::postJsonWithPath(const std::string& path,
+                                                          const Parameters& data,
+                                                          JsonCallback callback) {
+  return requestJSONWithMethod("POST", path, data, std::move(callback));
+}
+
+NembraConnect::TaskHandle NembraConnect::deleteWithPath(const std::string& path,
+                                                        const Parameters& data,
+                                                        DataCallback callback) {
+  return requestWithMethod("DELETE", path, data, std::move(callback));
+}
+
+NembraConnect::TaskHandle NembraConnect::deleteJsonWithPath(const std::string& path,
+                                                            const Parameters& data,
+                                                            JsonCallback callback) {
+  return requestJSONWithMethod("DELETE", path, data, std::move(callback));
+}
+
+NembraConnect::TaskHandle NembraConnect::postRawDataWithPath(const std::string& path,
+                                                             const Bytes& data,
+                                                             const Parameters& params,
+                                                             DataCallback callback) {
+  if (!params.is_null() && !params.is_object()) {
+    return failRequest("POST", path,
+                       Error::invalidArgument("the parameters of POST " + path +
+                                              " must be a JSON object, not " + params.type_name()),
+                       std::move(callback));
+  }
+  return addSessionData(
+      params, path,
+      [this, path, data, callback = std::move(callback)](const Parameters& completed) {
+        HttpRequest request;
+        request.method = "POST";
+        request.url = resolveUrl(path + "?" + queryString(completed));
+        request.headers = {{"Content-Type", kFormContentType},
+                           {"Content-Length", std::to_string(data.size())}};
+        request.body = data;
+        return startForegroundRequest(std::move(request), callback);
+      });
+}
+
+NembraConnect::TaskHandle NembraConnect::addSessionData(const Parameters& data,
+                                                        const std::string& path,
+                                                        ParametersCallback callback) {
+  if (!callback) return nullptr;
+  // The session request itself carries neither the session nor the tokens.
+  if (path == kSessionPath) return callback(data);
+  return getSession([this, data, callback = std::move(callback)](
+                        const std::optional<std::string>& key,
+                        const std::optional<std::string>& value) {
+    Parameters completed = data.is_object() ? data : Parameters::object();
+    if (key) {
+      if (value) {
+        completed[*key] = *value;
+      } else {
+        completed.erase(*key);
+      }
+    }
+    std::optional<std::string> clientAuth = getClientAuthToken();
+    std::optional<std::string> serverAuth = getServerAuthToken();
+    if (clientAuth) completed["client_auth"] = *clientAuth;
+    if (serverAuth) completed["server_auth"] = *serverAuth;
+    return callback(completed);
+  });
+}
+
+NembraConnect::TaskHandle NembraConnect::getSession(SessionCallback callback) {
+  std::optional<std::string> key;
+  std::optional<std::string> value;
+  {
+    std::lock_guard lock(mutex_);
+    key = sessionKey_;
+    value = sessionValue_;
+  }
+  if (value) return callback ? callback(key, value) : nullptr;
+  // A failed fetch leaves the value absent: this request goes without it, the next one asks
+  // again. Two requests racing here both ask; the last answer wins.
+  return postJsonWithPath(
+      kSessionPath, nullptr,
+      [this, callback = std::move(callback)](const std::optional<Json>& json, const HttpResponse&,
+                                             const OptionalError&) {
+        std::optional<std::string> value;
+        if (json && json->is_object()) {
+          auto token = json->find("token");
+          if (token != json->end() && !token->is_null()) value = describe(*token);
+        }
+        std::string key = std::string(kSessionKeyPrefix) + application_.token();
+        {
+          std::lock_guard lock(mutex_);
+          sessionValue_ = value;
+          sessionKey_ = key;
+        }
+        if (callback) callback(key, value);
+      });
+}
+
+NembraConnect::TaskHandle NembraConnect::backgroundUploadWithPath(
+    const std::string& path, const Parameters& data, const std::string& identifier,
+    const std::string& file, DataCallback callback, ProgressCallback progress) {
+  if (!data.is_null() && !data.is_object()) {
+    HttpRequest request{"POST", path, {}, std::nullopt};
+    return startUpload(std::move(request), identifier, "",
+                       Error::invalidArgument("the parameters of the upload to " + path +
+                                              " must be a JSON object, not " + data.type_name()),
+                       std::move(callback), std::move(progress));
+  }
+  return addSessionData(
+      data, path,
+      [this, path, identifier, file, callback = std::move(callback),
+       progress = std::move(progress)](const Parameters& completed) {
+        HttpRequest request;
+        request.method = "POST";
+        request.url =
+            (hasScheme(path) ? path : videoCollectionUrl(path)) + "?" + queryString(completed);
+        std::string bodyPath = uploadBodyPath("mp4");
+        int64_t length = 0;
+        OptionalError error = writeUploadBody(
+            bodyPath, file,
+            [](std::istream& in, std::ostream& out) {
+              return createBodyWithBoundaryStreamed(kMultipartBoundary, in, out, "video.mp4");
+            },
+            length);
+        request.headers = {
+            {"Content-Type", std::string("multipart/form-data; boundary=") + kMultipartBoundary},
+            {"Content-Length", std::to_string(length)}};
+        application_.log("background request from file");
+        return startUpload(std::move(request), identifier, bodyPath, std::move(error), callback,
+                           progress);
+      });
+}
+
+NembraConnect::TaskHandle NembraConnect::uploadFileWithPath(
+    const std::string& path, const Parameters& parameters, const std::string& identifier,
+    const std::string& filePath, const std::string& fileName, const std::string& mimeType,
+    const std::string& fileExtension, DataCallback callback, ProgressCallback progress) {
+  if (!parameters.is_null() && !parameters.is_object()) {
+    HttpRequest request{"POST", path, {}, std::nullopt};
+    return startUpload(std::move(request), identifier, "",
+                       Error::invalidArgument("the form fields of the upload to " + path +
+                                              " must be a JSON object, not " +
+                                              parameters.type_name()),
+                       std::move(callback), std::move(progress));
+  }
+  return addSessionData(
+      parameters, path,
+      [this, path, parameters, identifier, filePath, fileName, mimeType, fileExtension,
+       callback = std::move(callback), progress = std::move(progress)](const Parameters& completed) {
+        HttpRequest request;
+        request.method = "POST";
+        request.url =
+            (hasScheme(path) ? path : videoCollectionUrl(path)) + "?" + queryString(completed);
+        std::string bodyPath = uploadBodyPath(fileExtension);
+        int64_t length = 0;
+        // The form carries the caller's fields only; the session and tokens ride in the query.
+        OptionalError error = writeUploadBody(
+            bodyPath, filePath,
+            [&](std::istream& in, std::ostream& out) {
+              return createBodyWithBoundary(kMultipartBoundary, parameters, in, out, fileName,
+                                            fileName + "." + fileExtension, mimeType);
+            },
+            length);
+        request.headers = {
+            {"Content-Type", std::string("multipart/form-data; boundary=") + kMultipartBoundary},
+            {"Content-Length", std::to_string(length)}};
+        application_.log("background request from file");
+        return startUpload(std::move(request), identifier, bodyPath, std::move(error), callback,
+                           progress);
+      });
+}
+
+std::string NembraConnect::generateBoundaryString() {
+  thread_local std::mt19937_64 random{std::random_device{}()};
+  uint8_t bytes[16];
+  for (size_t i = 0; i < sizeof(bytes); i += 8) {
+    uint64_t value = random();
+    std::memcpy(bytes + i, &value, 8);
+  }
+  bytes[6] = (bytes[6] & 0x0F) | 0x40;  // version 4
+  bytes[8] = (bytes[8] & 0x3F) | 0x80;  // RFC 4122 variant
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string text = "Boundary-";
+  for (size_t i = 0; i < sizeof(bytes); ++i) {
+    if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
+    text += kHex[bytes[i] >> 4];
+    text += kHex[bytes[i] & 0x0F];
+  }
+  return text;
+}
+
+int64_t NembraConnect::createBodyWithBoundary(const std::string& boundary,
+                                              const Parameters& parameters,
+                                              std::istream& inputStream,
+                                              std::ostream& outputStream, const std::string& name,
+                                              const std::string& fileName,
+                                              const std::string& contentType) {
+  int64_t written = 0;
+  if (parameters.is_object()) {
+    for (const auto& entry : parameters.items()) {
+      written += streamWriteString("--" + boundary + "\r\n", outputStream);
+      written += streamWriteString(
+          "Content-Disposition: form-data; name=\"" + entry.key() + "\"\r\n\r\n", outputStream);
+      written += streamWriteString(describe(entry.value()) + "\r\n", outputStream);
+    }
+  }
+  written += streamWriteString("--" + boundary + "\r\n", outputStream);
+  // The ";" after the file name is part of the layout the storage side has always accepted.
+  written += streamWriteString("Content-Disposition: form-data; name=\"" + name +
+                                   "\"; filename=\"" + fileName + "\";\r\n",
+                               outputStream);
+  written += streamWriteString("Content-Type: " + contentType + "\r\n\r\n", outputStream);
+  written += blockCopyFrom(inputStream, outputStream);
+  written += streamWriteString("\r\n--" + boundary + "--\r\n", outputStream);
+  return written;
+}
+
+int64_t NembraConnect::createBodyWithBoundaryStreamed(const std::string& boundary,
+                                                      std::istream& inputStream,
+                                                      std::ostream& outputStream,
+                                                      const std::string& filename) {
+  return createBodyWithBoundary(boundary, nullptr, inputStream, outputStream, "file", filename,
+                                "video/mp4");
+}
+
+int64_t NembraConnect::streamWriteString(const std::string& text, std::ostream& to) {
+  to.write(text.data(), static_cast<std::streamsize>(text.size()));
+  return static_cast<int64_t>(text.size());
+}
+
+int64_t NembraConnect::blockCopyFrom(std::istream& from, std::ostream& to) {
+  std::vector<char> block(kCopyBlockSize);
+  int64_t total = 0;
+  while (from) {
+    from.read(block.data(), static_cast<std::streamsize>(block.size()));
+    std::streamsize got = from.gcount();
+    if (got > 0) {
+      to.write(block.data(), got);
+      total += got;
+    }
+  }
+  return total;
+}
+
+std::string NembraConnect::formatURLRequest(const HttpRequest& request) {
+  std::string text = "---REQUEST------------------\n";
+  text += "URL: " + request.url + "\n";
+  text += "METHOD: " + request.method + "\n";
+  for (const auto& [name, value] : request.headers) text += name + ": " + value + "\n";
+  std::string body = kNullText;
+  if (request.body) {
+    bool ascii = true;
+    for (uint8_t byte : *request.body) ascii = ascii && byte < 0x80;
+    if (ascii) body.assign(request.body->begin(), request.body->end());
+  }
+  text += "BODY: " + body + "\n";
+  text += "----------------------------\n";
+  return text;
+}
+
+std::optional<std::string> NembraConnect::getServerAuthToken() const {
+  std::lock_guard lock(mutex_);
+  return serverAuthToken_;
+}
+
+void NembraConnect::setServerAuthToken(std::optional<std::string> token) {
+  std::lock_guard lock(mutex_);
+  serverAuthToken_ = std::move(token);
+}
+
+std::optional<std::string> NembraConnect::getClientAuthToken() const {
+  std::lock_guard lock(mutex_);
+  return clientAuthToken_;
+}
+
+void NembraConnect::setClientAuthToken(std::optional<std::string> token) {
+  std::lock_guard lock(mutex_);
+  clientAuthToken_ = std::move(token);
+}
+
+std::optional<std::string> NembraConnect::getSessionKey() const {
+  std::lock_guard lock(mutex_);
+  return sessionKey_;
+}
+
+void NembraConnect::setSessionKey(std::optional<std::string> key) {
+  std::lock_guard lock(mutex_);
+  sessionKey_ = std::move(key);
+}
+
+std::optional<std::string> NembraConnect::getSessionValue() const {
+  std::lock_guard lock(mutex_);
+  return sessionValue_;
+}
+
+void NembraConnect::setSessionValue(std::optional<std::string> value) {
+  std::lock_guard lock(mutex_);
+  sessionValue_ = std::move(value);
+}
+
+void NembraConnect::URLSession(HttpClient&, HttpTask& task, int64_t, int64_t totalBytesSent,
+                               int64_t totalBytesExpectedToSend) {
+  application_.log("uploading task progress: " + std::to_string(totalBytesSent) + "/" +
+                   std::to_string(totalBytesExpectedToSend));
+  std::shared_ptr<BackgroundTaskContext> context;
+  {
+    std::lock_guard lock(mutex_);
+    auto found = taskContexts_.find(task.taskIdentifier());
+    if (found != taskContexts_.end()) context = found->second;
+  }
+  if (!context) {
+    application_.log("context was not found");
+    return;
+  }
+  if (context->backgroundTaskProgressHandler) {
+    context->backgroundTaskProgressHandler(totalBytesSent, totalBytesExpectedToSend);
+  }
+}
+
+void NembraConnect::URLSession(HttpClient&, HttpTask& task, const OptionalError& error) {
+  application_.log("task " + std::to_string(task.taskIdentifier()) +
+                   " complete, error = " + (error ? error->message : kNullText));
+  std::shared_ptr<BackgroundTaskContext> context = takeContext(task.taskIdentifier());
+  if (!context) {
+    application_.log("context was not found");
+    return;
+  }
+  if (context->backgroundTaskCompletionHandler) {
+    context->backgroundTaskCompletionHandler(context->responseData, task.response(), error);
+  }
+}
+
+void NembraConnect::appWakeupSignalTaskComplete(const std::string& identifier) {
+  if (identifier != kWakeupSessionIdentifier) return;
+  std::shared_ptr<BackgroundTaskContext> context;
+  {
+    std::lock_guard lock(mutex_);
+    if (taskContexts_.empty()) return;
+    context = taskContexts_.begin()->second;
+    taskContexts_.erase(taskContexts_.begin());
+  }
+  if (context->backgroundTaskCompletionHandler) {
+    context->backgroundTaskCompletionHandler(
+        context->responseData, context->task ? context->task->response() : HttpResponse{},
+        std::nullopt);
+  }
+}
+
+NembraConnect::TaskHandle NembraConnect::startForegroundRequest(HttpRequest request,
+                                                                DataCallback callback) {
+  application_.log("foreground request");
+  HttpTaskEvents events;
+  events.completion = [callback = std::move(callback)](HttpTask&, Bytes body,
+                                                       const HttpResponse& response,
+                                                       const OptionalError& error) {
+    if (callback) callback(body, response, error);
+  };
+  TaskHandle task = client_->dataTask(request, std::move(events));
+  application_.log("request dump: " + formatURLRequest(request));
+  task->resume();
+  return task;
+}
+
+NembraConnect::TaskHandle NembraConnect::startUpload(HttpRequest request,
+                                                     const std::string& identifier,
+                                                     const std::string& bodyPath,
+                                                     OptionalError bodyError,
+                                                     DataCallback callback,
+                                                     ProgressCallback progress) {
+  HttpTaskEvents events;
+  events.progress = [this](HttpTask& task, int64_t bytesSent, int64_t totalBytesSent,
+                           int64_t totalBytesExpectedToSend) {
+    URLSession(*client_, task, bytesSent, totalBytesSent, totalBytesExpectedToSend);
+  };
+  events.completion = [this](HttpTask& task, Bytes, const HttpResponse&,
+                             const OptionalError& error) { URLSession(*client_, task, error); };
+  const bool ownsBody = !bodyError;
+  TaskHandle task = bodyError ? client_->failedTask(request, std::move(*bodyError), events)
+                              : client_->uploadTask(request, bodyPath, events);
+  task->setTaskDescription(identifier);
+  application_.log("task " + std::to_string(task->taskIdentifier()) + " created");
+
+  auto completion = [this, bodyPath, ownsBody, callback = std::move(callback)](
+                        const Bytes& data, const HttpResponse& response,
+                        const OptionalError& error) {
+    uploadSemaphore_.release();
+    // The body file is ours alone; the caller's file was only read.
+    if (ownsBody) {
+      std::error_code ec;
+      std::filesystem::remove(bodyPath, ec);
+    }
+    if (callback) callback(data, response, error);
+  };
+  {
+    std::lock_guard lock(mutex_);
+    taskContexts_[task->taskIdentifier()] =
+        std::make_shared<BackgroundTaskContext>(std::move(completion), std::move(progress), task);
+  }
+  uploadQueue_.async([this, task] {
+    // Never waits: the upload starts whether or not another is in flight.
+    (void)uploadSemaphore_.try_acquire();
+    task->resume();
+  });
+  application_.log("request dump: " + formatURLRequest(request));
+  return task;
+}
+
+NembraConnect::TaskHandle NembraConnect::failRequest(const std::string& method,
+                                                     const std::string& path, Error error,
+                                                     DataCallback callback) {
+  HttpRequest request;
+  request.method = method;
+  request.url = resolveUrl(path);
+  HttpTaskEvents events;
+  events.completion = [callback = std::move(callback)](HttpTask&, Bytes body,
+                                                       const HttpResponse& response,
+                                                       const OptionalError& error) {
+    if (callback) callback(body, response, error);
+  };
+  TaskHandle task = client_->failedTask(std::move(request), std::move(error), std::move(events));
+  task->resume();
+  return task;
+}
+
+std::string NembraConnect::resolveUrl(const std::string& path) {
+  if (!path.empty() && path.front() == '/') return application_.config().server_api_url + path;
+  return path;
+}
+
+// The video collection URL of the application; the upload handler owns this rule once it
+// exists, and this builds it the same way.
+std::string NembraConnect::videoCollectionUrl(const std::string& path) {
+  return application_.config().server_api_url + "/v1/applications/" + application_.token() +
+         "/videos" + path;
+}
+
+std::string NembraConnect::uploadBodyPath(const std::string& extension) const {
+  std::string directory =
+      temporaryDirectory_ ? *temporaryDirectory_ : FileSystem::shared().temporaryDirectory();
+  auto unixSeconds = std::chrono::duration_cast<std::chrono::seconds>(
+                         std::chrono::system_clock::now().time_since_epoch())
+                         .count();
+  auto seconds = static_cast<int32_t>(unixSeconds - kAbsoluteTimeEpochOffset);
+  return directory + "/" + std::to_string(seconds) + "." + extension;
+}
+
+std::shared_ptr<BackgroundTaskContext> NembraConnect::takeContext(uint64_t taskIdentifier) {
+  std::lock_guard lock(mutex_);
+  auto found = taskContexts_.find(taskIdentifier);
+  if (found == taskContexts_.end()) return nullptr;
+  std::shared_ptr<BackgroundTaskContext> context = std::move(found->second);
+  taskContexts_.erase(found);
+  return context;
+}
+
+}  // namespace nembra

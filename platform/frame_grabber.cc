@@ -1,0 +1,203 @@
+#include "platform/frame_grabber.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "platform/media_av_support.h"
+
+extern "C" {
+#include <libavutil/imgutils.h>
+#include <libswscale/swscale.h>
+}
+
+namespace nembra {
+namespace {
+
+struct SwsFreer {
+  void operator()(SwsContext* context) const { sws_freeContext(context); }
+};
+
+AvFrame allocatePicture(int width, int height) {
+  AvFrame picture(av_frame_alloc());
+  if (!picture) return nullptr;
+  picture->format = AV_PIX_FMT_YUVJ420P;
+  picture->width = width;
+  picture->height = height;
+  if (av_frame_get_buffer(picture.get(), 0) < 0) return nullptr;
+  return picture;
+}
+
+// Quarter-turns a YUV 4:2:0 picture clockwise by |degrees|; every plane turns alike.
+AvFrame rotatePicture(const AVFrame& source, int degrees) {
+  bool swap = degrees == 90 || degrees == 270;
+  AvFrame turned = allocatePicture(swap ? source.height : source.width,
+                                   swap ? source.width : source.height);
+  if (!turned) return nullptr;
+  for (int plane = 0; plane < 3; ++plane) {
+    int w = plane == 0 ? source.width : source.width / 2;
+    int h = plane == 0 ? source.height : source.height / 2;
+    const uint8_t* in = source.data[plane];
+    uint8_t* out = turned->data[plane];
+    int inStride = source.linesize[plane];
+    int outStride = turned->linesize[plane];
+    for (int y = 0; y < h; ++y) {
+      for (int x = 0; x < w; ++x) {
+        uint8_t value = in[y * inStride + x];
+        switch (degrees) {
+          case 90: out[x * outStride + (h - 1 - y)] = value; break;
+          case 180: out[(h - 1 - y) * outStride + (w - 1 - x)] = value; break;
+          default: out[(w - 1 - x) * outStride + y] = value; break;
+        }
+      }
+    }
+  }
+  return turned;
+}
+
+OptionalError encodeJpeg(const AVFrame& picture, int quality, std::vector<uint8_t>& jpeg) {
+  const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_MJPEG);
+  if (!codec) return Error::media("this FFmpeg has no JPEG encoder");
+  AvCodecContext encoder(avcodec_alloc_context3(codec));
+  if (!encoder) return Error::internal("out of memory");
+  encoder->width = picture.width;
+  encoder->height = picture.height;
+  encoder->pix_fmt = AV_PIX_FMT_YUVJ420P;
+  encoder->color_range = AVCOL_RANGE_JPEG;
+  encoder->time_base = AVRational{1, 25};
+  encoder->flags |= AV_CODEC_FLAG_QSCALE;
+  encoder->global_quality = FF_QP2LAMBDA * std::clamp(quality, 2, 31);
+  int rc = avcodec_open2(encoder.get(), codec, nullptr);
+  if (rc < 0) return Error::media("cannot open the JPEG encoder: " + avErrorText(rc));
+
+  AvFrame frame(av_frame_clone(&picture));
+  if (!frame) return Error::internal("out of memory");
+  frame->pts = 0;
+  frame->quality = encoder->global_quality;
+  rc = avcodec_send_frame(encoder.get(), frame.get());
+  if (rc >= 0) rc = avcodec_send_frame(encoder.get(), nullptr);
+  if (rc < 0) return Error::media("JPEG encoding failed: " + avErrorText(rc));
+  AvPacket packet(av_packet_alloc());
+  if (!packet) return Error::internal("out of memory");
+  rc = avcodec_receive_packet(encoder.get(), packet.get());
+  if (rc < 0) return Error::media("JPEG encoding failed: " + avErrorText(rc));
+  jpeg.assign(packet->data, packet->data + packet->size);
+  return std::nullopt;
+}
+
+class FfmpegFrameGrabber final : public FrameGrabber {
+ public:
+  OptionalError grab(const std::string& path, const FrameGrabOptions& options,
+                     GrabbedFrame& result) override {
+    std::string openError;
+    AvInput input = openAvInput(path, openError);
+    if (!input) return Error::media("cannot open " + path + " as media (" + openError + ")");
+    const AVCodec* codec = nullptr;
+    int index = av_find_best_stream(input.get(), AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0);
+    if (index < 0 || !codec) return Error::media("no picture track in " + path);
+    AVStream* stream = input->streams[index];
+
+    AvCodecContext decoder(avcodec_alloc_context3(codec));
+    if (!decoder) return Error::internal("out of memory");
+    int rc = avcodec_parameters_to_context(decoder.get(), stream->codecpar);
+    if (rc >= 0) rc = avcodec_open2(decoder.get(), codec, nullptr);
+    if (rc < 0) return Error::media("cannot open the picture decoder: " + avErrorText(rc));
+
+    int64_t start = stream->start_time == AV_NOPTS_VALUE ? 0 : stream->start_time;
+    int64_t target = start + static_cast<int64_t>(options.atSeconds / av_q2d(stream->time_base));
+    if (options.atSeconds > 0) {
+      av_seek_frame(input.get(), index, target, AVSEEK_FLAG_BACKWARD);
+    }
+    AvFrame decoded;
+    if (auto error = decodeAt(*input, *decoder, index, target, decoded)) return error;
+
+    int rotation = options.applyRotation ? avStreamRotation(stream) : 0;
+    bool sideways = rotation == 90 || rotation == 270;
+    int shownWidth = sideways ? decoded->height : decoded->width;
+    int shownHeight = sideways ? decoded->width : decoded->height;
+    int fitWidth = 0, fitHeight = 0;
+    fitInside(shownWidth, shownHeight, options.maxWidth, options.maxHeight, fitWidth, fitHeight);
+    int scaledWidth = sideways ? fitHeight : fitWidth;
+    int scaledHeight = sideways ? fitWidth : fitHeight;
+
+    std::unique_ptr<SwsContext, SwsFreer> scaler(sws_getContext(
+        decoded->width, decoded->height, static_cast<AVPixelFormat>(decoded->format), scaledWidth,
+        scaledHeight, AV_PIX_FMT_YUVJ420P, SWS_BICUBIC, nullptr, nullptr, nullptr));
+    if (!scaler) return Error::media("cannot convert the picture's pixel format");
+    AvFrame scaled = allocatePicture(scaledWidth, scaledHeight);
+    if (!scaled) return Error::internal("out of memory");
+    sws_scale(scaler.get(), decoded->data, decoded->linesize, 0, decoded->height, scaled->data,
+              scaled->linesize);
+    if (rotation != 0) {
+      scaled = rotatePicture(*scaled, rotation);
+      if (!scaled) return Error::internal("out of memory");
+    }
+    GrabbedFrame grabbed;
+    if (auto error = encodeJpeg(*scaled, options.jpegQuality, grabbed.jpeg)) return error;
+    grabbed.width = scaled->width;
+    grabbed.height = scaled->height;
+    result = std::move(grabbed);
+    return std::nullopt;
+  }
+
+ private:
+  // Decodes until the first picture at or after |target|; past the end, the last picture.
+  static OptionalError decodeAt(AVFormatContext& input, AVCodecContext& decoder, int index,
+                                int64_t target, AvFrame& picture) {
+    AvPacket packet(av_packet_alloc());
+    AvFrame frame(av_frame_alloc());
+    if (!packet || !frame) return Error::internal("out of memory");
+    bool draining = false;
+    for (;;) {
+      if (!draining) {
+        int rc = av_read_frame(&input, packet.get());
+        if (rc < 0) {
+          draining = true;
+          avcodec_send_packet(&decoder, nullptr);
+        } else {
+          bool ours = packet->stream_index == index;
+          if (ours) rc = avcodec_send_packet(&decoder, packet.get());
+          av_packet_unref(packet.get());
+          // A damaged packet is skipped; the next key frame recovers.
+          if (!ours || (rc < 0 && rc != AVERROR(EAGAIN))) continue;
+        }
+      }
+      for (;;) {
+        int rc = avcodec_receive_frame(&decoder, frame.get());
+        if (rc == AVERROR(EAGAIN)) {
+          if (!draining) break;
+          rc = AVERROR_EOF;  // a flushed decoder has nothing more to give
+        }
+        if (rc < 0) {
+          if (picture) return std::nullopt;
+          return Error::media("no picture could be decoded");
+        }
+        int64_t when = frame->best_effort_timestamp;
+        picture.reset(av_frame_clone(frame.get()));
+        av_frame_unref(frame.get());
+        if (!picture) return Error::internal("out of memory");
+        if (when == AV_NOPTS_VALUE || when >= target) return std::nullopt;
+      }
+    }
+  }
+};
+
+}  // namespace
+
+void fitInside(int width, int height, int maxWidth, int maxHeight, int& fitWidth, int& fitHeight) {
+  double scale = 1.0;
+  if (width > 0 && height > 0 && maxWidth > 0 && maxHeight > 0) {
+    scale = std::min({1.0, static_cast<double>(maxWidth) / width,
+                      static_cast<double>(maxHeight) / height});
+  }
+  auto even = [](double value) { return std::max(2, static_cast<int>(std::lround(value / 2)) * 2); };
+  fitWidth = even(width * scale);
+  fitHeight = even(height * scale);
+  if (maxWidth > 0) fitWidth = std::min(fitWidth, maxWidth / 2 * 2);
+  if (maxHeight > 0) fitHeight = std::min(fitHeight, maxHeight / 2 * 2);
+}
+
+std::unique_ptr<FrameGrabber> makeFfmpegFrameGrabber() {
+  return std::make_unique<FfmpegFrameGrabber>();
+}
+
+}  // namespace nembra

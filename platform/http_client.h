@@ -1,0 +1,74 @@
+// The HTTP seam: requests and file uploads as tasks that are created suspended, started with
+// resume(), and report through HttpTaskEvents. The service side talks HTTP only through it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "nembra/error.h"
+
+namespace nembra {
+
+class HttpTask;
+
+// Header lines in the order they are sent or were received. Names keep their spelling.
+using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
+
+struct HttpRequest {
+  std::string method = "GET";
+  std::string url;
+  HttpHeaders headers;
+  // Absent: no body at all (a GET). Present but empty: a body of zero bytes.
+  std::optional<std::vector<uint8_t>> body;
+};
+
+struct HttpResponse {
+  // 0 when no response arrived (the request failed before a status line).
+  int status = 0;
+  // The URL that answered, after any redirects.
+  std::string url;
+  // Headers of the final response.
+  HttpHeaders headers;
+
+  // The first header named |name|, compared without regard to case.
+  std::optional<std::string> header(std::string_view name) const;
+};
+
+// What a task reports. Both run on the client's callback queue, never on the caller's stack,
+// and a task's events arrive in order: progress events, then exactly one completion.
+struct HttpTaskEvents {
+  // Request body bytes handed to the network: this step, so far, and the total to send.
+  std::function<void(HttpTask& task, int64_t bytesSent, int64_t totalBytesSent,
+                     int64_t totalBytesExpectedToSend)>
+      progress;
+  std::function<void(HttpTask& task, std::vector<uint8_t> body, const HttpResponse& response,
+                     const OptionalError& error)>
+      completion;
+};
+
+class HttpClient {
+ public:
+  virtual ~HttpClient() = default;
+
+  // A task sending |request| (with its in-memory body, if any). Nothing is sent until resume().
+  virtual std::shared_ptr<HttpTask> dataTask(HttpRequest request, HttpTaskEvents events) = 0;
+
+  // A task sending the file at |filePath| as the body of |request|. The file is opened here, so
+  // what is sent is the file as it is now even if the path is later replaced or removed; a file
+  // that cannot be opened makes the task complete with a File error once resumed.
+  virtual std::shared_ptr<HttpTask> uploadTask(HttpRequest request, const std::string& filePath,
+                                               HttpTaskEvents events) = 0;
+
+  // A task that sends nothing and, once resumed, completes with |error|: lets a caller that
+  // finds bad input before any request still answer through the usual completion path.
+  virtual std::shared_ptr<HttpTask> failedTask(HttpRequest request, Error error,
+                                               HttpTaskEvents events) = 0;
+};
+
+}  // namespace nembra

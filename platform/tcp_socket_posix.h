@@ -1,0 +1,36 @@
+// The POSIX implementation of TcpSocket.
+#pragma once
+
+#include <atomic>
+
+#include "platform/tcp_socket.h"
+
+namespace nembra {
+
+class TcpSocketPosix : public TcpSocket {
+ public:
+  TcpSocketPosix() = default;
+  ~TcpSocketPosix() override;
+  TcpSocketPosix(const TcpSocketPosix&) = delete;
+  TcpSocketPosix& operator=(const TcpSocketPosix&) = delete;
+
+  TcpConnectStatus connect(const std::string& host, uint16_t port,
+                           const TcpTimeouts& timeouts) override;
+  TcpIoResult sendAll(std::span<const std::span<const uint8_t>> buffers) override;
+  TcpIoResult receiveSome(std::span<uint8_t> buffer) override;
+  TcpIoResult receiveAll(std::span<uint8_t> buffer) override;
+  bool waitReadable(std::chrono::milliseconds timeout) override;
+  size_t bytesAvailable() override;
+  void close() override;
+  bool isOpen() const override;
+  TcpSocketCounters counters() const override;
+
+ private:
+  std::atomic<int> fd_{-1};
+  std::atomic<uint64_t> sendCalls_{0};
+  std::atomic<uint64_t> receiveCalls_{0};
+  std::atomic<uint64_t> pollCalls_{0};
+  std::atomic<uint64_t> nameLookups_{0};
+};
+
+}  // namespace nembra

@@ -1,0 +1,43 @@
+// One request as a route sees it: the HTTP request and response, the body reader (only when a
+// body was sent), the path's token parameters, and the helpers that read parameters and bodies
+// within limits.
+//
+// Threading: lives on the HTTP worker thread serving the request.
+#pragma once
+
+#include <httplib.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "service/form_params.h"
+#include "service/result.h"
+
+namespace nembra {
+
+struct RestRequest {
+  const httplib::Request& http;
+  httplib::Response& response;
+  const httplib::ContentReader* reader = nullptr;  // null: no body
+  std::vector<std::pair<std::string, std::string>> pathParams;
+
+  // The path parameter named |name| in the route pattern (":name"); "" when absent.
+  const std::string& path(std::string_view name) const;
+
+  // The query string's parameters, read from the raw request target.
+  Result<FormParams> query() const;
+  // The declared Content-Length, or nothing when the body is chunked or absent.
+  std::optional<uint64_t> declaredLength() const;
+  // The whole body, refused with 413 beyond |limit| bytes (before reading when the length is
+  // declared).
+  Result<std::string> readBody(uint64_t limit) const;
+  // Query parameters followed by the body's: a form body (application/x-www-form-urlencoded) or
+  // a JSON object whose values become text. Other body types are refused with 415, malformed
+  // ones with 400.
+  Result<FormParams> readParams(uint64_t limit) const;
+};
+
+}  // namespace nembra

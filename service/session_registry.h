@@ -1,0 +1,60 @@
+// Sessions and the applications they act for. POST "/session" hands out a session token; every
+// other call carries it as the value of the parameter named by the SDK's fixed prefix followed
+// by the application token. A session belongs to the first application it is used with.
+//
+// Which applications are served: with an allow-list, exactly those; without one, any safe token,
+// recorded on first use.
+//
+// Threading: any thread. Sessions and applications are cached in memory behind a mutex; the
+// store is written only when something changes.
+#pragma once
+
+#include <mutex>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "service/form_params.h"
+#include "service/media_store.h"
+#include "service/result.h"
+
+namespace nembra {
+
+// Who a request acts as, once authenticated.
+struct RequestAuth {
+  std::string application;
+  std::string session;
+  std::string sessionDigest;  // shown in replies in place of the session token
+  std::string clientAuth;     // "client_auth" of this request, when sent
+  std::string serverAuth;     // "server_auth" of this request, when sent
+};
+
+class SessionRegistry {
+ public:
+  // Kept as is: the SDK derives the session parameter's name from exactly this prefix.
+  static constexpr const char* kSessionKeyPrefix = "k3v9qd72mx0wzr5hub81tnea";
+
+  SessionRegistry(MediaStore& store, std::vector<std::string> allowedApplications);
+
+  Result<std::string> createSession();
+
+  // True when |application| is a safe token this service serves.
+  bool serves(const std::string& application) const;
+
+  // Checks that |params| carry a live session for |application| (401 otherwise) and records the
+  // request's "client_auth" and "server_auth". With an empty |application| (the SDK's host-less
+  // paths) the application is the one the session parameter's name carries.
+  Result<RequestAuth> authenticate(const std::string& application, const FormParams& params);
+
+ private:
+  Result<SessionRecord> lookup(const std::string& token);
+
+  MediaStore& store_;
+  const std::set<std::string> allowed_;
+  std::mutex mutex_;
+  std::unordered_map<std::string, SessionRecord> sessions_;  // guarded by mutex_
+  std::set<std::string> knownApplications_;                  // guarded by mutex_
+};
+
+}  // namespace nembra

@@ -1,0 +1,89 @@
+#include "streaming/rtmp_chunk_demuxer.h"
+
+#include <algorithm>
+#include <string>
+
+#include "streaming/stream_log.h"
+
+namespace nembra {
+
+RTMPChunkDemuxer::RTMPChunkDemuxer(std::shared_ptr<IReceiver<RTMPPacket>> packetReceiver)
+    : packetReceiver_(std::move(packetReceiver)), chunkSize_(rtmp::kDefaultChunkSize) {}
+
+RTMPChunkDemuxer::~RTMPChunkDemuxer() = default;
+
+void RTMPChunkDemuxer::SetChunkSize(uint64_t size) {
+  chunkSize_.store(size, std::memory_order_relaxed);
+  for (auto& slot : publishedParsers_) {
+    if (RTMPChunkParser* parser = slot.load(std::memory_order_acquire)) {
+      parser->SetChunkSize(size);
+    }
+  }
+}
+
+RTMPChunkParser& RTMPChunkDemuxer::ParserFor(RTMPChannel channel) {
+  const auto index = static_cast<size_t>(channel);
+  if (!parsers_[index]) {
+    parsers_[index] = std::make_unique<RTMPChunkParser>(packetReceiver_, channel);
+    // Unlike outgoing channels, a new incoming one follows the size already announced: the
+    // peer chunks every stream with it, and framing depends on it.
+    parsers_[index]->SetChunkSize(ChunkSize());
+    publishedParsers_[index].store(parsers_[index].get(), std::memory_order_release);
+    StreamLog::Write("new input channel created: " + std::to_string(index));
+  }
+  return *parsers_[index];
+}
+
+void RTMPChunkDemuxer::StartChunk(uint8_t basicHeader) {
+  StreamLog::Write("going to receive data");
+  const rtmp::BasicHeaderFields fields = rtmp::ParseBasicHeader(basicHeader);
+  chunkParser_ = &ParserFor(fields.channel);
+  headerLength_ = rtmp::ChunkHeaderLength(fields.fmt);
+  chunkLength_ = 0;
+  chunk_.emplace(MediaType::Data, MediaCodec::None, fields.fmt);
+  chunk_->Data().reserve(rtmp::kMaxHeaderLength);
+  chunk_->Data().push_back(basicHeader);
+  stage_ = Stage::MessageHeader;
+}
+
+size_t RTMPChunkDemuxer::PayloadLength() const {
+  const std::vector<uint8_t>& header = chunk_->Data();
+  if (rtmp::HasMessageLength(chunk_->HeaderSize())) {
+    return std::min<uint64_t>(rtmp::MessageLengthField(header), ChunkSize());
+  }
+  return chunkParser_->GetNextChunkSize();
+}
+
+void RTMPChunkDemuxer::Consume(std::span<const uint8_t> bytes) {
+  while (!bytes.empty()) {
+    if (stage_ == Stage::BasicHeader) {
+      StartChunk(bytes.front());
+      bytes = bytes.subspan(1);
+    }
+    std::vector<uint8_t>& data = chunk_->Data();
+    if (stage_ == Stage::MessageHeader) {
+      const size_t take = std::min(headerLength_ - data.size(), bytes.size());
+      data.insert(data.end(), bytes.begin(), bytes.begin() + take);
+      bytes = bytes.subspan(take);
+      if (data.size() < headerLength_) {
+        return;
+      }
+      chunkLength_ = headerLength_ + PayloadLength();
+      data.reserve(chunkLength_);
+      stage_ = Stage::Payload;
+    }
+    const size_t take = std::min(chunkLength_ - data.size(), bytes.size());
+    data.insert(data.end(), bytes.begin(), bytes.begin() + take);
+    bytes = bytes.subspan(take);
+    if (data.size() < chunkLength_) {
+      return;
+    }
+    // Reset before handing on: the parser or the packet receiver may throw.
+    RTMPChunk chunk = std::move(*chunk_);
+    chunk_.reset();
+    stage_ = Stage::BasicHeader;
+    chunkParser_->PutFrame(chunk);
+  }
+}
+
+}  // namespace nembra
