@@ -18,9 +18,8 @@ namespace nembra {
 
 class BackgroundTaskContext {
  public:
-  using CompletionHandler = std::function<void(const std::vector<uint8_t>& data,
-                                               const HttpResponse& response,
-                                               const OptionalError& error)>;
+  using CompletionHandler = std::function<void(
+      const std::vector<uint8_t>& data, const HttpResponse& response, const OptionalError& error)>;
   using ProgressHandler =
       std::function<void(int64_t totalBytesSent, int64_t totalBytesExpectedToSend)>;
 

@@ -1,7 +1,6 @@
 #include "api/nembra_connect.h"
 
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -12,6 +11,7 @@
 
 #include "api/nembra.h"
 #include "api/percent_encoding.h"
+#include "api/utils.h"
 #include "platform/file_system.h"
 #include "platform/http_curl_client.h"
 
@@ -27,22 +27,6 @@ constexpr const char* kNullText = "(null)";
 // Upload body names count whole seconds from 2001-01-01 UTC, as they always have.
 constexpr int64_t kAbsoluteTimeEpochOffset = 978307200;
 
-std::string describe(const Json& value) {
-  switch (value.type()) {
-    case Json::value_t::string: return value.get_ref<const std::string&>();
-    case Json::value_t::boolean: return value.get<bool>() ? "1" : "0";
-    case Json::value_t::number_integer: return std::to_string(value.get<int64_t>());
-    case Json::value_t::number_unsigned: return std::to_string(value.get<uint64_t>());
-    case Json::value_t::number_float: {
-      char buffer[32];
-      auto result = std::to_chars(buffer, buffer + sizeof(buffer), value.get<double>());
-      return std::string(buffer, result.ptr);
-    }
-    case Json::value_t::null: return "<null>";
-    default: return value.dump(-1, ' ', false, Json::error_handler_t::replace);
-  }
-}
-
 std::string queryString(const Json& parameters) {
   std::string query;
   if (!parameters.is_object()) return query;
@@ -50,7 +34,8 @@ std::string queryString(const Json& parameters) {
   // too: kept, the service parses exactly this form.
   for (const auto& entry : parameters.items()) {
     query += entry.key() + "=" +
-             percentEncode(describe(entry.value()), PercentEncodingSet::UrlQueryAllowed) + "&";
+             percentEncode(Utils::textualForm(entry.value()), PercentEncodingSet::UrlQueryAllowed) +
+             "&";
   }
   return query;
 }
@@ -114,8 +99,8 @@ ShapedJson shapeJson(const std::vector<uint8_t>& body, const HttpResponse& respo
                                   " is JSON but neither an object nor an array");
     }
   } catch (const Json::exception& e) {
-    shaped.error = Error::parse("the reply from " + response.url + " is not valid JSON: " +
-                                e.what());
+    shaped.error =
+        Error::parse("the reply from " + response.url + " is not valid JSON: " + e.what());
   }
   return shaped;
 }
@@ -330,23 +315,23 @@ NembraConnect::TaskHandle NembraConnect::addSessionData(const Parameters& data,
   if (!callback) return nullptr;
   // The session request itself carries neither the session nor the tokens.
   if (path == kSessionPath) return callback(data);
-  return getSession([this, data, callback = std::move(callback)](
-                        const std::optional<std::string>& key,
-                        const std::optional<std::string>& value) {
-    Parameters completed = data.is_object() ? data : Parameters::object();
-    if (key) {
-      if (value) {
-        completed[*key] = *value;
-      } else {
-        completed.erase(*key);
-      }
-    }
-    std::optional<std::string> clientAuth = getClientAuthToken();
-    std::optional<std::string> serverAuth = getServerAuthToken();
-    if (clientAuth) completed["client_auth"] = *clientAuth;
-    if (serverAuth) completed["server_auth"] = *serverAuth;
-    return callback(completed);
-  });
+  return getSession(
+      [this, data, callback = std::move(callback)](const std::optional<std::string>& key,
+                                                   const std::optional<std::string>& value) {
+        Parameters completed = data.is_object() ? data : Parameters::object();
+        if (key) {
+          if (value) {
+            completed[*key] = *value;
+          } else {
+            completed.erase(*key);
+          }
+        }
+        std::optional<std::string> clientAuth = getClientAuthToken();
+        std::optional<std::string> serverAuth = getServerAuthToken();
+        if (clientAuth) completed["client_auth"] = *clientAuth;
+        if (serverAuth) completed["server_auth"] = *serverAuth;
+        return callback(completed);
+      });
 }
 
 NembraConnect::TaskHandle NembraConnect::getSession(SessionCallback callback) {
@@ -367,7 +352,7 @@ NembraConnect::TaskHandle NembraConnect::getSession(SessionCallback callback) {
         std::optional<std::string> value;
         if (json && json->is_object()) {
           auto token = json->find("token");
-          if (token != json->end() && !token->is_null()) value = describe(*token);
+          if (token != json->end() && !token->is_null()) value = Utils::textualForm(*token);
         }
         std::string key = std::string(kSessionKeyPrefix) + application_.token();
         {
@@ -420,16 +405,17 @@ NembraConnect::TaskHandle NembraConnect::uploadFileWithPath(
     const std::string& fileExtension, DataCallback callback, ProgressCallback progress) {
   if (!parameters.is_null() && !parameters.is_object()) {
     HttpRequest request{"POST", path, {}, std::nullopt};
-    return startUpload(std::move(request), identifier, "",
-                       Error::invalidArgument("the form fields of the upload to " + path +
-                                              " must be a JSON object, not " +
-                                              parameters.type_name()),
-                       std::move(callback), std::move(progress));
+    return startUpload(
+        std::move(request), identifier, "",
+        Error::invalidArgument("the form fields of the upload to " + path +
+                               " must be a JSON object, not " + parameters.type_name()),
+        std::move(callback), std::move(progress));
   }
   return addSessionData(
       parameters, path,
       [this, path, parameters, identifier, filePath, fileName, mimeType, fileExtension,
-       callback = std::move(callback), progress = std::move(progress)](const Parameters& completed) {
+       callback = std::move(callback),
+       progress = std::move(progress)](const Parameters& completed) {
         HttpRequest request;
         request.method = "POST";
         request.url =
@@ -474,9 +460,8 @@ std::string NembraConnect::generateBoundaryString() {
 
 int64_t NembraConnect::createBodyWithBoundary(const std::string& boundary,
                                               const Parameters& parameters,
-                                              std::istream& inputStream,
-                                              std::ostream& outputStream, const std::string& name,
-                                              const std::string& fileName,
+                                              std::istream& inputStream, std::ostream& outputStream,
+                                              const std::string& name, const std::string& fileName,
                                               const std::string& contentType) {
   int64_t written = 0;
   if (parameters.is_object()) {
@@ -484,14 +469,14 @@ int64_t NembraConnect::createBodyWithBoundary(const std::string& boundary,
       written += streamWriteString("--" + boundary + "\r\n", outputStream);
       written += streamWriteString(
           "Content-Disposition: form-data; name=\"" + entry.key() + "\"\r\n\r\n", outputStream);
-      written += streamWriteString(describe(entry.value()) + "\r\n", outputStream);
+      written += streamWriteString(Utils::textualForm(entry.value()) + "\r\n", outputStream);
     }
   }
   written += streamWriteString("--" + boundary + "\r\n", outputStream);
   // The ";" after the file name is part of the layout the storage side has always accepted.
-  written += streamWriteString("Content-Disposition: form-data; name=\"" + name +
-                                   "\"; filename=\"" + fileName + "\";\r\n",
-                               outputStream);
+  written += streamWriteString(
+      "Content-Disposition: form-data; name=\"" + name + "\"; filename=\"" + fileName + "\";\r\n",
+      outputStream);
   written += streamWriteString("Content-Type: " + contentType + "\r\n\r\n", outputStream);
   written += blockCopyFrom(inputStream, outputStream);
   written += streamWriteString("\r\n--" + boundary + "--\r\n", outputStream);
@@ -647,8 +632,7 @@ NembraConnect::TaskHandle NembraConnect::startForegroundRequest(HttpRequest requ
 NembraConnect::TaskHandle NembraConnect::startUpload(HttpRequest request,
                                                      const std::string& identifier,
                                                      const std::string& bodyPath,
-                                                     OptionalError bodyError,
-                                                     DataCallback callback,
+                                                     OptionalError bodyError, DataCallback callback,
                                                      ProgressCallback progress) {
   HttpTaskEvents events;
   events.progress = [this](HttpTask& task, int64_t bytesSent, int64_t totalBytesSent,

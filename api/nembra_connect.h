@@ -48,18 +48,17 @@ class NembraConnect {
   using Bytes = std::vector<uint8_t>;
   using TaskHandle = std::shared_ptr<HttpTask>;
   // Body bytes as received, the response (status 0 when none arrived), the transport error.
-  using DataCallback =
-      std::function<void(const Bytes& data, const HttpResponse& response, const OptionalError& error)>;
+  using DataCallback = std::function<void(const Bytes& data, const HttpResponse& response,
+                                          const OptionalError& error)>;
   // The body as UTF-8 text; absent when there is an error. A body that is not valid UTF-8
   // gives no text and a Parse error.
-  using StringCallback = std::function<void(const std::optional<std::string>& text,
-                                            const HttpResponse& response,
-                                            const OptionalError& error)>;
+  using StringCallback =
+      std::function<void(const std::optional<std::string>& text, const HttpResponse& response,
+                         const OptionalError& error)>;
   // The parsed body (an object or an array); absent when the body has two bytes or fewer, on a
   // transport error, or when it does not parse (the error is then a Parse error).
-  using JsonCallback = std::function<void(const std::optional<Json>& json,
-                                          const HttpResponse& response,
-                                          const OptionalError& error)>;
+  using JsonCallback = std::function<void(
+      const std::optional<Json>& json, const HttpResponse& response, const OptionalError& error)>;
   using ProgressCallback = BackgroundTaskContext::ProgressHandler;
   using ParametersCallback = std::function<TaskHandle(const Parameters& completed)>;
   using SessionCallback = std::function<TaskHandle(const std::optional<std::string>& key,
@@ -106,8 +105,7 @@ class NembraConnect {
   TaskHandle postWithPath(const std::string& path, const Parameters& data, DataCallback callback);
   TaskHandle postJsonWithPath(const std::string& path, const Parameters& data,
                               JsonCallback callback);
-  TaskHandle deleteWithPath(const std::string& path, const Parameters& data,
-                            DataCallback callback);
+  TaskHandle deleteWithPath(const std::string& path, const Parameters& data, DataCallback callback);
   TaskHandle deleteJsonWithPath(const std::string& path, const Parameters& data,
                                 JsonCallback callback);
 

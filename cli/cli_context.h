@@ -51,5 +51,7 @@ void printDeviceReport(const Json& report, std::ostream& out);
 void registerRequestCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerDeviceInfoCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerDemoCommand(CLI::App& app, CliContext& context, int& exitCode);
+void registerServeCommand(CLI::App& app, CliContext& context, int& exitCode);
+void registerStreamCommand(CLI::App& app, CliContext& context, int& exitCode);
 
 }  // namespace nembra

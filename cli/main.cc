@@ -31,6 +31,7 @@ int main(int argc, char** argv) {
   nembra::registerRequestCommand(app, context, exitCode);
   nembra::registerDeviceInfoCommand(app, context, exitCode);
   nembra::registerDemoCommand(app, context, exitCode);
+  nembra::registerStreamCommand(app, context, exitCode);
 #ifdef NEMBRA_HAVE_SERVICE
   nembra::registerServeCommand(app, context, exitCode);
 #endif

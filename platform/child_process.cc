@@ -74,6 +74,7 @@ void buildEnvironment(const std::vector<std::string>& extra, LaunchPlan& plan) {
   if (!options.workingDirectory.empty() && ::chdir(options.workingDirectory.c_str()) != 0) fail();
   ::execvpe(plan.argv[0], plan.argv.data(), plan.envp.data());
   fail();
+  _exit(127);  // not reached: fail() exits
 }
 
 }  // namespace

@@ -25,14 +25,12 @@ std::shared_ptr<const HttpCaBundle> HttpCaBundle::withExtraRoots(
   std::string extra;
   if (!readWhole(extraPemPath, extra)) {
     int code = errno;
-    error = Error::file("cannot read the extra TLS roots in " + extraPemPath + ": " +
-                            std::strerror(code),
-                        code);
+    error = Error::file(
+        "cannot read the extra TLS roots in " + extraPemPath + ": " + std::strerror(code), code);
     return nullptr;
   }
   if (extra.find("-----BEGIN CERTIFICATE-----") == std::string::npos) {
-    error = Error::file("the extra TLS roots file " + extraPemPath +
-                        " holds no PEM certificate");
+    error = Error::file("the extra TLS roots file " + extraPemPath + " holds no PEM certificate");
     return nullptr;
   }
   std::string pem;

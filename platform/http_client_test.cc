@@ -1,15 +1,12 @@
 #include <curl/curl.h>
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
 #include <atomic>
-#include <fstream>
 
-#include "platform/http_body_file.h"
 #include "platform/http_curl_client.h"
-#include "platform/http_test_server.h"
+#include "platform/http_test_support.h"
 #include "platform/main_queue.h"
 
 namespace nembra {
@@ -17,45 +14,10 @@ namespace {
 
 using nembra::testing::HttpTestServer;
 using nembra::testing::ScratchDirectory;
+using nembra::testing::Sha256;
+using nembra::testing::writePatternFile;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-
-class Sha256 {
- public:
-  Sha256() : context_(EVP_MD_CTX_new()) { EVP_DigestInit_ex(context_, EVP_sha256(), nullptr); }
-  ~Sha256() { EVP_MD_CTX_free(context_); }
-  void update(const void* data, size_t length) { EVP_DigestUpdate(context_, data, length); }
-  std::string hex() {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned length = 0;
-    EVP_DigestFinal_ex(context_, digest, &length);
-    static constexpr char kHex[] = "0123456789abcdef";
-    std::string text;
-    for (unsigned i = 0; i < length; ++i) {
-      text += kHex[digest[i] >> 4];
-      text += kHex[digest[i] & 0xF];
-    }
-    return text;
-  }
-
- private:
-  EVP_MD_CTX* context_;
-};
-
-// Writes |size| bytes of a fixed pattern to |path|; returns their SHA-256.
-std::string writePatternFile(const std::string& path, size_t size) {
-  std::ofstream out(path, std::ios::binary);
-  Sha256 hash;
-  std::vector<char> block(1 << 16);
-  for (size_t written = 0; written < size;) {
-    size_t n = std::min(block.size(), size - written);
-    for (size_t i = 0; i < n; ++i) block[i] = static_cast<char>(((written + i) * 131) % 251);
-    out.write(block.data(), static_cast<std::streamsize>(n));
-    hash.update(block.data(), n);
-    written += n;
-  }
-  return hash.hex();
-}
 
 struct Outcome {
   int completions = 0;
@@ -183,51 +145,17 @@ INSTANTIATE_TEST_SUITE_P(
     Methods, HttpRequestTest,
     ::testing::Values(
         RequestCase{"GetWithQuery", "GET", "/a/b?x=1&y=%20z&", {}, std::nullopt, 200},
-        RequestCase{"DeleteNotFound", "DELETE", "/items/7?", {{"X-Token", "abc"}}, std::nullopt,
-                    404},
-        RequestCase{"PostForm",
-                    "POST",
-                    "/session",
-                    {{"Content-Type", "application/x-www-form-urlencoded"},
-                     {"Content-Length", "8"}},
-                    "a=1&b=2&",
-                    201},
+        RequestCase{
+            "DeleteNotFound", "DELETE", "/items/7?", {{"X-Token", "abc"}}, std::nullopt, 404},
+        RequestCase{
+            "PostForm",
+            "POST",
+            "/session",
+            {{"Content-Type", "application/x-www-form-urlencoded"}, {"Content-Length", "8"}},
+            "a=1&b=2&",
+            201},
         RequestCase{"PostEmptyBody", "POST", "/e", {{"Content-Length", "0"}}, "", 500}),
     [](const auto& info) { return std::string(info.param.name); });
-
-struct FailureCase {
-  const char* name;
-  bool refused;  // else an unresolvable host
-  CURLcode code;
-};
-
-class HttpTransportFailureTest : public HttpClientTest,
-                                 public ::testing::WithParamInterface<FailureCase> {};
-
-TEST_P(HttpTransportFailureTest, ReachesTheCallbackAsTransportErrorNamingTheUrl) {
-  const FailureCase& c = GetParam();
-  std::string url = c.refused
-                        ? "http://127.0.0.1:" + std::to_string(HttpTestServer::closedPort()) + "/x"
-                        : "http://no-such-host.invalid/x";
-  auto outcome = std::make_shared<Outcome>();
-  client_->dataTask({"GET", url, {}, std::nullopt}, eventsInto(outcome))->resume();
-  ASSERT_TRUE(waitForCompletion(*outcome));
-  main_.runUntilIdle();
-
-  EXPECT_EQ(outcome->completions, 1);
-  ASSERT_TRUE(outcome->error);
-  EXPECT_EQ(outcome->error->kind, ErrorKind::Transport);
-  EXPECT_EQ(outcome->error->code, c.code);
-  EXPECT_NE(outcome->error->message.find(url), std::string::npos) << outcome->error->message;
-  EXPECT_NE(outcome->error->message.find(curl_easy_strerror(c.code)), std::string::npos);
-  EXPECT_EQ(outcome->response.status, 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(Failures, HttpTransportFailureTest,
-                         ::testing::Values(FailureCase{"Refused", true, CURLE_COULDNT_CONNECT},
-                                           FailureCase{"UnknownHost", false,
-                                                       CURLE_COULDNT_RESOLVE_HOST}),
-                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(HttpClientTest, NothingIsSentBeforeResumeAndCancellingAnUnstartedTaskSendsNothing) {
   server_.on("GET", ".*", [](const httplib::Request&, httplib::Response& reply) {
@@ -255,52 +183,7 @@ TEST_F(HttpClientTest, NothingIsSentBeforeResumeAndCancellingAnUnstartedTaskSend
   EXPECT_EQ(received[0].target, "/ping");
 }
 
-TEST_F(HttpClientTest, UploadStreamsTheFileAndReportsOrderedProgress) {
-  server_.server().Post("/upload", [](const httplib::Request& request, httplib::Response& reply,
-                                      const httplib::ContentReader& reader) {
-    Sha256 hash;
-    size_t total = 0;
-    reader([&](const char* data, size_t length) {
-      hash.update(data, length);
-      total += length;
-      return true;
-    });
-    reply.set_content(hash.hex() + " " + std::to_string(total) + " " +
-                          request.get_header_value("Content-Type"),
-                      "text/plain");
-  });
-  server_.start();
-  const size_t size = 8 * 1024 * 1024 + 123;
-  std::string path = scratch_.path() + "/body.bin";
-  std::string expectedHash = writePatternFile(path, size);
-
-  auto outcome = std::make_shared<Outcome>();
-  HttpRequest request = uploadRequest();
-  request.headers = {{"Content-Type", "application/octet-stream"}};
-  auto task = client_->uploadTask(request, path, eventsInto(outcome));
-  task->resume();
-  ASSERT_TRUE(waitForCompletion(*outcome));
-  main_.runUntilIdle();
-
-  ASSERT_FALSE(outcome->error) << outcome->error->message;
-  EXPECT_EQ(outcome->body,
-            expectedHash + " " + std::to_string(size) + " application/octet-stream");
-  ASSERT_FALSE(outcome->progress.empty());
-  int64_t previous = 0;
-  int64_t steps = 0;
-  for (const auto& event : outcome->progress) {
-    EXPECT_EQ(event.task, task->taskIdentifier());
-    EXPECT_EQ(event.expected, static_cast<int64_t>(size));
-    EXPECT_GT(event.total, previous);
-    EXPECT_EQ(event.step, event.total - previous);
-    previous = event.total;
-    steps += event.step;
-  }
-  EXPECT_EQ(previous, static_cast<int64_t>(size));
-  EXPECT_EQ(steps, static_cast<int64_t>(size));
-}
-
-TEST_F(HttpClientTest, SuspendedUploadSendsNothingUntilResumed) {
+TEST_F(HttpClientTest, SuspendedUploadSendsNothingUntilResumedAndProgressAddsUp) {
   serveSlowUploads();
   server_.start();
   const size_t size = 8 * 1024 * 1024;
@@ -321,8 +204,18 @@ TEST_F(HttpClientTest, SuspendedUploadSendsNothingUntilResumed) {
 
   task->resume();
   ASSERT_TRUE(waitForCompletion(*outcome, seconds(60)));
+  main_.runUntilIdle();
   ASSERT_FALSE(outcome->error) << outcome->error->message;
   EXPECT_EQ(outcome->body, expectedHash + " " + std::to_string(size));
+  int64_t previous = 0;
+  for (const auto& event : outcome->progress) {
+    EXPECT_EQ(event.task, task->taskIdentifier());
+    EXPECT_EQ(event.expected, static_cast<int64_t>(size));
+    EXPECT_EQ(event.step, event.total - previous);
+    EXPECT_GT(event.total, previous);
+    previous = event.total;
+  }
+  EXPECT_EQ(previous, static_cast<int64_t>(size));
 }
 
 TEST_F(HttpClientTest, CancelledUploadCompletesOnceWithCancelled) {
@@ -360,19 +253,6 @@ TEST_F(HttpClientTest, FileTruncatedWhileSendingFailsWithFileError) {
       << outcome->error->message;
 }
 
-TEST_F(HttpClientTest, MissingUploadFileFailsWithoutSending) {
-  serveSlowUploads();
-  server_.start();
-  std::string path = scratch_.path() + "/gone.bin";
-  auto outcome = std::make_shared<Outcome>();
-  client_->uploadTask(uploadRequest(), path, eventsInto(outcome))->resume();
-  ASSERT_TRUE(waitForCompletion(*outcome));
-  ASSERT_TRUE(outcome->error);
-  EXPECT_EQ(outcome->error->kind, ErrorKind::File);
-  EXPECT_NE(outcome->error->message.find(path), std::string::npos);
-  EXPECT_TRUE(outcome->progress.empty());
-}
-
 TEST_F(HttpClientTest, DestroyingTheClientDropsRunningTasksWithoutCallingBack) {
   serveSlowUploads();
   server_.start();
@@ -387,22 +267,6 @@ TEST_F(HttpClientTest, DestroyingTheClientDropsRunningTasksWithoutCallingBack) {
   task->cancel();
   main_.runUntil([] { return false; }, milliseconds(200));
   EXPECT_EQ(outcome->completions, 0);
-}
-
-TEST(HttpBodyFileTest, ReadsAtMostOneBlockAndRejectsDirectories) {
-  ScratchDirectory scratch;
-  std::string path = scratch.path() + "/big.bin";
-  writePatternFile(path, 3 * HttpBodyFile::kBlockSize);
-  OptionalError error;
-  auto file = HttpBodyFile::open(path, error);
-  ASSERT_TRUE(file);
-  std::vector<char> buffer(1 << 20);
-  EXPECT_EQ(file->read(buffer.data(), buffer.size(), error), HttpBodyFile::kBlockSize);
-  EXPECT_FALSE(error);
-
-  EXPECT_FALSE(HttpBodyFile::open(scratch.path(), error));
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->kind, ErrorKind::File);
 }
 
 // A self-signed certificate for 127.0.0.1 and its key, for a loopback TLS server.
@@ -501,12 +365,12 @@ TEST_P(HttpTlsTest, VerifiesPeersAgainstSystemAndExtraRoots) {
 
 INSTANTIATE_TEST_SUITE_P(
     Roots, HttpTlsTest,
-    ::testing::Values(
-        TlsCase{"SelfSignedIsRejected", ExtraRoots::None, ErrorKind::Transport,
-                CURLE_PEER_FAILED_VERIFICATION},
-        TlsCase{"ExtraRootIsTrusted", ExtraRoots::TheServerCertificate, std::nullopt, 0},
-        TlsCase{"UnreadableExtraRootsFailEveryRequest", ExtraRoots::Unreadable, ErrorKind::File,
-                0}),
+    ::testing::Values(TlsCase{"SelfSignedIsRejected", ExtraRoots::None, ErrorKind::Transport,
+                              CURLE_PEER_FAILED_VERIFICATION},
+                      TlsCase{"ExtraRootIsTrusted", ExtraRoots::TheServerCertificate, std::nullopt,
+                              0},
+                      TlsCase{"UnreadableExtraRootsFailEveryRequest", ExtraRoots::Unreadable,
+                              ErrorKind::File, 0}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -38,9 +38,8 @@ CurlHttpClient::CurlHttpClient(Options options) : loop_(std::make_shared<CurlMul
   settings->lowSpeedLimit = options.lowSpeedLimit;
   settings->lowSpeedTime = options.lowSpeedTime;
   if (options.extraRootsPath) {
-    settings->caBundle =
-        HttpCaBundle::withExtraRoots(systemBundlePath(), *options.extraRootsPath,
-                                     configurationError_);
+    settings->caBundle = HttpCaBundle::withExtraRoots(systemBundlePath(), *options.extraRootsPath,
+                                                      configurationError_);
   }
   settings_ = std::move(settings);
 }

@@ -39,8 +39,8 @@ void CurlMultiLoop::start(std::shared_ptr<CurlTransfer> transfer) {
     }
     if (CURLMcode code = curl_multi_add_handle(multi_, easy); code != CURLM_OK) {
       transfer->release();
-      transfer->fail(Error::internal(std::string("cannot add a transfer: ") +
-                                     curl_multi_strerror(code)));
+      transfer->fail(
+          Error::internal(std::string("cannot add a transfer: ") + curl_multi_strerror(code)));
       return;
     }
     active_.emplace(easy, transfer);

@@ -226,8 +226,8 @@ void CurlTransfer::complete(HttpResponse response, OptionalError error) {
 }
 
 Error CurlTransfer::transportError(CURLcode result) const {
-  std::string message = request_.method + " " + request_.url + " failed: " +
-                        curl_easy_strerror(result);
+  std::string message =
+      request_.method + " " + request_.url + " failed: " + curl_easy_strerror(result);
   if (errorBuffer_[0] != '\0') message += std::string(" (") + errorBuffer_ + ")";
   if (result == CURLE_OPERATION_TIMEDOUT) {
     Error error = Error::timeout(std::move(message));

@@ -60,6 +60,18 @@ bool ConnectWithTimeout(int fd, const sockaddr_in& address, std::chrono::millise
 
 }  // namespace
 
+size_t tcpSkipSentBytes(std::span<iovec> buffers, size_t first, size_t sent) {
+  while (first < buffers.size() && sent >= buffers[first].iov_len) {
+    sent -= buffers[first].iov_len;
+    ++first;
+  }
+  if (first < buffers.size() && sent > 0) {
+    buffers[first].iov_base = static_cast<uint8_t*>(buffers[first].iov_base) + sent;
+    buffers[first].iov_len -= sent;
+  }
+  return first;
+}
+
 std::unique_ptr<TcpSocket> createTcpSocket() { return std::make_unique<TcpSocketPosix>(); }
 
 TcpSocketPosix::~TcpSocketPosix() { close(); }
@@ -130,16 +142,7 @@ TcpIoResult TcpSocketPosix::sendAll(std::span<const std::span<const uint8_t>> bu
       return result;
     }
     result.bytes += static_cast<size_t>(sent);
-    // Step over what went out; a buffer cut short is resumed from where it stopped.
-    size_t left = static_cast<size_t>(sent);
-    while (left > 0 && left >= pending[first].iov_len) {
-      left -= pending[first].iov_len;
-      ++first;
-    }
-    if (left > 0) {
-      pending[first].iov_base = static_cast<uint8_t*>(pending[first].iov_base) + left;
-      pending[first].iov_len -= left;
-    }
+    first = tcpSkipSentBytes(pending, first, static_cast<size_t>(sent));
   }
   return result;
 }

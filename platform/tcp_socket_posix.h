@@ -1,7 +1,11 @@
 // The POSIX implementation of TcpSocket.
 #pragma once
 
+#include <sys/uio.h>
+
 #include <atomic>
+#include <cstddef>
+#include <span>
 
 #include "platform/tcp_socket.h"
 
@@ -32,5 +36,10 @@ class TcpSocketPosix : public TcpSocket {
   std::atomic<uint64_t> pollCalls_{0};
   std::atomic<uint64_t> nameLookups_{0};
 };
+
+// After a gathered write of |sent| bytes from |buffers| starting at |first|: returns the index
+// of the first buffer with bytes left (buffers.size() when all went out) and trims that buffer
+// to its unsent tail.
+size_t tcpSkipSentBytes(std::span<iovec> buffers, size_t first, size_t sent);
 
 }  // namespace nembra

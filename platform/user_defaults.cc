@@ -35,7 +35,7 @@ void UserDefaults::loadLocked() {
   OptionalError error;
   std::optional<std::string> text = FileSystem::readFile(path_, &error);
   if (!text) {
-    if (error && error->code != ENOENT) report(error->message + "; starting with no settings");
+    if (error && error->code != ENOENT && error->code != ENOTDIR) report(error->message + "; starting with no settings");
     return;
   }
   Json parsed = Json::parse(*text, nullptr, /*allow_exceptions=*/false);

@@ -455,6 +455,17 @@ OptionalError MediaStore::deleteStream(const std::string& token) {
   return std::nullopt;
 }
 
+OptionalError MediaStore::resetLiveStreams(int64_t now) {
+  std::lock_guard lock(mutex_);
+  Statement query = prepare("UPDATE streams SET state = ?, updated = ? WHERE state = ?");
+  if (!query.valid()) return sqliteError("cannot prepare a statement");
+  query.bind(1, static_cast<int64_t>(StreamState::Created))
+      .bind(2, now)
+      .bind(3, static_cast<int64_t>(StreamState::Live));
+  if (query.step() != SQLITE_DONE) return sqliteError("cannot reset live streams");
+  return std::nullopt;
+}
+
 OptionalError MediaStore::insertUpload(const UploadTicket& ticket) {
   std::lock_guard lock(mutex_);
   Statement query = prepare("INSERT OR REPLACE INTO uploads (object_key, application, kind, media, stream, "

@@ -59,6 +59,8 @@ class MediaStore {
   Result<std::vector<StreamRecord>> listStreams(const std::string& media);
   OptionalError updateStream(const StreamRecord& stream);
   OptionalError deleteStream(const std::string& token);
+  // Streams left live by a service that stopped mid-publish go back to created.
+  OptionalError resetLiveStreams(int64_t now);
 
   OptionalError insertUpload(const UploadTicket& ticket);
   Result<std::optional<UploadTicket>> findUpload(const std::string& objectKey);

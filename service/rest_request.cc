@@ -33,6 +33,11 @@ const std::string& RestRequest::path(std::string_view name) const {
   return kEmpty;
 }
 
+std::string RestRequest::contentType() const {
+  if (http.has_header(kMultipartTypeHeader)) return http.get_header_value(kMultipartTypeHeader);
+  return http.get_header_value("Content-Type");
+}
+
 Result<FormParams> RestRequest::query() const {
   size_t mark = http.target.find('?');
   if (mark == std::string::npos) return FormParams();
@@ -76,7 +81,7 @@ Result<FormParams> RestRequest::readParams(uint64_t limit) const {
   if (!body) return body.error();
   if (body->empty()) return params;
 
-  std::string type = lowerMediaType(http.get_header_value("Content-Type"));
+  std::string type = lowerMediaType(contentType());
   if (type == "application/x-www-form-urlencoded") {
     auto form = FormParams::parse(*body);
     if (!form) return form;

@@ -24,6 +24,13 @@ struct RestRequest {
   const httplib::ContentReader* reader = nullptr;  // null: no body
   std::vector<std::pair<std::string, std::string>> pathParams;
 
+  // Where the server keeps a multipart body's Content-Type: the header is moved aside before
+  // routing so that the server library leaves such bodies to the routes' own reader.
+  static constexpr const char* kMultipartTypeHeader = "X-Nembra-Multipart-Type";
+
+  // The body's Content-Type as the client sent it.
+  std::string contentType() const;
+
   // The path parameter named |name| in the route pattern (":name"); "" when absent.
   const std::string& path(std::string_view name) const;
 

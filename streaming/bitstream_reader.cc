@@ -49,9 +49,7 @@ void BitstreamReader::Skip(size_t count) {
   SetPosition(count > size ? size : position_ + count);
 }
 
-size_t BitstreamReader::RemainingDataSize() const {
-  return data_ ? data_->size() - position_ : 0;
-}
+size_t BitstreamReader::RemainingDataSize() const { return data_ ? data_->size() - position_ : 0; }
 
 uint8_t BitstreamReader::GetByteInternal() {
   if (!data_ || position_ >= data_->size()) {

@@ -24,7 +24,9 @@ class BitstreamWriter {
   void PutBits(uint64_t value, unsigned count);
   // Aligned bulk write.
   void PutBytes(const uint8_t* first, const uint8_t* last);
-  void PutBytes(std::span<const uint8_t> bytes) { PutBytes(bytes.data(), bytes.data() + bytes.size()); }
+  void PutBytes(std::span<const uint8_t> bytes) {
+    PutBytes(bytes.data(), bytes.data() + bytes.size());
+  }
 
   size_t Position() const;
   // Positions at or past the end move the cursor to the end.

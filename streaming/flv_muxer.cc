@@ -30,8 +30,8 @@ uint32_t FLVMuxer::AddTrackImpl(MediaDescriptor descriptor) {
 
 void FLVMuxer::SendHeader() {
   if (headerSent_) return;
-  headerSent_ = true;
   SendMetadata();
+  headerSent_ = true;  // only once it is out: a refused send is retried with the next frame
 }
 
 void FLVMuxer::SendMetadata() {

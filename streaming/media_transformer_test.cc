@@ -1,3 +1,5 @@
+#include "streaming/media_transformer.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -7,8 +9,6 @@
 
 #include "streaming/flv_frame.h"
 #include "streaming/media_callback.h"
-#include "streaming/media_transformer.h"
-#include "streaming/rtmp_packet.h"
 
 namespace nembra {
 namespace {
@@ -58,9 +58,9 @@ MediaFrame FrameOf(std::vector<uint8_t> bytes) {
 
 TEST(MediaTransformerTest, HasMoreOutputYieldsSeveralOutputsForOneInput) {
   auto collector = std::make_shared<Collector>();
-  ScriptedTransformer transformer(collector,
-                                  {TransformResult::HasMoreOutput, TransformResult::HasMoreOutput,
-                                   TransformResult::Complete});
+  ScriptedTransformer transformer(
+      collector,
+      {TransformResult::HasMoreOutput, TransformResult::HasMoreOutput, TransformResult::Complete});
   transformer.PutFrame(FrameOf({1}));
   EXPECT_EQ(collector->payloads.size(), 3u);
   EXPECT_EQ(transformer.created, 3);
@@ -68,9 +68,9 @@ TEST(MediaTransformerTest, HasMoreOutputYieldsSeveralOutputsForOneInput) {
 
 TEST(MediaTransformerTest, NeedMoreInputKeepsOutputForNextInput) {
   auto collector = std::make_shared<Collector>();
-  ScriptedTransformer transformer(
-      collector, {TransformResult::NeedMoreInput, TransformResult::NeedMoreInput,
-                  TransformResult::Complete, TransformResult::Complete});
+  ScriptedTransformer transformer(collector,
+                                  {TransformResult::NeedMoreInput, TransformResult::NeedMoreInput,
+                                   TransformResult::Complete, TransformResult::Complete});
   transformer.PutFrame(FrameOf({1}));
   transformer.PutFrame(FrameOf({2}));
   EXPECT_TRUE(collector->payloads.empty());
@@ -88,13 +88,6 @@ TEST(MediaTransformerTest, CloseReachesNextReceiverAndDoesNotFlushOpenOutput) {
   EXPECT_TRUE(collector->payloads.empty());
 }
 
-TEST(MediaTransformerTest, WithoutNextReceiverOutputsAreDropped) {
-  ScriptedTransformer transformer(nullptr, {TransformResult::Complete});
-  transformer.PutFrame(FrameOf({1}));
-  transformer.Close();
-  EXPECT_EQ(transformer.created, 1);
-}
-
 TEST(MediaCallbackTest, EmptyCallableDropsFramesAndCallableSeesSameFrame) {
   MediaCallback<FLVFrame> dropping;
   dropping.PutFrame(FLVFrame(MediaType::Video, MediaCodec::H264, FLVTagType::Video));
@@ -106,29 +99,6 @@ TEST(MediaCallbackTest, EmptyCallableDropsFramesAndCallableSeesSameFrame) {
   });
   callback.PutFrame(frame);
   EXPECT_THAT(frame.Data(), ElementsAre(42));
-}
-
-TEST(MediaFrameTest, CopiesShareEverythingIncludingPacketHeader) {
-  RTMPPacket packet(MediaType::Video, MediaCodec::H264, RTMPChannel::Video, RTMPPacketType::Video,
-                    1);
-  RTMPPacket copy = packet;
-  copy.Data().push_back(7);
-  copy.SetPTS(1.5);
-  copy.SetKeyFrame(true);
-  copy.SetRTMPTimestamp(1500);
-  copy.SetRTMPPackedTimestamp(40);
-  copy.SetStreamID(9);
-  copy.SetChannel(RTMPChannel::Command);
-  copy.SetPacketType(RTMPPacketType::Command);
-  EXPECT_THAT(packet.Data(), ElementsAre(7));
-  EXPECT_EQ(packet.PTS(), 1.5);
-  EXPECT_TRUE(packet.KeyFrame());
-  EXPECT_EQ(packet.RTMPTimestamp(), 1500u);
-  EXPECT_EQ(packet.RTMPPackedTimestamp(), 40u);
-  EXPECT_EQ(packet.StreamID(), 9u);
-  EXPECT_EQ(packet.Channel(), RTMPChannel::Command);
-  EXPECT_EQ(packet.PacketType(), RTMPPacketType::Command);
-  EXPECT_EQ(packet.Descriptor().type, MediaType::Video);
 }
 
 }  // namespace

@@ -40,10 +40,10 @@ enum class RTMPPacketType : uint8_t {
 
 // The chunk header format (fmt): how much of the message header a chunk repeats.
 enum class RTMPChunkHeaderSize : uint8_t {
-  Full = 0,              // timestamp, length, type and stream id
-  SameStream = 1,        // timestamp delta, length and type
-  SameLengthAndType = 2, // timestamp delta only
-  Continuation = 3,      // no message header
+  Full = 0,               // timestamp, length, type and stream id
+  SameStream = 1,         // timestamp delta, length and type
+  SameLengthAndType = 2,  // timestamp delta only
+  Continuation = 3,       // no message header
 };
 
 enum class FLVTagType : uint8_t {

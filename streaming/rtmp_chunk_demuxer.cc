@@ -7,6 +7,10 @@
 
 namespace nembra {
 
+namespace {
+constexpr size_t kInitialPayloadReserve = 64 * 1024;
+}  // namespace
+
 RTMPChunkDemuxer::RTMPChunkDemuxer(std::shared_ptr<IReceiver<RTMPPacket>> packetReceiver)
     : packetReceiver_(std::move(packetReceiver)), chunkSize_(rtmp::kDefaultChunkSize) {}
 
@@ -69,7 +73,8 @@ void RTMPChunkDemuxer::Consume(std::span<const uint8_t> bytes) {
         return;
       }
       chunkLength_ = headerLength_ + PayloadLength();
-      data.reserve(chunkLength_);
+      // Trust an announced length only as far as bytes actually arrive.
+      data.reserve(std::min(chunkLength_, headerLength_ + kInitialPayloadReserve));
       stage_ = Stage::Payload;
     }
     const size_t take = std::min(chunkLength_ - data.size(), bytes.size());

@@ -71,9 +71,9 @@ TransformResult RTMPChunkFormatter::StartNewMessage(RTMPPacket& packet, RTMPChun
 TransformResult RTMPChunkFormatter::ContinueMessage(const RTMPPacket& packet, RTMPChunk& chunk) {
   chunk.SetHeaderSize(RTMPChunkHeaderSize::Continuation);
   std::vector<uint8_t>& data = chunk.Data();
-  data.reserve(1 + rtmp::kExtendedTimestampLength +
-               std::min<uint64_t>(packet.Data().size() - bytesWritten_,
-                                  std::max<uint64_t>(ChunkSize(), 1)));
+  data.reserve(
+      1 + rtmp::kExtendedTimestampLength +
+      std::min<uint64_t>(packet.Data().size() - bytesWritten_, std::max<uint64_t>(ChunkSize(), 1)));
   BitstreamWriter writer(data);
   writer.PutByte(rtmp::BasicHeader(RTMPChunkHeaderSize::Continuation, channel_));
   // Every chunk of a message with an extended timestamp repeats it.

@@ -8,6 +8,10 @@
 
 namespace nembra {
 
+namespace {
+constexpr size_t kInitialPayloadReserve = 64 * 1024;
+}  // namespace
+
 RTMPChunkParser::RTMPChunkParser(std::shared_ptr<IReceiver<RTMPPacket>> next, RTMPChannel channel)
     : MediaTransformer(std::move(next)), chunkSize_(rtmp::kDefaultChunkSize), channel_(channel) {}
 
@@ -68,7 +72,7 @@ TransformResult RTMPChunkParser::StartNewMessage(RTMPChunk& chunk, RTMPPacket& p
   bytesReceived_ = 0;
   std::vector<uint8_t>& payload = packet.Data();
   payload.clear();
-  payload.reserve(messageLength_);
+  payload.reserve(std::min(messageLength_, kInitialPayloadReserve));
   return AppendPayload(chunk, reader.Position(), packet);
 }
 
@@ -89,7 +93,12 @@ TransformResult RTMPChunkParser::AppendPayload(const RTMPChunk& chunk, size_t of
   if (count > messageLength_ - bytesReceived_) {
     throw std::runtime_error("chunk payload exceeds its message length");
   }
-  packet.Data().insert(packet.Data().end(), data.end() - static_cast<ptrdiff_t>(count), data.end());
+  std::vector<uint8_t>& payload = packet.Data();
+  if (payload.size() + count > payload.capacity()) {
+    // The announced length is trusted for the allocation once its bytes keep coming.
+    payload.reserve(messageLength_);
+  }
+  payload.insert(payload.end(), data.end() - static_cast<ptrdiff_t>(count), data.end());
   bytesReceived_ += count;
   return bytesReceived_ != messageLength_ ? TransformResult::NeedMoreInput
                                           : TransformResult::Complete;

@@ -1,3 +1,5 @@
+#include "streaming/rtmp_chunk_parser.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -6,7 +8,6 @@
 #include <vector>
 
 #include "streaming/media_callback.h"
-#include "streaming/rtmp_chunk_parser.h"
 
 namespace nembra {
 namespace {

@@ -98,11 +98,21 @@ void RTMPPacketStream::ReceiverProc() {
       demuxer_.Consume({buffer.data(), received});
     } catch (const std::exception& error) {
       StreamLog::Write(std::string("rtmp receiver error: ") + error.what());
+      {
+        std::lock_guard lock(receiverErrorMutex_);
+        receiverError_ = error.what();
+      }
       std::this_thread::sleep_for(kReceivePollInterval);
       stop_.store(true);
     }
   }
   StreamLog::Write("rtmp receiver thread done");
+  receiving_.store(false);
+}
+
+std::string RTMPPacketStream::ReceiverError() const {
+  std::lock_guard lock(receiverErrorMutex_);
+  return receiverError_;
 }
 
 }  // namespace nembra

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <span>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -50,6 +51,13 @@ class RTMPPacketStream : public IReceiver<RTMPPacket> {
   // word, applied from the next chunk. May be called from any thread.
   void SetChunkSize(uint64_t size);
 
+  // False once the receiving thread has ended, by Close or by an error; the send path never
+  // notices a lost peer, so this is how owners learn of it. Any thread.
+  bool IsReceiving() const { return receiving_.load(); }
+  // The message of the error that ended the receiving thread; empty while it runs or after a
+  // plain Close. Any thread.
+  std::string ReceiverError() const;
+
  protected:
   // Throws "network send data failed" (see NetworkConnection::Send).
   void PutFrameImpl(RTMPPacket packet) override;
@@ -75,6 +83,9 @@ class RTMPPacketStream : public IReceiver<RTMPPacket> {
 
   RTMPChunkDemuxer demuxer_;  // receiving thread only, but for SetChunkSize
   std::atomic<bool> stop_{false};
+  std::atomic<bool> receiving_{true};
+  mutable std::mutex receiverErrorMutex_;
+  std::string receiverError_;  // guarded by receiverErrorMutex_
   std::thread receiver_;
 };
 

@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Runs every Google Benchmark binary of a build (BUILD_DIR/bench/*_bench) one after another and
+# keeps each one's output under BUILD_DIR/bench-results/. Extra arguments go to every binary
+# (e.g. --benchmark_filter=Chunk). Usage: scripts/run-benchmarks.sh BUILD_DIR [ARGS...]
+set -euo pipefail
+
+if [ $# -lt 1 ]; then
+  echo "usage: $0 BUILD_DIR [benchmark args...]" >&2
+  exit 2
+fi
+build_dir=$(cd "$1" && pwd)
+shift
+results="$build_dir/bench-results"
+mkdir -p "$results"
+
+mapfile -t benches < <(find "$build_dir/bench" -maxdepth 1 -type f -name '*_bench' -perm -u+x | sort)
+if [ ${#benches[@]} -eq 0 ]; then
+  echo "run-benchmarks: no *_bench binaries in $build_dir/bench" >&2
+  exit 1
+fi
+
+failed=0
+for bench in "${benches[@]}"; do
+  name=$(basename "$bench")
+  echo "=== $name"
+  if ! "$bench" "$@" 2>&1 | tee "$results/$name.txt"; then
+    echo "run-benchmarks: $name FAILED" >&2
+    failed=1
+  fi
+done
+echo "run-benchmarks: outputs in $results"
+exit $failed

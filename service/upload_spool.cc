@@ -1,0 +1,151 @@
+#include "service/upload_spool.h"
+
+#include <chrono>
+#include <cstdio>
+#include <memory>
+
+namespace nembra {
+namespace {
+
+struct FileCloser {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+}  // namespace
+
+UploadSpool::UploadSpool(const DataDirectory& directory, const FaultInjection& faults)
+    : directory_(directory), faults_(faults) {}
+
+UploadSpool::~UploadSpool() {
+  if (!filePath_.empty()) std::remove(filePath_.c_str());
+}
+
+std::string UploadSpool::takeFile() {
+  std::string path = std::move(filePath_);
+  filePath_.clear();
+  return path;
+}
+
+UploadSpool::Outcome UploadSpool::receive(const RestRequest& request, const std::string& boundary,
+                                          const std::string& fileField, const FileGate& gate) {
+  if (!request.reader) {
+    message_ = "the request has no body";
+    return Outcome::Malformed;
+  }
+  std::unique_ptr<std::FILE, FileCloser> file;
+  bool inFile = false;
+  bool sawFile = false;
+  uint64_t fileLimit = 0;
+  uint64_t fieldBytes = 0;
+  std::string fieldName;
+  std::string fieldValue;
+  bool inField = false;
+  std::optional<Outcome> stop;
+
+  MultipartStreamParser::Callbacks callbacks;
+  callbacks.onPartBegin = [&](const MultipartPart& part) {
+    if (part.name == fileField && part.filename && !sawFile) {
+      sawFile = true;
+      auto limit = gate ? gate(fields_) : std::optional<uint64_t>(UINT64_MAX);
+      if (!limit) {
+        stop = Outcome::Refused;
+        return false;
+      }
+      fileLimit = *limit;
+      filePath_ = directory_.newTemporaryPath(".part");
+      file.reset(std::fopen(filePath_.c_str(), "wb"));
+      if (!file) {
+        message_ = "cannot create " + filePath_;
+        stop = Outcome::WriteFailed;
+        return false;
+      }
+      // Large writes: fewer system calls per gigabyte.
+      std::setvbuf(file.get(), nullptr, _IOFBF, 1 << 20);
+      inFile = true;
+      return true;
+    }
+    // Fields after the file part are not part of the form (as with S3).
+    inField = !sawFile;
+    fieldName = part.name;
+    fieldValue.clear();
+    return true;
+  };
+  callbacks.onPartData = [&](const char* data, size_t size) {
+    if (inFile) {
+      fileBytes_ += size;
+      if (fileBytes_ > fileLimit) {
+        stop = Outcome::TooLarge;
+        return false;
+      }
+      if (std::fwrite(data, 1, size, file.get()) != size) {
+        message_ = "cannot write the upload to disk";
+        stop = Outcome::WriteFailed;
+        return false;
+      }
+      return true;
+    }
+    if (inField) {
+      fieldBytes += size;
+      if (fieldBytes > kMaxFieldBytes) {
+        message_ = "the form fields are larger than 64 KiB";
+        stop = Outcome::Malformed;
+        return false;
+      }
+      fieldValue.append(data, size);
+    }
+    return true;
+  };
+  callbacks.onPartEnd = [&] {
+    if (inFile) {
+      inFile = false;
+      if (std::fflush(file.get()) != 0 || std::fclose(file.release()) != 0) {
+        message_ = "cannot write the upload to disk";
+        stop = Outcome::WriteFailed;
+        return false;
+      }
+    } else if (inField) {
+      fields_.emplace_back(fieldName, fieldValue);
+      inField = false;
+    }
+    return true;
+  };
+
+  MultipartStreamParser parser(boundary, std::move(callbacks));
+  auto start = std::chrono::steady_clock::now();
+  uint64_t bodyBytes = 0;
+  bool read = (*request.reader)([&](const char* data, size_t size) {
+    bodyBytes += size;
+    if (faults_.cutsUploadAt(bodyBytes)) {
+      stop = Outcome::Cut;
+      return false;
+    }
+    auto status = parser.feed(data, size);
+    if (status == MultipartStreamParser::Status::Malformed) {
+      message_ = parser.error();
+      stop = Outcome::Malformed;
+      return false;
+    }
+    if (status == MultipartStreamParser::Status::Stopped) return false;
+    faults_.pace(start, bodyBytes);
+    return true;
+  });
+  file.reset();
+  auto failed = [&](Outcome outcome) {
+    if (!filePath_.empty()) std::remove(filePath_.c_str());
+    filePath_.clear();
+    return outcome;
+  };
+  if (stop) return failed(*stop);
+  if (!read) {
+    message_ = "the body ended before its declared length";
+    return failed(Outcome::ReadFailed);
+  }
+  if (parser.finish() != MultipartStreamParser::Status::Done) {
+    message_ = parser.error();
+    return failed(Outcome::Malformed);
+  }
+  if (!sawFile) return failed(Outcome::NoFile);
+  return Outcome::Stored;
+}
+
+}  // namespace nembra
