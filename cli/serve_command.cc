@@ -94,15 +94,17 @@ void registerServeCommand(CLI::App& app, CliContext& /*context*/, int& exitCode)
   serve->add_option("--rtmp-port", options.rtmpPort, "RTMP ingest port; 0 runs none")
       ->capture_default_str()
       ->check(CLI::Range(0, 65535));
-  serve->add_option("--token", options.tokens,
-                    "Serve only these application tokens (repeatable); default: any")
+  serve
+      ->add_option("--token", options.tokens,
+                   "Serve only these application tokens (repeatable); default: any")
       ->take_all();
   serve->add_option("--secret", options.secret,
                     "Secret that signs storage upload forms (default: one kept in --data)");
   serve->add_option("--latency-ms", options.faults.latencyMs, "Delay every answer")
       ->check(CLI::NonNegativeNumber);
-  serve->add_option("--fail-rate", options.faults.failRate,
-                    "Share of requests answered 503, from 0 to 1")
+  serve
+      ->add_option("--fail-rate", options.faults.failRate,
+                   "Share of requests answered 503, from 0 to 1")
       ->check(CLI::Range(0.0, 1.0));
   serve->add_option("--cut-upload-after", options.faults.cutUploadAfter,
                     "Cut upload connections after this many body bytes");

@@ -30,8 +30,8 @@ AvFrame allocatePicture(int width, int height) {
 // Quarter-turns a YUV 4:2:0 picture clockwise by |degrees|; every plane turns alike.
 AvFrame rotatePicture(const AVFrame& source, int degrees) {
   bool swap = degrees == 90 || degrees == 270;
-  AvFrame turned = allocatePicture(swap ? source.height : source.width,
-                                   swap ? source.width : source.height);
+  AvFrame turned =
+      allocatePicture(swap ? source.height : source.width, swap ? source.width : source.height);
   if (!turned) return nullptr;
   for (int plane = 0; plane < 3; ++plane) {
     int w = plane == 0 ? source.width : source.width / 2;
@@ -44,9 +44,15 @@ AvFrame rotatePicture(const AVFrame& source, int degrees) {
       for (int x = 0; x < w; ++x) {
         uint8_t value = in[y * inStride + x];
         switch (degrees) {
-          case 90: out[x * outStride + (h - 1 - y)] = value; break;
-          case 180: out[(h - 1 - y) * outStride + (w - 1 - x)] = value; break;
-          default: out[(w - 1 - x) * outStride + y] = value; break;
+          case 90:
+            out[x * outStride + (h - 1 - y)] = value;
+            break;
+          case 180:
+            out[(h - 1 - y) * outStride + (w - 1 - x)] = value;
+            break;
+          default:
+            out[(w - 1 - x) * outStride + y] = value;
+            break;
         }
       }
     }
@@ -186,10 +192,12 @@ class FfmpegFrameGrabber final : public FrameGrabber {
 void fitInside(int width, int height, int maxWidth, int maxHeight, int& fitWidth, int& fitHeight) {
   double scale = 1.0;
   if (width > 0 && height > 0 && maxWidth > 0 && maxHeight > 0) {
-    scale = std::min({1.0, static_cast<double>(maxWidth) / width,
-                      static_cast<double>(maxHeight) / height});
+    scale = std::min(
+        {1.0, static_cast<double>(maxWidth) / width, static_cast<double>(maxHeight) / height});
   }
-  auto even = [](double value) { return std::max(2, static_cast<int>(std::lround(value / 2)) * 2); };
+  auto even = [](double value) {
+    return std::max(2, static_cast<int>(std::lround(value / 2)) * 2);
+  };
   fitWidth = even(width * scale);
   fitHeight = even(height * scale);
   if (maxWidth > 0) fitWidth = std::min(fitWidth, maxWidth / 2 * 2);

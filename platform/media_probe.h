@@ -12,12 +12,12 @@
 namespace nembra {
 
 struct MediaProbeResult {
-  std::string container;   // the demuxer's short name, e.g. "mov,mp4,m4a,3gp,3g2,mj2"
-  int width = 0;           // as displayed: a 90° rotation swaps the coded width and height
+  std::string container;  // the demuxer's short name, e.g. "mov,mp4,m4a,3gp,3g2,mj2"
+  int width = 0;          // as displayed: a 90° rotation swaps the coded width and height
   int height = 0;
-  int rotation = 0;        // clockwise degrees the picture must turn to display: 0, 90, 180, 270
-  double duration = 0.0;   // seconds; 0 when the file does not say (a still image)
-  bool hasVideo = false;   // a moving-picture track (cover art attached to audio does not count)
+  int rotation = 0;       // clockwise degrees the picture must turn to display: 0, 90, 180, 270
+  double duration = 0.0;  // seconds; 0 when the file does not say (a still image)
+  bool hasVideo = false;  // a moving-picture track (cover art attached to audio does not count)
   bool hasAudio = false;
   std::string videoCodec;  // e.g. "h264", "mjpeg"; empty without a picture
   std::string audioCodec;  // e.g. "aac"; empty without sound

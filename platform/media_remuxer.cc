@@ -63,8 +63,7 @@ class FfmpegMediaRemuxer final : public MediaRemuxer {
       out->time_base = in->time_base;
       av_dict_copy(&out->metadata, in->metadata, 0);
       size_t size = 0;
-      if (const uint8_t* matrix =
-              av_stream_get_side_data(in, AV_PKT_DATA_DISPLAYMATRIX, &size)) {
+      if (const uint8_t* matrix = av_stream_get_side_data(in, AV_PKT_DATA_DISPLAYMATRIX, &size)) {
         uint8_t* copy = av_stream_new_side_data(out, AV_PKT_DATA_DISPLAYMATRIX, size);
         if (copy) memcpy(copy, matrix, size);
       }

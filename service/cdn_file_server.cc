@@ -65,8 +65,8 @@ void CdnFileServer::serveMedia(RestRequest& request, MediaKind kind, const char*
   const std::string& media = request.path(tokenName);
   // Media of an application this service does not serve simply does not exist here.
   if (!sessions_.serves(application)) {
-    ServiceReply::error(request.response, 404, std::string(mediaKindName(kind)) + " " + media +
-                                                   " not found");
+    ServiceReply::error(request.response, 404,
+                        std::string(mediaKindName(kind)) + " " + media + " not found");
     return;
   }
   auto file = cover ? library_.coverFile(application, kind, media)
@@ -123,7 +123,7 @@ void CdnFileServer::serve(RestRequest& request, const ServedFile& file) const {
     if (http.has_header("If-Range")) {
       std::string validator = http.get_header_value("If-Range");
       bool current = validator.size() > 1 && validator[0] == '"' ? validator == etag
-                                                                  : validator == lastModified;
+                                                                 : validator == lastModified;
       if (!current) range = ByteRange();
     }
   }

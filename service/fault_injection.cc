@@ -19,8 +19,7 @@ bool FaultInjection::shouldFail() {
   return std::uniform_real_distribution<double>(0.0, 1.0)(random_) < options_.failRate;
 }
 
-void FaultInjection::pace(std::chrono::steady_clock::time_point start,
-                          uint64_t transferred) const {
+void FaultInjection::pace(std::chrono::steady_clock::time_point start, uint64_t transferred) const {
   if (options_.throttleBps == 0) return;
   auto due = start + std::chrono::microseconds(transferred * 1000000 / options_.throttleBps);
   std::this_thread::sleep_until(due);
@@ -29,9 +28,8 @@ void FaultInjection::pace(std::chrono::steady_clock::time_point start,
 void FaultInjection::cutConnection(httplib::Response& response) {
   response.status = 500;
   response.set_header("Connection", "close");
-  response.set_content_provider(
-      1, "application/octet-stream",
-      [](size_t, size_t, httplib::DataSink&) { return false; });
+  response.set_content_provider(1, "application/octet-stream",
+                                [](size_t, size_t, httplib::DataSink&) { return false; });
 }
 
 }  // namespace nembra

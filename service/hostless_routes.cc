@@ -11,11 +11,16 @@ using Json = nlohmann::ordered_json;
 }  // namespace
 
 HostlessRoutes::HostlessRoutes(MediaLibrary& library, MediaStore& store, const MediaJson& json,
-                               const RestAuthGate& gate, VideosRoutes& videos,
-                               MediaRoutes& audios, MediaRoutes& images,
-                               const ServiceOptions& options)
-    : library_(library), store_(store), json_(json), gate_(gate), videos_(videos),
-      audios_(audios), images_(images), options_(options) {}
+                               const RestAuthGate& gate, VideosRoutes& videos, MediaRoutes& audios,
+                               MediaRoutes& images, const ServiceOptions& options)
+    : library_(library),
+      store_(store),
+      json_(json),
+      gate_(gate),
+      videos_(videos),
+      audios_(audios),
+      images_(images),
+      options_(options) {}
 
 void HostlessRoutes::registerRoutes(RouteTable& routes) {
   routes.add("POST", "/session", [this](RestRequest& r) { createSession(r); });

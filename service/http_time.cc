@@ -70,9 +70,9 @@ std::string formatHttpDate(int64_t unixSeconds) {
 std::optional<int64_t> parseIso8601(std::string_view text) {
   int year, month, day, hour, minute, second;
   if (!digits(text, 0, 4, year) || text.size() < 20 || text[4] != '-' ||
-      !digits(text, 5, 2, month) || text[7] != '-' || !digits(text, 8, 2, day) ||
-      text[10] != 'T' || !digits(text, 11, 2, hour) || text[13] != ':' ||
-      !digits(text, 14, 2, minute) || text[16] != ':' || !digits(text, 17, 2, second)) {
+      !digits(text, 5, 2, month) || text[7] != '-' || !digits(text, 8, 2, day) || text[10] != 'T' ||
+      !digits(text, 11, 2, hour) || text[13] != ':' || !digits(text, 14, 2, minute) ||
+      text[16] != ':' || !digits(text, 17, 2, second)) {
     return std::nullopt;
   }
   size_t at = 19;

@@ -11,9 +11,9 @@ namespace nembra {
 
 int64_t unixNow();
 
-std::string formatIso8601(int64_t unixSeconds);        // 2024-05-01T12:00:00.000Z
-std::string formatAmzDate(int64_t unixSeconds);        // 20240501T120000Z
-std::string formatHttpDate(int64_t unixSeconds);       // Wed, 01 May 2024 12:00:00 GMT
+std::string formatIso8601(int64_t unixSeconds);   // 2024-05-01T12:00:00.000Z
+std::string formatAmzDate(int64_t unixSeconds);   // 20240501T120000Z
+std::string formatHttpDate(int64_t unixSeconds);  // Wed, 01 May 2024 12:00:00 GMT
 
 // "YYYY-MM-DDTHH:MM:SS", optional fraction, then "Z".
 std::optional<int64_t> parseIso8601(std::string_view text);

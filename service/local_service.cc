@@ -51,16 +51,16 @@ bool startsWithNoCase(const std::string& text, const char* prefix) {
 LocalService::LocalService(ServiceOptions options, Log log)
     : options_(std::move(options)), log_(std::move(log)) {
   if (!log_) {
-    log_ = [](const std::string& line) { std::fprintf(stderr, "nembra serve: %s\n", line.c_str()); };
+    log_ = [](const std::string& line) {
+      std::fprintf(stderr, "nembra serve: %s\n", line.c_str());
+    };
   }
   dataDir_ = options_.dataDir.empty() ? defaultDataDirectory() : options_.dataDir;
 }
 
 LocalService::~LocalService() { stop(); }
 
-int LocalService::rtmpPort() const {
-  return ingest_ && ingest_->running() ? options_.rtmpPort : 0;
-}
+int LocalService::rtmpPort() const { return ingest_ && ingest_->running() ? options_.rtmpPort : 0; }
 
 const PublicUrls& LocalService::urls() const { return json_->urls(); }
 
@@ -97,8 +97,8 @@ OptionalError LocalService::open() {
   sessions_ = std::make_unique<SessionRegistry>(*store_, options_.tokens);
   analyzer_ = std::make_unique<MediaAnalyzer>(makeFfmpegMediaProbe(), makeFfmpegFrameGrabber());
   std::string base = options_.publicBaseUrl(port_);
-  signer_ = std::make_unique<StoragePolicySigner>(credentials, kBucket,
-                                                  base + "/storage/" + kBucket);
+  signer_ =
+      std::make_unique<StoragePolicySigner>(credentials, kBucket, base + "/storage/" + kBucket);
   verifier_ = std::make_unique<StoragePolicyVerifier>(credentials);
   library_ = std::make_unique<MediaLibrary>(*store_, *directory_, *analyzer_, *signer_, options_);
   faults_ = std::make_unique<FaultInjection>(options_.faults);
@@ -108,8 +108,9 @@ OptionalError LocalService::open() {
   std::string rtmpUrl;
   if (options_.rtmpPort != 0) {
     if (!RtmpIngest::findNginx() || !RtmpIngest::findRtmpModule()) {
-      log_("no RTMP ingest: nginx with its RTMP module is not installed "
-           "(Debian: apt-get install nginx libnginx-mod-rtmp)");
+      log_(
+          "no RTMP ingest: nginx with its RTMP module is not installed "
+          "(Debian: apt-get install nginx libnginx-mod-rtmp)");
     } else {
       if (auto error = ingest_->start(options_.host, options_.rtmpPort, base)) {
         return Error::file("the RTMP ingest did not start: " + error->message);
@@ -120,15 +121,15 @@ OptionalError LocalService::open() {
   }
   json_ = std::make_unique<MediaJson>(PublicUrls::fromBase(base, rtmpUrl));
   gate_ = std::make_unique<RestAuthGate>(*sessions_, options_);
-  cdn_ = std::make_unique<CdnFileServer>(*library_, *sessions_, *faults_,
-                                         options_.cdnMaxAgeSeconds);
+  cdn_ =
+      std::make_unique<CdnFileServer>(*library_, *sessions_, *faults_, options_.cdnMaxAgeSeconds);
   videos_ = std::make_unique<VideosRoutes>(*library_, *json_, *gate_, *cdn_, *faults_, options_);
   audios_ = std::make_unique<MediaRoutes>(MediaKind::Audio, *library_, *json_, *gate_);
   images_ = std::make_unique<MediaRoutes>(MediaKind::Image, *library_, *json_, *gate_);
   hostless_ = std::make_unique<HostlessRoutes>(*library_, *store_, *json_, *gate_, *videos_,
                                                *audios_, *images_, options_);
-  storage_ = std::make_unique<StorageUploadReceiver>(*library_, *verifier_, kBucket, *faults_,
-                                                     options_);
+  storage_ =
+      std::make_unique<StorageUploadReceiver>(*library_, *verifier_, kBucket, *faults_, options_);
   routes_ = std::make_unique<RouteTable>();
   hostless_->registerRoutes(*routes_);
   videos_->registerRoutes(*routes_);
@@ -163,7 +164,8 @@ void LocalService::installServer() {
       headers.erase(type);
       headers.emplace(RestRequest::kMultipartTypeHeader, value);
     }
-    if (request.path.rfind("/rtmp-hooks/", 0) == 0) return httplib::Server::HandlerResponse::Unhandled;
+    if (request.path.rfind("/rtmp-hooks/", 0) == 0)
+      return httplib::Server::HandlerResponse::Unhandled;
     faults_->delay();
     if (!faults_->shouldFail()) return httplib::Server::HandlerResponse::Unhandled;
     response.set_header("Connection", "close");
@@ -185,8 +187,8 @@ void LocalService::installServer() {
         }
         ServiceReply::error(response, 500, "internal error: " + what);
       });
-  server.set_error_handler(httplib::Server::HandlerWithResponse(
-      [](const httplib::Request& request, httplib::Response& response) {
+  server.set_error_handler(httplib::Server::HandlerWithResponse([](const httplib::Request& request,
+                                                                   httplib::Response& response) {
     // Answers the server library made itself (an unreadable Range, an unknown method) get the
     // same JSON body as the routes' own errors.
     if (!response.body.empty() || response.content_provider_) {

@@ -9,14 +9,22 @@ namespace {
 
 using Type = MediaAttributes::Type;
 
+// How the SDK writes a null value into a form.
+constexpr const char* kAbsent = "<null>";
+
 // Fields every kind shares.
 const std::map<std::string, Type>& commonFields() {
   static const std::map<std::string, Type> fields = {
-      {"title", Type::Text},          {"description", Type::Text},
-      {"key", Type::Text},            {"tags", Type::Tags},
-      {"device_info", Type::Object},  {"volatile", Type::Bool},
-      {"user_language", Type::Bool},  {"delete_old_streams", Type::Bool},
-      {"auto_crop", Type::Bool},      {"meta_profile_id", Type::Text},
+      {"title", Type::Text},
+      {"description", Type::Text},
+      {"key", Type::Text},
+      {"tags", Type::Tags},
+      {"device_info", Type::Object},
+      {"volatile", Type::Bool},
+      {"user_language", Type::Bool},
+      {"delete_old_streams", Type::Bool},
+      {"auto_crop", Type::Bool},
+      {"meta_profile_id", Type::Text},
       {"expiration_days", Type::Loose},
   };
   return fields;
@@ -24,29 +32,36 @@ const std::map<std::string, Type>& commonFields() {
 
 const std::map<std::string, Type>& videoFields() {
   static const std::map<std::string, Type> fields = {
-      {"data", Type::Loose},          {"max_duration", Type::Number},
-      {"enforce_duration", Type::Bool}, {"only_audio", Type::Bool},
-      {"video_source", Type::Text},   {"auto_pad", Type::Bool},
-      {"effect_profile", Type::Loose}, {"default_image_selector", Type::Number},
-      {"video_profile", Type::Text},  {"meta_profile", Type::Text},
+      {"data", Type::Loose},
+      {"max_duration", Type::Number},
+      {"enforce_duration", Type::Bool},
+      {"only_audio", Type::Bool},
+      {"video_source", Type::Text},
+      {"auto_pad", Type::Bool},
+      {"effect_profile", Type::Loose},
+      {"default_image_selector", Type::Number},
+      {"video_profile", Type::Text},
+      {"meta_profile", Type::Text},
   };
   return fields;
 }
 
 const std::map<std::string, Type>& audioFields() {
   static const std::map<std::string, Type> fields = {
-      {"data", Type::Text},          {"min_duration", Type::Number},
-      {"max_duration", Type::Text},  {"enforce_duration", Type::Bool},
-      {"resubmission_date", Type::Text}, {"audio_profile_id", Type::Text},
+      {"data", Type::Text},
+      {"min_duration", Type::Number},
+      {"max_duration", Type::Text},
+      {"enforce_duration", Type::Bool},
+      {"resubmission_date", Type::Text},
+      {"audio_profile_id", Type::Text},
   };
   return fields;
 }
 
 const std::map<std::string, Type>& imageFields() {
   static const std::map<std::string, Type> fields = {
-      {"data", Type::Text},        {"image_source", Type::Number},
-      {"auto_pad", Type::Bool},    {"hd", Type::Bool},
-      {"resubmission_date", Type::Text}, {"image_file_name", Type::Text},
+      {"data", Type::Text}, {"image_source", Type::Number},    {"auto_pad", Type::Bool},
+      {"hd", Type::Bool},   {"resubmission_date", Type::Text}, {"image_file_name", Type::Text},
   };
   return fields;
 }
@@ -87,7 +102,8 @@ std::optional<Type> MediaAttributes::streamField(const std::string& name) {
 Result<nlohmann::json> MediaAttributes::read(Type type, const std::string& name,
                                              const std::string& text) {
   switch (type) {
-    case Type::Text: return nlohmann::json(text);
+    case Type::Text:
+      return nlohmann::json(text);
     case Type::Bool: {
       std::string value = trim(text);
       if (value == "true" || value == "1" || value == "yes") return nlohmann::json(true);
@@ -151,7 +167,7 @@ Result<nlohmann::json> MediaAttributes::applyToMedia(MediaKind kind, const nlohm
   nlohmann::json next = current.is_object() ? current : nlohmann::json::object();
   for (const auto& [name, text] : params.pairs()) {
     auto type = mediaField(kind, name);
-    if (!type) continue;
+    if (!type || text == kAbsent) continue;
     auto value = read(*type, name, text);
     if (!value) return value;
     next[name] = std::move(*value);
@@ -164,7 +180,7 @@ Result<nlohmann::json> MediaAttributes::applyToStream(const nlohmann::json& curr
   nlohmann::json next = current.is_object() ? current : nlohmann::json::object();
   for (const auto& [name, text] : params.pairs()) {
     auto type = streamField(name);
-    if (!type) continue;
+    if (!type || text == kAbsent) continue;
     auto value = read(*type, name, text);
     if (!value) return value;
     next[name] = std::move(*value);

@@ -2,7 +2,8 @@
 // arrive as form text (the SDK posts a model's whole dictionary), so each value is read from its
 // text: booleans from "true"/"false"/"1"/"0", numbers from decimal text, tags from a JSON array
 // or a comma-separated list, objects from JSON. Keys the client may not set (token, state,
-// streams…) are ignored, so posting a model back unchanged succeeds.
+// streams…) are ignored, so posting a model back unchanged succeeds; so is a value of "<null>",
+// the SDK's text for a null.
 //
 // Threading: stateless; any thread.
 #pragma once

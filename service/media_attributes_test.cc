@@ -13,10 +13,15 @@ FormParams form(std::initializer_list<std::pair<std::string, std::string>> pairs
 
 TEST(MediaAttributesTest, AppliesSettableFieldsAndIgnoresTheRest) {
   // What the SDK posts for update:callback: the model's whole dictionary.
-  auto applied = MediaAttributes::applyToMedia(
-      MediaKind::Video, {{"title", "old"}, {"tags", {"x"}}},
-      form({{"title", "new"}, {"token", "forged"}, {"state", "3"}, {"streams", "()"},
-            {"max_duration", "12.5"}, {"hd", "true"}, {"enforce_duration", "1"}}));
+  auto applied =
+      MediaAttributes::applyToMedia(MediaKind::Video, {{"title", "old"}, {"tags", {"x"}}},
+                                    form({{"title", "new"},
+                                          {"token", "forged"},
+                                          {"state", "3"},
+                                          {"streams", "()"},
+                                          {"max_duration", "12.5"},
+                                          {"hd", "true"},
+                                          {"enforce_duration", "1"}}));
   ASSERT_TRUE(applied.ok()) << applied.error().message;
   EXPECT_EQ((*applied)["title"], "new");
   EXPECT_EQ((*applied)["tags"], nlohmann::json({"x"}));

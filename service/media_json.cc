@@ -62,8 +62,7 @@ Summary summarize(const MediaView& view) {
 }  // namespace
 
 PublicUrls PublicUrls::fromBase(const std::string& base, const std::string& rtmp) {
-  return PublicUrls{base, base + "/embed", base + "/cdn", base + "/files", base + "/storage",
-                    rtmp};
+  return PublicUrls{base, base + "/embed", base + "/cdn", base + "/files", base + "/storage", rtmp};
 }
 
 MediaJson::MediaJson(PublicUrls urls) : urls_(std::move(urls)) {}
@@ -75,15 +74,17 @@ std::string MediaJson::mediaUrl(const MediaRecord& media) const {
 }
 
 std::string MediaJson::coverUrl(const MediaRecord& media) const {
-  return urls_.cdn + "/v1/applications/" + media.application + "/videos/" + media.token +
-         "/image";
+  return urls_.cdn + "/v1/applications/" + media.application + "/videos/" + media.token + "/image";
 }
 
 Json MediaJson::media(const MediaView& view) const {
   switch (view.media.kind) {
-    case MediaKind::Audio: return audio(view);
-    case MediaKind::Image: return image(view);
-    case MediaKind::Video: break;
+    case MediaKind::Audio:
+      return audio(view);
+    case MediaKind::Image:
+      return image(view);
+    case MediaKind::Video:
+      break;
   }
   return video(view);
 }
@@ -97,8 +98,8 @@ Json MediaJson::stream(const MediaView& view, const StreamRecord& stream) const 
   Json json;
   json["volatile"] = text(attributes.flag("volatile"));
   json["token"] = stream.token;
-  json["key"] = MediaLibrary::objectKey(view.media.application, kind, view.media.token,
-                                        stream.token);
+  json["key"] =
+      MediaLibrary::objectKey(view.media.application, kind, view.media.token, stream.token);
   json["creation_type"] = static_cast<int>(stream.origin);
   json["state"] = static_cast<int>(stream.state);
   json["streamable"] = streamable ? 1 : 0;
@@ -112,7 +113,7 @@ Json MediaJson::stream(const MediaView& view, const StreamRecord& stream) const 
   json["video_profile_transcoding"] = attributes.string("video_profile_transcoding");
   json["video_type"] = hasFile ? std::string(mediaFileName(kind)).substr(6) : "";
   json["video_sub_type"] = "";
-  json["image_size"] = stream.coverSize > 0 ? stream.coverSize
+  json["image_size"] = stream.coverSize > 0       ? stream.coverSize
                        : kind == MediaKind::Image ? stream.fileSize
                                                   : 0;
   json["audio_size"] = kind == MediaKind::Audio ? stream.fileSize : 0;

@@ -37,9 +37,12 @@ int64_t fileSize(const std::string& path) {
 
 std::string generatedToken(MediaKind kind) {
   switch (kind) {
-    case MediaKind::Video: return newToken("vi");
-    case MediaKind::Audio: return newToken("au");
-    case MediaKind::Image: return newToken("im");
+    case MediaKind::Video:
+      return newToken("vi");
+    case MediaKind::Audio:
+      return newToken("au");
+    case MediaKind::Image:
+      return newToken("im");
   }
   return newToken("me");
 }
@@ -61,7 +64,10 @@ OptionalError checkAttachable(const StreamRecord& stream, bool fromIngest) {
 MediaLibrary::MediaLibrary(MediaStore& store, const DataDirectory& directory,
                            const MediaAnalyzer& analyzer, const StoragePolicySigner& signer,
                            const ServiceOptions& options)
-    : store_(store), directory_(directory), analyzer_(analyzer), signer_(signer),
+    : store_(store),
+      directory_(directory),
+      analyzer_(analyzer),
+      signer_(signer),
       options_(options) {}
 
 Error MediaLibrary::notFound(MediaKind kind, const std::string& token) {
@@ -72,8 +78,8 @@ Error MediaLibrary::streamNotFound(const std::string& media, const std::string& 
   return Error::http(404, "stream " + stream + " of " + media + " not found");
 }
 
-Result<MediaView> MediaLibrary::load(const std::string& application,
-                                     std::optional<MediaKind> kind, const std::string& media) {
+Result<MediaView> MediaLibrary::load(const std::string& application, std::optional<MediaKind> kind,
+                                     const std::string& media) {
   auto found = store_.findMedia(media);
   if (!found) return found.error();
   // Another application's media, or another kind, is as absent as a missing one.
@@ -220,8 +226,7 @@ Result<MediaView> MediaLibrary::updateStream(const std::string& application, Med
 }
 
 Result<MediaView> MediaLibrary::removeStream(const std::string& application, MediaKind kind,
-                                             const std::string& media,
-                                             const std::string& stream) {
+                                             const std::string& media, const std::string& stream) {
   auto error = store_.transaction([&]() -> OptionalError {
     auto view = load(application, kind, media);
     if (!view) return view.error();
@@ -243,9 +248,9 @@ Result<MediaView> MediaLibrary::submit(const std::string& application, MediaKind
     if (!found) return streamNotFound(media, stream);
     StreamRecord changed = *found;
     if (changed.submitted) return Error::http(409, "stream " + stream + " was already submitted");
-    bool awaitingRecording = changed.origin == StreamOrigin::Live &&
-                             (changed.state == StreamState::Created ||
-                              changed.state == StreamState::Live);
+    bool awaitingRecording =
+        changed.origin == StreamOrigin::Live &&
+        (changed.state == StreamState::Created || changed.state == StreamState::Live);
     if (changed.state != StreamState::Uploaded && !awaitingRecording) {
       return Error::http(409, "stream " + stream + " has no file yet; attach or upload it first");
     }
@@ -430,8 +435,7 @@ Result<UploadTicket> MediaLibrary::ticket(const std::string& objectKey) {
 }
 
 Result<StreamRecord> MediaLibrary::startLive(const std::string& application,
-                                             const std::string& media,
-                                             const std::string& stream) {
+                                             const std::string& media, const std::string& stream) {
   Result<StreamRecord> result = streamNotFound(media, stream);
   auto error = store_.transaction([&]() -> OptionalError {
     auto view = load(application, MediaKind::Video, media);
@@ -478,8 +482,8 @@ Result<ServedFile> MediaLibrary::mediaFile(const std::string& application, Media
   if (!view) return view.error();
   const StreamRecord* stream = view->defaultStream();
   if (!stream || (stream->state != StreamState::Uploaded && stream->state != StreamState::Ready)) {
-    return Error::http(404, std::string("the ") + mediaKindName(kind) + " " + media +
-                                " has no file yet");
+    return Error::http(
+        404, std::string("the ") + mediaKindName(kind) + " " + media + " has no file yet");
   }
   return ServedFile{directory_.streamFile(application, kind, media, stream->token),
                     mediaContentType(kind)};
@@ -499,8 +503,8 @@ Result<ServedFile> MediaLibrary::coverFile(const std::string& application, Media
       return ServedFile{directory_.coverFile(application, kind, media, it->token), "image/jpeg"};
     }
   }
-  return Error::http(404, std::string("the ") + mediaKindName(kind) + " " + media +
-                              " has no cover yet");
+  return Error::http(404,
+                     std::string("the ") + mediaKindName(kind) + " " + media + " has no cover yet");
 }
 
 }  // namespace nembra

@@ -46,8 +46,8 @@ class MediaLibrary {
   MediaLibrary(MediaStore& store, const DataDirectory& directory, const MediaAnalyzer& analyzer,
                const StoragePolicySigner& signer, const ServiceOptions& options);
 
-  Result<std::vector<MediaView>> list(const std::string& application, MediaKind kind,
-                                      int64_t limit, int64_t offset);
+  Result<std::vector<MediaView>> list(const std::string& application, MediaKind kind, int64_t limit,
+                                      int64_t offset);
   Result<MediaView> get(const std::string& application, MediaKind kind, const std::string& media);
   // The media whatever its kind, for paths that name only a token.
   Result<MediaView> find(const std::string& application, const std::string& media);
@@ -55,8 +55,8 @@ class MediaLibrary {
   // A new media with the settable fields of |params|, and a first stream when |firstStream|.
   Result<MediaView> create(const RequestAuth& auth, MediaKind kind, const FormParams& params,
                            std::optional<StreamOrigin> firstStream);
-  Result<MediaView> update(const std::string& application, MediaKind kind,
-                           const std::string& media, const FormParams& params);
+  Result<MediaView> update(const std::string& application, MediaKind kind, const std::string& media,
+                           const FormParams& params);
   // The media as it was; its files are gone.
   Result<MediaView> remove(const std::string& application, MediaKind kind,
                            const std::string& media);
@@ -71,8 +71,8 @@ class MediaLibrary {
 
   // The recorder's submit: uploaded -> ready; on a live stream still recording, marks it to
   // become ready when the recording is stored.
-  Result<MediaView> submit(const std::string& application, MediaKind kind,
-                           const std::string& media, const std::string& stream);
+  Result<MediaView> submit(const std::string& application, MediaKind kind, const std::string& media,
+                           const std::string& stream);
   // The upload flow's confirm: uploaded -> ready. Without |stream|, the media's default stream.
   Result<MediaView> confirm(const std::string& application, MediaKind kind,
                             const std::string& media, const std::string& stream);

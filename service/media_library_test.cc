@@ -1,7 +1,9 @@
 #include "service/media_library.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -148,8 +150,9 @@ TEST_F(MediaLibraryTest, LiveStreamSubmittedDuringThePublishIsReadyWhenTheRecord
   ASSERT_TRUE(library_->submit("app", MediaKind::Video, v, s).ok());
   EXPECT_EQ(stateOf(v, s), StreamState::Live);
   // A client may not attach into a stream being published; the ingest may.
-  EXPECT_EQ(status(library_->attachFile("app", MediaKind::Video, v, s, upload("video 2 2 2"),
-                                        MediaLibrary::Unplayable::Refuse)
+  EXPECT_EQ(status(library_
+                       ->attachFile("app", MediaKind::Video, v, s, upload("video 2 2 2"),
+                                    MediaLibrary::Unplayable::Refuse)
                        .error()),
             409);
   ASSERT_TRUE(library_
@@ -196,16 +199,18 @@ TEST_F(MediaLibraryTest, ChosenCoverSurvivesANewFileAndAGrabbedOneIsReplaced) {
   MediaView video = createVideo();
   const std::string v = video.media.token, s = video.streams[0].token;
   std::string cover = directory_.coverFile("app", MediaKind::Video, v, s);
-  ASSERT_TRUE(library_->attachFile("app", MediaKind::Video, v, s, upload("video 10 10 1"),
-                                   MediaLibrary::Unplayable::Refuse)
+  ASSERT_TRUE(library_
+                  ->attachFile("app", MediaKind::Video, v, s, upload("video 10 10 1"),
+                               MediaLibrary::Unplayable::Refuse)
                   .ok());
   auto read = [&] {
     std::ifstream in(cover);
     return std::string(std::istreambuf_iterator<char>(in), {});
   };
   std::string grabbed = read();
-  ASSERT_TRUE(library_->attachFile("app", MediaKind::Video, v, s, upload("video 20 20 1"),
-                                   MediaLibrary::Unplayable::Refuse)
+  ASSERT_TRUE(library_
+                  ->attachFile("app", MediaKind::Video, v, s, upload("video 20 20 1"),
+                               MediaLibrary::Unplayable::Refuse)
                   .ok());
   EXPECT_NE(read(), grabbed);  // grabbed again from the new file
 
@@ -225,16 +230,18 @@ TEST_F(MediaLibraryTest, ChosenCoverSurvivesANewFileAndAGrabbedOneIsReplaced) {
 TEST_F(MediaLibraryTest, DefaultStreamIsTheNewestWithAFileAndDeletesRemoveFiles) {
   MediaView video = createVideo();
   const std::string v = video.media.token, first = video.streams[0].token;
-  ASSERT_TRUE(library_->attachFile("app", MediaKind::Video, v, first, upload("video 1 1 1"),
-                                   MediaLibrary::Unplayable::Refuse)
+  ASSERT_TRUE(library_
+                  ->attachFile("app", MediaKind::Video, v, first, upload("video 1 1 1"),
+                               MediaLibrary::Unplayable::Refuse)
                   .ok());
   auto second = library_->createStream("app", MediaKind::Video, v, StreamOrigin::Recorder);
   ASSERT_TRUE(second.ok());
   auto view = library_->get("app", MediaKind::Video, v);
   EXPECT_EQ(view->defaultStream()->token, first);  // the new one has no file yet
   EXPECT_EQ(view->originalStream()->token, first);
-  ASSERT_TRUE(library_->attachFile("app", MediaKind::Video, v, second->token,
-                                   upload("video 2 2 2"), MediaLibrary::Unplayable::Refuse)
+  ASSERT_TRUE(library_
+                  ->attachFile("app", MediaKind::Video, v, second->token, upload("video 2 2 2"),
+                               MediaLibrary::Unplayable::Refuse)
                   .ok());
   view = library_->get("app", MediaKind::Video, v);
   EXPECT_EQ(view->defaultStream()->token, second->token);
@@ -262,8 +269,8 @@ TEST_F(MediaLibraryTest, EverythingSurvivesReopeningTheStore) {
   params.add("title", "kept");
   auto audio = library_->create(auth_, MediaKind::Audio, params, StreamOrigin::Upload);
   ASSERT_TRUE(audio.ok());
-  auto form = library_->uploadForm("app", MediaKind::Audio, audio->media.token,
-                                   audio->streams[0].token);
+  auto form =
+      library_->uploadForm("app", MediaKind::Audio, audio->media.token, audio->streams[0].token);
   ASSERT_TRUE(form.ok());
   std::string key = (*form)["fields"]["key"];
 
@@ -282,8 +289,8 @@ TEST_F(MediaLibraryTest, EverythingSurvivesReopeningTheStore) {
 TEST_F(MediaLibraryTest, ExpiredUploadTicketsAreRefused) {
   options_.uploadUrlLifetimeSeconds = -10;
   MediaView video = createVideo(StreamOrigin::Upload);
-  auto form = library_->uploadForm("app", MediaKind::Video, video.media.token,
-                                   video.streams[0].token);
+  auto form =
+      library_->uploadForm("app", MediaKind::Video, video.media.token, video.streams[0].token);
   ASSERT_TRUE(form.ok());
   auto ticket = library_->ticket((*form)["fields"]["key"]);
   EXPECT_EQ(status(ticket.error()), 403);
@@ -292,8 +299,9 @@ TEST_F(MediaLibraryTest, ExpiredUploadTicketsAreRefused) {
 TEST_F(MediaLibraryTest, ConcurrentConfirmsOfOneStreamSucceedOnce) {
   MediaView video = createVideo(StreamOrigin::Upload);
   const std::string v = video.media.token, s = video.streams[0].token;
-  ASSERT_TRUE(library_->attachFile("app", MediaKind::Video, v, s, upload("video 1 1 1"),
-                                   MediaLibrary::Unplayable::Keep)
+  ASSERT_TRUE(library_
+                  ->attachFile("app", MediaKind::Video, v, s, upload("video 1 1 1"),
+                               MediaLibrary::Unplayable::Keep)
                   .ok());
   std::atomic<int> succeeded{0}, conflicts{0};
   std::vector<std::thread> threads;

@@ -19,11 +19,11 @@ enum class StreamState { Created = 0, Live = 1, Uploaded = 2, Ready = 3 };
 // RTMP publish recorded by the ingest.
 enum class StreamOrigin { Upload = 1, Recorder = 2, Live = 3 };
 
-const char* mediaKindName(MediaKind kind);        // "video", "audio", "image"
-const char* mediaKindCollection(MediaKind kind);  // "videos", "audios", "images"
-const char* mediaFileName(MediaKind kind);        // "video.mp4", "audio.aac", "image.jpg"
-const char* mediaContentType(MediaKind kind);     // "video/mp4", "audio/aac", "image/jpeg"
-const char* streamStateName(StreamState state);   // "created", "live", "uploaded", "ready"
+const char* mediaKindName(MediaKind kind);          // "video", "audio", "image"
+const char* mediaKindCollection(MediaKind kind);    // "videos", "audios", "images"
+const char* mediaFileName(MediaKind kind);          // "video.mp4", "audio.aac", "image.jpg"
+const char* mediaContentType(MediaKind kind);       // "video/mp4", "audio/aac", "image/jpeg"
+const char* streamStateName(StreamState state);     // "created", "live", "uploaded", "ready"
 const char* streamOriginName(StreamOrigin origin);  // "upload", "recorder", "live"
 
 struct MediaRecord {

@@ -13,8 +13,7 @@ MediaRoutes::MediaRoutes(MediaKind kind, MediaLibrary& library, const MediaJson&
     : kind_(kind), name_(mediaKindName(kind)), library_(library), json_(json), gate_(gate) {}
 
 void MediaRoutes::registerRoutes(RouteTable& routes) {
-  const std::string base =
-      std::string("/embed/v1/applications/:app/") + mediaKindCollection(kind_);
+  const std::string base = std::string("/embed/v1/applications/:app/") + mediaKindCollection(kind_);
   const std::string item = base + "/:" + name_;
   auto bind = [this](void (MediaRoutes::*method)(RestRequest&)) {
     return [this, method](RestRequest& request) { (this->*method)(request); };
@@ -52,8 +51,7 @@ void MediaRoutes::create(RestRequest& request) {
   auto view = library_.create(authed->auth, kind_, authed->params, StreamOrigin::Upload);
   if (!view) return ServiceReply::error(request.response, view.error());
   const StreamRecord& stream = view->streams.front();
-  auto form = library_.uploadForm(authed->auth.application, kind_, view->media.token,
-                                  stream.token);
+  auto form = library_.uploadForm(authed->auth.application, kind_, view->media.token, stream.token);
   if (!form) return ServiceReply::error(request.response, form.error());
   Json reply;
   reply[name_] = json_.media(*view);
@@ -76,8 +74,7 @@ void MediaRoutes::get(RestRequest& request) {
 void MediaRoutes::update(RestRequest& request) {
   auto authed = gate_.open(request, request.path("app"));
   if (!authed) return;
-  auto view =
-      library_.update(authed->auth.application, kind_, request.path(name_), authed->params);
+  auto view = library_.update(authed->auth.application, kind_, request.path(name_), authed->params);
   if (!view) return ServiceReply::error(request.response, view.error());
   ServiceReply::json(request.response, 200, json_.media(*view));
 }
@@ -102,8 +99,8 @@ void MediaRoutes::confirm(RestRequest& request) {
 }
 
 void MediaRoutes::submit(RestRequest& request, const AuthedRequest& authed) {
-  auto view = library_.submit(authed.auth.application, kind_, request.path(name_),
-                              request.path("stream"));
+  auto view =
+      library_.submit(authed.auth.application, kind_, request.path(name_), request.path("stream"));
   if (!view) return ServiceReply::error(request.response, view.error());
   ServiceReply::json(request.response, 200, json_.media(*view));
 }

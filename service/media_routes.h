@@ -36,7 +36,7 @@ class MediaRoutes {
   void destroyStream(RestRequest& request);
 
   const MediaKind kind_;
-  const std::string name_;        // "audio" / "image": the reply keys and path parameter
+  const std::string name_;  // "audio" / "image": the reply keys and path parameter
   MediaLibrary& library_;
   const MediaJson& json_;
   const RestAuthGate& gate_;

@@ -99,9 +99,9 @@ StreamRecord MediaStore::readStream(const Statement& row) {
 
 Result<std::unique_ptr<MediaStore>> MediaStore::open(const std::string& path) {
   sqlite3* db = nullptr;
-  int rc = sqlite3_open_v2(path.c_str(), &db,
-                           SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-                           nullptr);
+  int rc =
+      sqlite3_open_v2(path.c_str(), &db,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr);
   if (rc != SQLITE_OK) {
     std::string message = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
     sqlite3_close(db);
@@ -253,8 +253,9 @@ Result<std::vector<std::string>> MediaStore::applications() {
 
 OptionalError MediaStore::insertSession(const SessionRecord& session) {
   std::lock_guard lock(mutex_);
-  Statement query = prepare("INSERT INTO sessions (token, application, created, client_auth, server_auth) "
-                 "VALUES (?, ?, ?, ?, ?)");
+  Statement query = prepare(
+      "INSERT INTO sessions (token, application, created, client_auth, server_auth) "
+      "VALUES (?, ?, ?, ?, ?)");
   if (!query.valid()) return sqliteError("cannot prepare a statement");
   query.bind(1, session.token)
       .bind(2, session.application)
@@ -267,8 +268,9 @@ OptionalError MediaStore::insertSession(const SessionRecord& session) {
 
 Result<std::optional<SessionRecord>> MediaStore::findSession(const std::string& token) {
   std::lock_guard lock(mutex_);
-  Statement query = prepare("SELECT token, application, created, client_auth, server_auth FROM sessions "
-                 "WHERE token = ?");
+  Statement query = prepare(
+      "SELECT token, application, created, client_auth, server_auth FROM sessions "
+      "WHERE token = ?");
   if (!query.valid()) return sqliteError("cannot prepare a statement");
   query.bind(1, token);
   int rc = query.step();
@@ -285,8 +287,9 @@ Result<std::optional<SessionRecord>> MediaStore::findSession(const std::string& 
 
 OptionalError MediaStore::updateSession(const SessionRecord& session) {
   std::lock_guard lock(mutex_);
-  Statement query = prepare("UPDATE sessions SET application = ?, client_auth = ?, server_auth = ? "
-                 "WHERE token = ?");
+  Statement query = prepare(
+      "UPDATE sessions SET application = ?, client_auth = ?, server_auth = ? "
+      "WHERE token = ?");
   if (!query.valid()) return sqliteError("cannot prepare a statement");
   query.bind(1, session.application)
       .bind(2, session.clientAuth)
@@ -298,9 +301,10 @@ OptionalError MediaStore::updateSession(const SessionRecord& session) {
 
 OptionalError MediaStore::insertMedia(MediaRecord& media) {
   std::lock_guard lock(mutex_);
-  Statement query = prepare("INSERT INTO media (token, application, kind, created, updated, "
-                 "creation_session, client_auth, server_auth, attributes) "
-                 "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)");
+  Statement query = prepare(
+      "INSERT INTO media (token, application, kind, created, updated, "
+      "creation_session, client_auth, server_auth, attributes) "
+      "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)");
   if (!query.valid()) return sqliteError("cannot prepare a statement");
   query.bind(1, media.token)
       .bind(2, media.application)
@@ -318,8 +322,9 @@ OptionalError MediaStore::insertMedia(MediaRecord& media) {
 
 Result<std::optional<MediaRecord>> MediaStore::findMedia(const std::string& token) {
   std::lock_guard lock(mutex_);
-  Statement query = prepare("SELECT seq, token, application, kind, created, updated, creation_session, "
-                 "client_auth, server_auth, attributes FROM media WHERE token = ?");
+  Statement query = prepare(
+      "SELECT seq, token, application, kind, created, updated, creation_session, "
+      "client_auth, server_auth, attributes FROM media WHERE token = ?");
   if (!query.valid()) return sqliteError("cannot prepare a statement");
   query.bind(1, token);
   int rc = query.step();
@@ -332,9 +337,10 @@ Result<std::vector<MediaRecord>> MediaStore::listMedia(const std::string& applic
                                                        MediaKind kind, int64_t limit,
                                                        int64_t offset) {
   std::lock_guard lock(mutex_);
-  Statement query = prepare("SELECT seq, token, application, kind, created, updated, creation_session, "
-                 "client_auth, server_auth, attributes FROM media "
-                 "WHERE application = ? AND kind = ? ORDER BY seq DESC LIMIT ? OFFSET ?");
+  Statement query = prepare(
+      "SELECT seq, token, application, kind, created, updated, creation_session, "
+      "client_auth, server_auth, attributes FROM media "
+      "WHERE application = ? AND kind = ? ORDER BY seq DESC LIMIT ? OFFSET ?");
   if (!query.valid()) return sqliteError("cannot prepare a statement");
   query.bind(1, application).bind(2, static_cast<int64_t>(kind)).bind(3, limit).bind(4, offset);
   std::vector<MediaRecord> list;
@@ -364,10 +370,11 @@ OptionalError MediaStore::deleteMedia(const std::string& token) {
 
 OptionalError MediaStore::insertStream(StreamRecord& stream) {
   std::lock_guard lock(mutex_);
-  Statement query = prepare("INSERT INTO streams (token, media, origin, state, created, updated, submitted, "
-                 "submission_date, file_size, cover_size, cover_chosen, width, height, duration, "
-                 "has_video, has_audio, probe_error, attributes) "
-                 "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+  Statement query = prepare(
+      "INSERT INTO streams (token, media, origin, state, created, updated, submitted, "
+      "submission_date, file_size, cover_size, cover_chosen, width, height, duration, "
+      "has_video, has_audio, probe_error, attributes) "
+      "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
   if (!query.valid()) return sqliteError("cannot prepare a statement");
   query.bind(1, stream.token)
       .bind(2, stream.media)
@@ -394,9 +401,10 @@ OptionalError MediaStore::insertStream(StreamRecord& stream) {
 
 Result<std::optional<StreamRecord>> MediaStore::findStream(const std::string& token) {
   std::lock_guard lock(mutex_);
-  Statement query = prepare("SELECT seq, token, media, origin, state, created, updated, submitted, "
-                 "submission_date, file_size, cover_size, cover_chosen, width, height, duration, "
-                 "has_video, has_audio, probe_error, attributes FROM streams WHERE token = ?");
+  Statement query = prepare(
+      "SELECT seq, token, media, origin, state, created, updated, submitted, "
+      "submission_date, file_size, cover_size, cover_chosen, width, height, duration, "
+      "has_video, has_audio, probe_error, attributes FROM streams WHERE token = ?");
   if (!query.valid()) return sqliteError("cannot prepare a statement");
   query.bind(1, token);
   int rc = query.step();
@@ -407,10 +415,11 @@ Result<std::optional<StreamRecord>> MediaStore::findStream(const std::string& to
 
 Result<std::vector<StreamRecord>> MediaStore::listStreams(const std::string& media) {
   std::lock_guard lock(mutex_);
-  Statement query = prepare("SELECT seq, token, media, origin, state, created, updated, submitted, "
-                 "submission_date, file_size, cover_size, cover_chosen, width, height, duration, "
-                 "has_video, has_audio, probe_error, attributes FROM streams WHERE media = ? "
-                 "ORDER BY seq");
+  Statement query = prepare(
+      "SELECT seq, token, media, origin, state, created, updated, submitted, "
+      "submission_date, file_size, cover_size, cover_chosen, width, height, duration, "
+      "has_video, has_audio, probe_error, attributes FROM streams WHERE media = ? "
+      "ORDER BY seq");
   if (!query.valid()) return sqliteError("cannot prepare a statement");
   query.bind(1, media);
   std::vector<StreamRecord> list;
@@ -422,10 +431,11 @@ Result<std::vector<StreamRecord>> MediaStore::listStreams(const std::string& med
 
 OptionalError MediaStore::updateStream(const StreamRecord& stream) {
   std::lock_guard lock(mutex_);
-  Statement query = prepare("UPDATE streams SET state = ?, updated = ?, submitted = ?, submission_date = ?, "
-                 "file_size = ?, cover_size = ?, cover_chosen = ?, width = ?, height = ?, "
-                 "duration = ?, has_video = ?, has_audio = ?, probe_error = ?, attributes = ? "
-                 "WHERE token = ?");
+  Statement query = prepare(
+      "UPDATE streams SET state = ?, updated = ?, submitted = ?, submission_date = ?, "
+      "file_size = ?, cover_size = ?, cover_chosen = ?, width = ?, height = ?, "
+      "duration = ?, has_video = ?, has_audio = ?, probe_error = ?, attributes = ? "
+      "WHERE token = ?");
   if (!query.valid()) return sqliteError("cannot prepare a statement");
   query.bind(1, static_cast<int64_t>(stream.state))
       .bind(2, stream.updated)
@@ -468,8 +478,9 @@ OptionalError MediaStore::resetLiveStreams(int64_t now) {
 
 OptionalError MediaStore::insertUpload(const UploadTicket& ticket) {
   std::lock_guard lock(mutex_);
-  Statement query = prepare("INSERT OR REPLACE INTO uploads (object_key, application, kind, media, stream, "
-                 "content_type, max_bytes, expires) VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
+  Statement query = prepare(
+      "INSERT OR REPLACE INTO uploads (object_key, application, kind, media, stream, "
+      "content_type, max_bytes, expires) VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
   if (!query.valid()) return sqliteError("cannot prepare a statement");
   query.bind(1, ticket.objectKey)
       .bind(2, ticket.application)
@@ -485,8 +496,9 @@ OptionalError MediaStore::insertUpload(const UploadTicket& ticket) {
 
 Result<std::optional<UploadTicket>> MediaStore::findUpload(const std::string& objectKey) {
   std::lock_guard lock(mutex_);
-  Statement query = prepare("SELECT object_key, application, kind, media, stream, content_type, max_bytes, "
-                 "expires FROM uploads WHERE object_key = ?");
+  Statement query = prepare(
+      "SELECT object_key, application, kind, media, stream, content_type, max_bytes, "
+      "expires FROM uploads WHERE object_key = ?");
   if (!query.valid()) return sqliteError("cannot prepare a statement");
   query.bind(1, objectKey);
   int rc = query.step();
@@ -515,8 +527,9 @@ OptionalError MediaStore::deleteExpiredUploads(int64_t now) {
 
 Result<int64_t> MediaStore::insertEvent(const DebuggerEvent& event) {
   std::lock_guard lock(mutex_);
-  Statement query = prepare("INSERT INTO events (application, received, payload, valid_json) "
-                 "VALUES (?, ?, ?, ?)");
+  Statement query = prepare(
+      "INSERT INTO events (application, received, payload, valid_json) "
+      "VALUES (?, ?, ?, ?)");
   if (!query.valid()) return sqliteError("cannot prepare a statement");
   query.bind(1, event.application)
       .bind(2, event.received)
@@ -529,8 +542,9 @@ Result<int64_t> MediaStore::insertEvent(const DebuggerEvent& event) {
 Result<std::vector<DebuggerEvent>> MediaStore::listEvents(const std::string& application,
                                                           int64_t limit) {
   std::lock_guard lock(mutex_);
-  Statement query = prepare("SELECT id, application, received, payload, valid_json FROM events "
-                 "WHERE application = ? ORDER BY id DESC LIMIT ?");
+  Statement query = prepare(
+      "SELECT id, application, received, payload, valid_json FROM events "
+      "WHERE application = ? ORDER BY id DESC LIMIT ?");
   if (!query.valid()) return sqliteError("cannot prepare a statement");
   query.bind(1, application).bind(2, limit);
   std::vector<DebuggerEvent> list;

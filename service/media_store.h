@@ -81,7 +81,7 @@ class MediaStore {
   Error sqliteError(const std::string& what) const;
 
   sqlite3* db_;
-  std::recursive_mutex mutex_;  // guards db_ and cache_
+  std::recursive_mutex mutex_;                                // guards db_ and cache_
   std::vector<std::pair<const char*, sqlite3_stmt*>> cache_;  // prepared statements by SQL text
 };
 

@@ -170,7 +170,8 @@ MultipartStreamParser::Status MultipartStreamParser::process() {
         size_t found = rest.find(bodyDelimiter_);
         if (found == std::string_view::npos) {
           // Only the tail can still be the start of a delimiter.
-          if (rest.size() >= bodyDelimiter_.size()) consumed += rest.size() - bodyDelimiter_.size() + 1;
+          if (rest.size() >= bodyDelimiter_.size())
+            consumed += rest.size() - bodyDelimiter_.size() + 1;
           return done(Status::Ok);
         }
         consumed += found + bodyDelimiter_.size();

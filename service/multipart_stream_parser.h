@@ -21,9 +21,9 @@
 namespace nembra {
 
 struct MultipartPart {
-  std::string name;             // the Content-Disposition name
+  std::string name;  // the Content-Disposition name
   std::optional<std::string> filename;
-  std::string contentType;      // empty when the part has none
+  std::string contentType;  // empty when the part has none
   std::vector<std::pair<std::string, std::string>> headers;
 };
 

@@ -114,8 +114,9 @@ TEST(MultipartStreamParserTest, EveryTruncationFailsAtFinish) {
 }
 
 TEST(MultipartStreamParserTest, SkipsPreambleAndIgnoresEpilogue) {
-  std::string body = "preamble text\r\n--b\r\nContent-Disposition: form-data; name=a\r\n\r\n1"
-                     "\r\n--b--\r\nepilogue --b\r\n";
+  std::string body =
+      "preamble text\r\n--b\r\nContent-Disposition: form-data; name=a\r\n\r\n1"
+      "\r\n--b--\r\nepilogue --b\r\n";
   Capture capture;
   MultipartStreamParser parser("b", capture.callbacks());
   EXPECT_EQ(parser.feed(body.data(), body.size()), MultipartStreamParser::Status::Done);
@@ -210,16 +211,16 @@ TEST_P(DispositionTest, ParsesLeniently) {
 
 INSTANTIATE_TEST_SUITE_P(
     Headers, DispositionTest,
-    ::testing::Values(
-        DispositionCase{"form-data; name=\"file\"; filename=\"video.mp4\";", true, "file",
-                        "video.mp4"},
-        DispositionCase{"form-data;name=file;filename=a.jpg", true, "file", "a.jpg"},
-        DispositionCase{"FORM-DATA; NAME=\"k\"", true, "k", std::nullopt},
-        DispositionCase{"form-data; name=\"a;b\"; filename=\"x\\\"y\"", true, "a;b", "x\"y"},
-        DispositionCase{"form-data; name=f; filename*=UTF-8''%C3%9F.mp4", true, "f",
-                        "\xC3\x9F.mp4"},
-        DispositionCase{"form-data; filename=\"x\"", false, "", std::nullopt},
-        DispositionCase{"inline; name=\"x\"", false, "", std::nullopt}));
+    ::testing::Values(DispositionCase{"form-data; name=\"file\"; filename=\"video.mp4\";", true,
+                                      "file", "video.mp4"},
+                      DispositionCase{"form-data;name=file;filename=a.jpg", true, "file", "a.jpg"},
+                      DispositionCase{"FORM-DATA; NAME=\"k\"", true, "k", std::nullopt},
+                      DispositionCase{"form-data; name=\"a;b\"; filename=\"x\\\"y\"", true, "a;b",
+                                      "x\"y"},
+                      DispositionCase{"form-data; name=f; filename*=UTF-8''%C3%9F.mp4", true, "f",
+                                      "\xC3\x9F.mp4"},
+                      DispositionCase{"form-data; filename=\"x\"", false, "", std::nullopt},
+                      DispositionCase{"inline; name=\"x\"", false, "", std::nullopt}));
 
 }  // namespace
 }  // namespace nembra

@@ -8,8 +8,7 @@ RestAuthGate::RestAuthGate(SessionRegistry& sessions, const ServiceOptions& opti
     : sessions_(sessions), options_(options) {}
 
 std::optional<AuthedRequest> RestAuthGate::open(RestRequest& request,
-                                                const std::string& application,
-                                                Body body) const {
+                                                const std::string& application, Body body) const {
   auto params = body == Body::Form ? request.readParams(options_.maxBodyBytes) : request.query();
   if (!params) {
     ServiceReply::error(request.response, params.error());
@@ -19,7 +18,8 @@ std::optional<AuthedRequest> RestAuthGate::open(RestRequest& request,
   if (!auth) {
     ServiceReply::error(request.response, auth.error());
     // The body was left unread; the connection cannot carry another request after it.
-    if (body == Body::RouteOwns && request.reader) request.response.set_header("Connection", "close");
+    if (body == Body::RouteOwns && request.reader)
+      request.response.set_header("Connection", "close");
     return std::nullopt;
   }
   return AuthedRequest{std::move(*params), std::move(*auth)};

@@ -37,8 +37,8 @@ void RouteTable::dispatch(const httplib::Request& request, httplib::Response& re
       const std::string& expected = route.segments[i];
       if (!expected.empty() && expected[0] == ':') {
         if (!isSafeToken(segments[i]) && invalid.empty()) {
-          invalid = "\"" + segments[i].substr(0, 64) + "\" is not a valid " +
-                    expected.substr(1) + " token";
+          invalid = "\"" + segments[i].substr(0, 64) + "\" is not a valid " + expected.substr(1) +
+                    " token";
         }
         params.emplace_back(expected.substr(1), segments[i]);
       } else if (expected != segments[i]) {

@@ -36,8 +36,12 @@ std::string tail(const std::string& path, size_t bytes) {
 RtmpIngest::RtmpIngest(MediaLibrary& library, SessionRegistry& sessions,
                        const DataDirectory& directory, std::unique_ptr<MediaRemuxer> remuxer,
                        Log log)
-    : library_(library), sessions_(sessions), directory_(directory),
-      remuxer_(std::move(remuxer)), log_(std::move(log)), secret_(randomHex(16)),
+    : library_(library),
+      sessions_(sessions),
+      directory_(directory),
+      remuxer_(std::move(remuxer)),
+      log_(std::move(log)),
+      secret_(randomHex(16)),
       queue_(std::make_unique<SerialQueue>("com.nembra.service.ingest")) {}
 
 RtmpIngest::~RtmpIngest() { stop(); }
@@ -57,8 +61,8 @@ std::optional<std::string> RtmpIngest::findNginx() {
     }
   }
   // Debian installs it outside a normal user's PATH.
-  candidates.insert(candidates.end(), {"/usr/sbin/nginx", "/usr/local/sbin/nginx",
-                                       "/usr/local/nginx/sbin/nginx"});
+  candidates.insert(candidates.end(),
+                    {"/usr/sbin/nginx", "/usr/local/sbin/nginx", "/usr/local/nginx/sbin/nginx"});
   for (const auto& candidate : candidates) {
     if (isExecutable(candidate)) return candidate;
   }
@@ -66,16 +70,15 @@ std::optional<std::string> RtmpIngest::findNginx() {
 }
 
 std::optional<std::string> RtmpIngest::findRtmpModule() {
-  if (const char* configured = std::getenv("NEMBRA_NGINX_RTMP_MODULE");
-      configured && *configured) {
+  if (const char* configured = std::getenv("NEMBRA_NGINX_RTMP_MODULE"); configured && *configured) {
     std::error_code ec;
     return fs::is_regular_file(configured, ec) ? std::optional<std::string>(configured)
                                                : std::nullopt;
   }
-  for (const char* candidate : {"/usr/lib/nginx/modules/ngx_rtmp_module.so",
-                                "/usr/lib64/nginx/modules/ngx_rtmp_module.so",
-                                "/usr/share/nginx/modules/ngx_rtmp_module.so",
-                                "/usr/local/nginx/modules/ngx_rtmp_module.so"}) {
+  for (const char* candidate :
+       {"/usr/lib/nginx/modules/ngx_rtmp_module.so", "/usr/lib64/nginx/modules/ngx_rtmp_module.so",
+        "/usr/share/nginx/modules/ngx_rtmp_module.so",
+        "/usr/local/nginx/modules/ngx_rtmp_module.so"}) {
     std::error_code ec;
     if (fs::is_regular_file(candidate, ec)) return std::string(candidate);
   }
@@ -134,8 +137,8 @@ OptionalError RtmpIngest::start(const std::string& host, int port, const std::st
   if (!config) return Error::file("cannot write " + dir + "/nginx.conf");
 
   ChildProcessOptions options;
-  options.argv = {*nginx, "-p", dir + "/", "-c", dir + "/nginx.conf", "-e",
-                  dir + "/logs/error.log"};
+  options.argv = {
+      *nginx, "-p", dir + "/", "-c", dir + "/nginx.conf", "-e", dir + "/logs/error.log"};
   options.stdoutPath = dir + "/logs/nginx.out";
   options.stderrPath = dir + "/logs/nginx.out";
   options.killWithParentThread = true;

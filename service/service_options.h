@@ -8,27 +8,27 @@
 namespace nembra {
 
 struct FaultOptions {
-  int latencyMs = 0;           // added before every answer
-  double failRate = 0.0;       // share of requests answered 503, 0 to 1
-  uint64_t cutUploadAfter = 0; // uploads lose their connection after this many body bytes; 0 off
-  uint64_t throttleBps = 0;    // storage and CDN transfer rate cap in bytes per second; 0 off
+  int latencyMs = 0;            // added before every answer
+  double failRate = 0.0;        // share of requests answered 503, 0 to 1
+  uint64_t cutUploadAfter = 0;  // uploads lose their connection after this many body bytes; 0 off
+  uint64_t throttleBps = 0;     // storage and CDN transfer rate cap in bytes per second; 0 off
 };
 
 struct ServiceOptions {
   std::string host = "127.0.0.1";
-  int port = 8080;              // 0 picks a free port
-  std::string dataDir;          // empty: defaultDataDirectory()
-  int rtmpPort = 1935;          // 0: no RTMP ingest
+  int port = 8080;                  // 0 picks a free port
+  std::string dataDir;              // empty: defaultDataDirectory()
+  int rtmpPort = 1935;              // 0: no RTMP ingest
   std::vector<std::string> tokens;  // empty: any application token is served
-  std::string secret;           // storage signing secret; empty: one kept in the data directory
+  std::string secret;               // storage signing secret; empty: one kept in the data directory
   FaultOptions faults;
 
-  uint64_t maxBodyBytes = 1 << 20;             // REST form and event bodies
-  uint64_t maxImageBytes = 32ull << 20;        // covers and image uploads
-  uint64_t maxUploadBytes = 8ull << 30;        // video and audio files
-  int uploadUrlLifetimeSeconds = 3600;         // how long a signed storage form stays valid
-  int cdnMaxAgeSeconds = 3600;                 // Cache-Control max-age of media files
-  int httpThreads = 128;                       // most connections served at once
+  uint64_t maxBodyBytes = 1 << 20;       // REST form and event bodies
+  uint64_t maxImageBytes = 32ull << 20;  // covers and image uploads
+  uint64_t maxUploadBytes = 8ull << 30;  // video and audio files
+  int uploadUrlLifetimeSeconds = 3600;   // how long a signed storage form stays valid
+  int cdnMaxAgeSeconds = 3600;           // Cache-Control max-age of media files
+  int httpThreads = 128;                 // most connections served at once
 
   // "http://HOST:PORT" as clients should reach the service: a wildcard bind address is shown as
   // the loopback address.

@@ -22,12 +22,17 @@ void ServiceReply::error(httplib::Response& response, int status, const std::str
 
 int ServiceReply::statusFor(const Error& error) {
   switch (error.kind) {
-    case ErrorKind::Http: return error.code >= 400 && error.code <= 599 ? error.code : 500;
+    case ErrorKind::Http:
+      return error.code >= 400 && error.code <= 599 ? error.code : 500;
     case ErrorKind::InvalidArgument:
-    case ErrorKind::Parse: return 400;
-    case ErrorKind::Media: return 422;
-    case ErrorKind::Timeout: return 504;
-    default: return 500;
+    case ErrorKind::Parse:
+      return 400;
+    case ErrorKind::Media:
+      return 422;
+    case ErrorKind::Timeout:
+      return 504;
+    default:
+      return 500;
   }
 }
 
@@ -49,12 +54,23 @@ std::string ServiceReply::xmlEscape(const std::string& text) {
   out.reserve(text.size());
   for (char c : text) {
     switch (c) {
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '&': out += "&amp;"; break;
-      case '"': out += "&quot;"; break;
-      case '\'': out += "&apos;"; break;
-      default: out.push_back(c);
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '&':
+        out += "&amp;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      case '\'':
+        out += "&apos;";
+        break;
+      default:
+        out.push_back(c);
     }
   }
   return out;
@@ -62,21 +78,36 @@ std::string ServiceReply::xmlEscape(const std::string& text) {
 
 const char* ServiceReply::reasonPhrase(int status) {
   switch (status) {
-    case 400: return "Bad Request";
-    case 401: return "Unauthorized";
-    case 403: return "Forbidden";
-    case 404: return "Not Found";
-    case 405: return "Method Not Allowed";
-    case 409: return "Conflict";
-    case 411: return "Length Required";
-    case 413: return "Payload Too Large";
-    case 415: return "Unsupported Media Type";
-    case 416: return "Range Not Satisfiable";
-    case 422: return "Unprocessable Entity";
-    case 500: return "Internal Server Error";
-    case 503: return "Service Unavailable";
-    case 504: return "Gateway Timeout";
-    default: return "Error";
+    case 400:
+      return "Bad Request";
+    case 401:
+      return "Unauthorized";
+    case 403:
+      return "Forbidden";
+    case 404:
+      return "Not Found";
+    case 405:
+      return "Method Not Allowed";
+    case 409:
+      return "Conflict";
+    case 411:
+      return "Length Required";
+    case 413:
+      return "Payload Too Large";
+    case 415:
+      return "Unsupported Media Type";
+    case 416:
+      return "Range Not Satisfiable";
+    case 422:
+      return "Unprocessable Entity";
+    case 500:
+      return "Internal Server Error";
+    case 503:
+      return "Service Unavailable";
+    case 504:
+      return "Gateway Timeout";
+    default:
+      return "Error";
   }
 }
 

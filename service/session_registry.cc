@@ -66,8 +66,8 @@ Result<RequestAuth> SessionRegistry::authenticate(const std::string& application
                                 kSessionKeyPrefix + (app.empty() ? "<application token>" : app));
   }
   if (!serves(app)) {
-    return Error::http(401, "the application token \"" + app.substr(0, 64) +
-                                "\" is not served here");
+    return Error::http(401,
+                       "the application token \"" + app.substr(0, 64) + "\" is not served here");
   }
   auto session = lookup(*token);
   if (!session) return session.error();

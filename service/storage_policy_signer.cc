@@ -14,8 +14,8 @@ StoragePolicySigner::StoragePolicySigner(StorageCredentials credentials, std::st
 nlohmann::ordered_json StoragePolicySigner::sign(const StorageUploadRequest& request) const {
   std::string amzDate = formatAmzDate(request.now);
   std::string date = amzDate.substr(0, 8);
-  std::string credential = credentials_.accessKeyId + "/" + date + "/" + credentials_.region +
-                           "/" + credentials_.service + "/aws4_request";
+  std::string credential = credentials_.accessKeyId + "/" + date + "/" + credentials_.region + "/" +
+                           credentials_.service + "/aws4_request";
   // Stands in for the temporary-credential token a hosted store would issue; signed into the
   // policy, so a form cannot be replayed with another.
   std::string securityToken = randomHex(24);

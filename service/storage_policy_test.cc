@@ -55,8 +55,8 @@ void resignWithPolicy(Fields& fields, const nlohmann::json& policy, const std::s
 
 TEST(Sigv4SigningTest, DerivesTheDocumentedSigningKey) {
   // The worked example of the Signature Version 4 documentation.
-  std::string key = sigv4SigningKey("wJalrXUtnFEMI/K7MDENG+bPxRfiCYEXAMPLEKEY", "20120215",
-                                    "us-east-1", "iam");
+  std::string key =
+      sigv4SigningKey("wJalrXUtnFEMI/K7MDENG+bPxRfiCYEXAMPLEKEY", "20120215", "us-east-1", "iam");
   EXPECT_EQ(toHex(key), "f4780e2d9f65fa895f9c67b32ce1baf0b0d8a43505a000a1a9e090d414db404d");
 }
 
@@ -76,8 +76,7 @@ TEST(StoragePolicyTest, SignedFormCarriesTheMediaFieldsInOrder) {
   for (const auto& field : fields) names.push_back(field.first);
   EXPECT_EQ(names, (std::vector<std::string>{"key", "Content-Type", "bucket", "X-Amz-Algorithm",
                                              "X-Amz-Credential", "X-Amz-Date",
-                                             "X-Amz-Security-Token", "Policy",
-                                             "X-Amz-Signature"}));
+                                             "X-Amz-Security-Token", "Policy", "X-Amz-Signature"}));
   auto policy = nlohmann::json::parse(*base64Decode(fields[7].second));
   EXPECT_EQ(policy["expiration"], "2024-05-01T13:00:00.000Z");
   EXPECT_EQ(policy["conditions"][0], (nlohmann::json{{"bucket", "nembra-media"}}));
@@ -114,8 +113,8 @@ TEST_P(StoragePolicyTamperTest, IsRefusedWithS3Codes) {
   Fields fields = signedForm();
   if (GetParam().tamper) GetParam().tamper(fields);
   StoragePolicyGrant grant;
-  auto error = StoragePolicyVerifier(credentials())
-                   .verify(fields, GetParam().bucket, GetParam().now, grant);
+  auto error =
+      StoragePolicyVerifier(credentials()).verify(fields, GetParam().bucket, GetParam().now, grant);
   ASSERT_TRUE(error.has_value());
   EXPECT_EQ(error->status, GetParam().status) << error->message;
   EXPECT_EQ(error->code, GetParam().code) << error->message;
@@ -126,8 +125,8 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         TamperCase{"OtherKey", [](Fields& f) { set(f, "key", "applications/app/../../x"); }, 403,
                    "AccessDenied"},
-        TamperCase{"OtherContentType", [](Fields& f) { set(f, "Content-Type", "text/html"); },
-                   403, "AccessDenied"},
+        TamperCase{"OtherContentType", [](Fields& f) { set(f, "Content-Type", "text/html"); }, 403,
+                   "AccessDenied"},
         TamperCase{"EditedPolicy",
                    [](Fields& f) {
                      auto policy = nlohmann::json::parse(*base64Decode(f[7].second));
@@ -163,7 +162,8 @@ INSTANTIATE_TEST_SUITE_P(
         TamperCase{"CredentialDateNotTheRequestDate",
                    [](Fields& f) { set(f, "X-Amz-Date", "20240502T120000Z"); }, 403,
                    "AccessDenied"},
-        TamperCase{"PolicyNotBase64", [](Fields& f) {
+        TamperCase{"PolicyNotBase64",
+                   [](Fields& f) {
                      set(f, "Policy", "not base64!");
                      set(f, "X-Amz-Signature",
                          sigv4PolicySignature(credentials(), "20240501", "not base64!"));

@@ -13,7 +13,10 @@ StorageUploadReceiver::StorageUploadReceiver(MediaLibrary& library,
                                              const StoragePolicyVerifier& verifier,
                                              std::string bucket, const FaultInjection& faults,
                                              const ServiceOptions& options)
-    : library_(library), verifier_(verifier), bucket_(std::move(bucket)), faults_(faults),
+    : library_(library),
+      verifier_(verifier),
+      bucket_(std::move(bucket)),
+      faults_(faults),
       options_(options) {}
 
 void StorageUploadReceiver::registerRoutes(RouteTable& routes) {
@@ -55,17 +58,21 @@ void StorageUploadReceiver::receive(RestRequest& request) {
       return std::nullopt;
     }
     ticket = std::move(*found);
-    return static_cast<uint64_t>(std::clamp<int64_t>(std::min(grant.maxBytes, ticket->maxBytes),
-                                                     0, INT64_MAX));
+    return static_cast<uint64_t>(
+        std::clamp<int64_t>(std::min(grant.maxBytes, ticket->maxBytes), 0, INT64_MAX));
   };
 
   UploadSpool spool(library_.directory(), faults_);
   switch (spool.receive(request, *boundary, "file", gate)) {
-    case UploadSpool::Outcome::Stored: break;
-    case UploadSpool::Outcome::Cut: return FaultInjection::cutConnection(response);
-    case UploadSpool::Outcome::Refused: return refuse(*refusal);
+    case UploadSpool::Outcome::Stored:
+      break;
+    case UploadSpool::Outcome::Cut:
+      return FaultInjection::cutConnection(response);
+    case UploadSpool::Outcome::Refused:
+      return refuse(*refusal);
     case UploadSpool::Outcome::TooLarge:
-      return refuse({400, "EntityTooLarge", "Your proposed upload exceeds the maximum allowed size"});
+      return refuse(
+          {400, "EntityTooLarge", "Your proposed upload exceeds the maximum allowed size"});
     case UploadSpool::Outcome::NoFile: {
       // The form's own faults come first, as they would had a file followed.
       StoragePolicyGrant unused;
@@ -86,16 +93,16 @@ void StorageUploadReceiver::receive(RestRequest& request) {
                          spool.message()});
   }
   if (static_cast<int64_t>(spool.fileBytes()) < grant.minBytes) {
-    return refuse({400, "EntityTooSmall",
-                   "Your proposed upload is smaller than the minimum allowed size"});
+    return refuse(
+        {400, "EntityTooSmall", "Your proposed upload is smaller than the minimum allowed size"});
   }
-  auto stored = library_.attachFile(ticket->application, ticket->kind, ticket->media,
-                                    ticket->stream, spool.takeFile(),
-                                    MediaLibrary::Unplayable::Keep);
+  auto stored =
+      library_.attachFile(ticket->application, ticket->kind, ticket->media, ticket->stream,
+                          spool.takeFile(), MediaLibrary::Unplayable::Keep);
   if (!stored) {
     int status = ServiceReply::statusFor(stored.error());
-    return refuse({status, status == 409 ? "OperationAborted" : "InvalidRequest",
-                   stored.error().message});
+    return refuse(
+        {status, status == 409 ? "OperationAborted" : "InvalidRequest", stored.error().message});
   }
   response.status = 204;
 }

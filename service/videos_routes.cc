@@ -27,7 +27,11 @@ struct FileCloser {
 VideosRoutes::VideosRoutes(MediaLibrary& library, const MediaJson& json, const RestAuthGate& gate,
                            const CdnFileServer& files, const FaultInjection& faults,
                            const ServiceOptions& options)
-    : library_(library), json_(json), gate_(gate), files_(files), faults_(faults),
+    : library_(library),
+      json_(json),
+      gate_(gate),
+      files_(files),
+      faults_(faults),
       options_(options) {}
 
 void VideosRoutes::registerRoutes(RouteTable& routes) {
@@ -54,8 +58,7 @@ void VideosRoutes::registerRoutes(RouteTable& routes) {
   };
   routes.add("POST", base + "/:video/streams/:stream/recordersubmit", submitRoute);
   routes.add("POST", base + "/:video/streams/:stream/video_submit", submitRoute);
-  routes.add("POST", base + "/:video/streams/:stream/confirm-video",
-             bind(&VideosRoutes::confirm));
+  routes.add("POST", base + "/:video/streams/:stream/confirm-video", bind(&VideosRoutes::confirm));
   routes.add("POST", base + "/:video/streams/:stream/imageattach",
              bind(&VideosRoutes::attachCover));
   routes.add("POST", base + "/:video/streams/:stream/videoattach",
@@ -67,8 +70,8 @@ void VideosRoutes::index(RestRequest& request) {
   if (!authed) return;
   auto window = ListWindow::from(authed->params);
   if (!window) return ServiceReply::error(request.response, window.error());
-  auto views = library_.list(authed->auth.application, MediaKind::Video, window->limit,
-                             window->offset);
+  auto views =
+      library_.list(authed->auth.application, MediaKind::Video, window->limit, window->offset);
   if (!views) return ServiceReply::error(request.response, views.error());
   Json list = Json::array();
   for (const auto& view : *views) list.push_back(json_.video(view));
@@ -78,8 +81,8 @@ void VideosRoutes::index(RestRequest& request) {
 Json VideosRoutes::rtmpTarget(const MediaView& view, const StreamRecord& stream) const {
   Json target;
   target["url"] = json_.urls().rtmp;
-  target["stream_name"] = "applications/" + view.media.application + "/videos/" +
-                          view.media.token + "/streams/" + stream.token + "/video.mp4";
+  target["stream_name"] = "applications/" + view.media.application + "/videos/" + view.media.token +
+                          "/streams/" + stream.token + "/video.mp4";
   return target;
 }
 
@@ -108,8 +111,7 @@ void VideosRoutes::create(RestRequest& request) {
 void VideosRoutes::createForUpload(RestRequest& request) {
   auto authed = gate_.open(request, request.path("app"));
   if (!authed) return;
-  auto view =
-      library_.create(authed->auth, MediaKind::Video, authed->params, StreamOrigin::Upload);
+  auto view = library_.create(authed->auth, MediaKind::Video, authed->params, StreamOrigin::Upload);
   if (!view) return ServiceReply::error(request.response, view.error());
   const StreamRecord& stream = view->streams.front();
   auto form = library_.uploadForm(authed->auth.application, MediaKind::Video, view->media.token,
@@ -142,8 +144,7 @@ void VideosRoutes::update(RestRequest& request) {
 void VideosRoutes::destroy(RestRequest& request) {
   auto authed = gate_.open(request, request.path("app"));
   if (!authed) return;
-  auto view =
-      library_.remove(authed->auth.application, MediaKind::Video, request.path("video"));
+  auto view = library_.remove(authed->auth.application, MediaKind::Video, request.path("video"));
   if (!view) return ServiceReply::error(request.response, view.error());
   Json reply;
   reply["token"] = view->media.token;
@@ -154,8 +155,7 @@ void VideosRoutes::destroy(RestRequest& request) {
 void VideosRoutes::cover(RestRequest& request) {
   auto authed = gate_.open(request, request.path("app"));
   if (!authed) return;
-  auto file = library_.coverFile(authed->auth.application, MediaKind::Video,
-                                 request.path("video"));
+  auto file = library_.coverFile(authed->auth.application, MediaKind::Video, request.path("video"));
   if (!file) return ServiceReply::error(request.response, file.error());
   files_.serve(request, *file);
 }
@@ -200,8 +200,7 @@ void VideosRoutes::updateStream(RestRequest& request) {
   auto authed = gate_.open(request, request.path("app"));
   if (!authed) return;
   auto view = library_.updateStream(authed->auth.application, MediaKind::Video,
-                                    request.path("video"), request.path("stream"),
-                                    authed->params);
+                                    request.path("video"), request.path("stream"), authed->params);
   if (!view) return ServiceReply::error(request.response, view.error());
   ServiceReply::json(request.response, 200,
                      json_.stream(*view, *view->stream(request.path("stream"))));
@@ -247,9 +246,9 @@ void VideosRoutes::attachCover(RestRequest& request) {
   }
   if (auto length = request.declaredLength(); length && *length > options_.maxImageBytes) {
     request.response.set_header("Connection", "close");
-    return ServiceReply::error(request.response, 413, "the cover is larger than " +
-                                                          std::to_string(options_.maxImageBytes) +
-                                                          " bytes");
+    return ServiceReply::error(
+        request.response, 413,
+        "the cover is larger than " + std::to_string(options_.maxImageBytes) + " bytes");
   }
   // Streamed to a temporary file; the JPEG signature is checked on the first bytes.
   std::string path = library_.directory().newTemporaryPath(".jpg");
@@ -261,8 +260,8 @@ void VideosRoutes::attachCover(RestRequest& request) {
   bool read = (*request.reader)([&](const char* data, size_t length) {
     size += length;
     if (size > options_.maxImageBytes) {
-      refusal = Error::http(413, "the cover is larger than " +
-                                     std::to_string(options_.maxImageBytes) + " bytes");
+      refusal = Error::http(
+          413, "the cover is larger than " + std::to_string(options_.maxImageBytes) + " bytes");
       return false;
     }
     if (head.size() < 3) head.append(data, std::min<size_t>(3 - head.size(), length));
@@ -301,24 +300,25 @@ void VideosRoutes::attachVideo(RestRequest& request) {
   }
   if (auto length = request.declaredLength(); length && *length > options_.maxUploadBytes) {
     request.response.set_header("Connection", "close");
-    return ServiceReply::error(request.response, 413, "the upload is larger than " +
-                                                          std::to_string(options_.maxUploadBytes) +
-                                                          " bytes");
+    return ServiceReply::error(
+        request.response, 413,
+        "the upload is larger than " + std::to_string(options_.maxUploadBytes) + " bytes");
   }
   UploadSpool spool(library_.directory(), faults_);
   uint64_t limit = options_.maxUploadBytes;
   auto outcome = spool.receive(request, *boundary, "file",
                                [limit](const auto&) { return std::optional<uint64_t>(limit); });
   switch (outcome) {
-    case UploadSpool::Outcome::Stored: break;
-    case UploadSpool::Outcome::Cut: return FaultInjection::cutConnection(request.response);
+    case UploadSpool::Outcome::Stored:
+      break;
+    case UploadSpool::Outcome::Cut:
+      return FaultInjection::cutConnection(request.response);
     case UploadSpool::Outcome::NoFile:
-      return ServiceReply::error(request.response, 400,
-                                 "the form has no file part named \"file\"");
+      return ServiceReply::error(request.response, 400, "the form has no file part named \"file\"");
     case UploadSpool::Outcome::TooLarge:
       request.response.set_header("Connection", "close");
-      return ServiceReply::error(request.response, 413, "the upload is larger than " +
-                                                            std::to_string(limit) + " bytes");
+      return ServiceReply::error(request.response, 413,
+                                 "the upload is larger than " + std::to_string(limit) + " bytes");
     case UploadSpool::Outcome::WriteFailed:
       return ServiceReply::error(request.response, 500, spool.message());
     default:
@@ -326,8 +326,8 @@ void VideosRoutes::attachVideo(RestRequest& request) {
       return ServiceReply::error(request.response, 400,
                                  "the multipart body is malformed: " + spool.message());
   }
-  auto view = library_.attachFile(authed->auth.application, MediaKind::Video,
-                                  request.path("video"), request.path("stream"), spool.takeFile(),
+  auto view = library_.attachFile(authed->auth.application, MediaKind::Video, request.path("video"),
+                                  request.path("stream"), spool.takeFile(),
                                   MediaLibrary::Unplayable::Refuse);
   if (!view) return ServiceReply::error(request.response, view.error());
   ServiceReply::json(request.response, 200, json_.video(*view));

@@ -61,7 +61,7 @@ TEST_P(RTMPClientAddressTest, TakesApplicationFromAllSegmentsButTheLast) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Addresses, RTMPClientAddressTest,
+    TargetAddresses, RTMPClientAddressTest,
     testing::Values(AddressCase{"rtmp://10.0.0.1:1936/live/x", "10.0.0.1", 1936, "live",
                                 "rtmp://10.0.0.1:1936/live"},
                     // The placeholder segment, trailing character included, is dropped.
