@@ -77,9 +77,7 @@ float AspectRatio::toFloat() const {
   return mY < 1 ? 0.0f : static_cast<float>(mX) / static_cast<float>(mY);
 }
 
-bool AspectRatio::matches(int32_t width, int32_t height) const {
-  return equals(of(width, height));
-}
+bool AspectRatio::matches(int32_t width, int32_t height) const { return equals(of(width, height)); }
 
 bool AspectRatio::equals(const std::optional<AspectRatio>& other) const {
   return other && other->mX == mX && other->mY == mY;

@@ -33,8 +33,7 @@ INSTANTIATE_TEST_SUITE_P(
     Texts, AspectRatioParseTest,
     testing::Values(ParseCase{"16:9", std::pair{16, 9}, ""},
                     ParseCase{"16 : 9", std::pair{16, 9}, ""},
-                    ParseCase{"32:18", std::pair{16, 9}, ""},
-                    ParseCase{"0:0", std::pair{0, 0}, ""},
+                    ParseCase{"32:18", std::pair{16, 9}, ""}, ParseCase{"0:0", std::pair{0, 0}, ""},
                     ParseCase{"-4:3", std::pair{4, -3}, ""},  // the sign follows the divisor
                     ParseCase{"4:3:1", std::nullopt, "Malformed aspect ratio: 4:3:1"},
                     ParseCase{"16", std::nullopt, "Malformed aspect ratio: 16"},

@@ -44,9 +44,9 @@ Json DeviceInfo::toDictionary() const {
 std::string DeviceInfo::toString() const {
   // Kept as is: readers of the logs expect this exact layout.
   const std::string indent = "\n" + std::string(28, ' ');
-  return "DeviceInfo{" + indent + "os=" + os + "," + indent + "nembraSdkVer=" + nembraSdkVer +
-         "," + indent + "deviceModel=" + deviceModel + "," + indent +
-         "systemVersion=" + systemVersion + "," + indent + "deviceName=" + deviceName + "}";
+  return "DeviceInfo{" + indent + "os=" + os + "," + indent + "nembraSdkVer=" + nembraSdkVer + "," +
+         indent + "deviceModel=" + deviceModel + "," + indent + "systemVersion=" + systemVersion +
+         "," + indent + "deviceName=" + deviceName + "}";
 }
 
 }  // namespace nembra

@@ -26,8 +26,9 @@ TEST(DeviceInfoTest, JsonInAndOutWithTheFiveKeys) {
   EXPECT_EQ(info.nembraSdkVer, "2");
   EXPECT_EQ(info.deviceModel, "");
   EXPECT_EQ(info.deviceName, "");
-  EXPECT_EQ(info.toDictionary().dump(),
-            R"({"os":"iOS","nembraSdkVer":"2","deviceModel":"","systemVersion":"","deviceName":""})");
+  EXPECT_EQ(
+      info.toDictionary().dump(),
+      R"({"os":"iOS","nembraSdkVer":"2","deviceModel":"","systemVersion":"","deviceName":""})");
   info.clear();
   EXPECT_EQ(info.nembraSdkVer, kNembraSdkVersion);
 }

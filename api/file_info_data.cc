@@ -5,8 +5,7 @@ namespace nembra {
 FileInfoData::FileInfoData(std::string path, std::string mimeType, std::string name)
     : path(std::move(path)), mimeType(std::move(mimeType)), name(std::move(name)) {}
 
-FileInfoData FileInfoData::initWithPath(std::string path, std::string mimeType,
-                                        std::string name) {
+FileInfoData FileInfoData::initWithPath(std::string path, std::string mimeType, std::string name) {
   return FileInfoData(std::move(path), std::move(mimeType), std::move(name));
 }
 

@@ -20,8 +20,7 @@ TEST(MediaFieldsTest, FormFieldsGoOutInTheFormOrderWithTheSignatureLast) {
   for (const auto& item : written.items()) keys.push_back(item.key());
   EXPECT_EQ(keys, (std::vector<std::string>{"key", "Content-Type", "bucket", "X-Amz-Algorithm",
                                             "X-Amz-Credential", "X-Amz-Date",
-                                            "X-Amz-Security-Token", "Policy",
-                                            "X-Amz-Signature"}));
+                                            "X-Amz-Security-Token", "Policy", "X-Amz-Signature"}));
   EXPECT_EQ(written["X-Amz-Signature"], "sig");
 }
 

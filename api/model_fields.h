@@ -21,35 +21,40 @@ class ModelFields {
  public:
   ModelFields& string(const char* key, std::string Model::*member) {
     return add(
-        key, [member](Model& m, const Json& j, const char* k) {
+        key,
+        [member](Model& m, const Json& j, const char* k) {
           m.*member = Utils::getStringFromJson(j, k);
         },
         [member](const Model& m, Json& out, const char* k) { out[k] = m.*member; });
   }
   ModelFields& int32(const char* key, int32_t Model::*member) {
     return add(
-        key, [member](Model& m, const Json& j, const char* k) {
+        key,
+        [member](Model& m, const Json& j, const char* k) {
           m.*member = Utils::getIntFromJson(j, k);
         },
         [member](const Model& m, Json& out, const char* k) { out[k] = m.*member; });
   }
   ModelFields& int64(const char* key, int64_t Model::*member) {
     return add(
-        key, [member](Model& m, const Json& j, const char* k) {
+        key,
+        [member](Model& m, const Json& j, const char* k) {
           m.*member = Utils::getLongFromJson(j, k);
         },
         [member](const Model& m, Json& out, const char* k) { out[k] = m.*member; });
   }
   ModelFields& real(const char* key, double Model::*member) {
     return add(
-        key, [member](Model& m, const Json& j, const char* k) {
+        key,
+        [member](Model& m, const Json& j, const char* k) {
           m.*member = Utils::getDoubleFromJson(j, k);
         },
         [member](const Model& m, Json& out, const char* k) { out[k] = m.*member; });
   }
   ModelFields& boolean(const char* key, bool Model::*member) {
     return add(
-        key, [member](Model& m, const Json& j, const char* k) {
+        key,
+        [member](Model& m, const Json& j, const char* k) {
           m.*member = Utils::getBoolFromJson(j, k);
         },
         [member](const Model& m, Json& out, const char* k) { out[k] = m.*member; });
@@ -69,7 +74,8 @@ class ModelFields {
   template <typename Nested>
   ModelFields& nested(const char* key, Nested Model::*member) {
     return add(
-        key, [member](Model& m, const Json& j, const char* k) {
+        key,
+        [member](Model& m, const Json& j, const char* k) {
           if (std::optional<Json> d = Utils::getDictionaryFromJson(j, k)) {
             (m.*member).setInfo(*d);
           } else {

@@ -107,8 +107,8 @@ std::optional<std::string> Utils::getSharedDirectoryForAppGroup(const std::strin
   return fs.containerForAppGroup(appGroup);
 }
 
-std::optional<std::string> Utils::getWritableSharedDirectoryForAppGroup(
-    const std::string& appGroup, FileSystem& fs) {
+std::optional<std::string> Utils::getWritableSharedDirectoryForAppGroup(const std::string& appGroup,
+                                                                        FileSystem& fs) {
   std::optional<std::string> container = getSharedDirectoryForAppGroup(appGroup, fs);
   if (!container) return std::nullopt;
   return *container + "/Library/Caches";
@@ -156,24 +156,29 @@ void Utils::removeFileWithUrl(const std::string& url) {
 
 void Utils::removeFileWithPath(const std::string& path) { FileSystem::removeItem(path); }
 
-uint64_t Utils::fileSize(const std::string& path) {
-  return FileSystem::fileSize(path).value_or(0);
-}
+uint64_t Utils::fileSize(const std::string& path) { return FileSystem::fileSize(path).value_or(0); }
 
 std::string Utils::textualForm(const Json& value) {
   switch (value.type()) {
-    case Json::value_t::string: return value.get<std::string>();
-    case Json::value_t::boolean: return value.get<bool>() ? "1" : "0";
-    case Json::value_t::number_integer: return std::to_string(value.get<int64_t>());
-    case Json::value_t::number_unsigned: return std::to_string(value.get<uint64_t>());
+    case Json::value_t::string:
+      return value.get<std::string>();
+    case Json::value_t::boolean:
+      return value.get<bool>() ? "1" : "0";
+    case Json::value_t::number_integer:
+      return std::to_string(value.get<int64_t>());
+    case Json::value_t::number_unsigned:
+      return std::to_string(value.get<uint64_t>());
     case Json::value_t::number_float: {
       // Shortest text that reads back as the same double; whole numbers have no ".0".
       char buffer[32];
       auto result = std::to_chars(buffer, buffer + sizeof(buffer), value.get<double>());
       return std::string(buffer, result.ptr);
     }
-    case Json::value_t::null: return "<null>";
-    default: return value.dump();
+    case Json::value_t::null:
+      return "<null>";
+    default:
+      // Parsed JSON is valid UTF-8; a value built in code may not be, and must not throw here.
+      return value.dump(-1, ' ', false, Json::error_handler_t::replace);
   }
 }
 
@@ -212,9 +217,8 @@ std::optional<Json> Utils::getDictionaryFromJson(const Json& json, const std::st
 int32_t Utils::getIntFromJson(const Json& json, const std::string& key) {
   const Json* value = presentValue(json, key);
   if (!value) return 0;
-  return static_cast<int32_t>(std::clamp<int64_t>(readLong(*value),
-                                                  std::numeric_limits<int32_t>::min(),
-                                                  std::numeric_limits<int32_t>::max()));
+  return static_cast<int32_t>(std::clamp<int64_t>(
+      readLong(*value), std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
 }
 
 int64_t Utils::getLongFromJson(const Json& json, const std::string& key) {
@@ -252,8 +256,8 @@ std::optional<std::string> Utils::pathFromFileUrl(const std::string& url) {
   std::string path;
   for (size_t i = 0; i < encoded.size(); ++i) {
     int high = -1, low = -1;
-    if (encoded[i] == '%' && i + 2 < encoded.size() &&
-        (high = hexDigit(encoded[i + 1])) >= 0 && (low = hexDigit(encoded[i + 2])) >= 0) {
+    if (encoded[i] == '%' && i + 2 < encoded.size() && (high = hexDigit(encoded[i + 1])) >= 0 &&
+        (low = hexDigit(encoded[i + 2])) >= 0) {
       path += static_cast<char>(high * 16 + low);
       i += 2;
     } else {

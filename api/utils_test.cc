@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <regex>
 
 #include "api/console_log.h"
 
@@ -37,34 +36,34 @@ TEST_P(ReadingRulesTest, EveryGetterFollowsTheTextualForm) {
 
 INSTANTIATE_TEST_SUITE_P(
     Values, ReadingRulesTest,
-    testing::Values(ReadingCase{"\"text\"", "text", 0, 0, 0.0, false},
-                    ReadingCase{"\"true\"", "true", 0, 0, 0.0, true},
-                    ReadingCase{"\"TRUE\"", "TRUE", 0, 0, 0.0, false},
-                    // A JSON true reads as "1", which is not "true": deliberate.
-                    ReadingCase{"true", "1", 1, 1, 1.0, false},
-                    ReadingCase{"false", "0", 0, 0, 0.0, false},
-                    ReadingCase{"1", "1", 1, 1, 1.0, false},
-                    ReadingCase{"12", "12", 12, 12, 12.0, false},
-                    ReadingCase{"5.0", "5", 5, 5, 5.0, false},
-                    ReadingCase{"2.5", "2.5", 2, 2, 2.5, false},
-                    ReadingCase{"0.1", "0.1", 0, 0, 0.1, false},
-                    ReadingCase{"-7.9", "-7.9", -7, -7, -7.9, false},
-                    ReadingCase{"\"7\"", "7", 7, 7, 7.0, false},
-                    ReadingCase{"\" -12abc\"", " -12abc", -12, -12, -12.0, false},
-                    ReadingCase{"\"+3.5e2x\"", "+3.5e2x", 3, 3, 350.0, false},
-                    ReadingCase{"\"inf\"", "inf", 0, 0, 0.0, false},
-                    ReadingCase{"4294967296", "4294967296", 2147483647, 4294967296, 4294967296.0,
-                                false},
-                    ReadingCase{"\"-99999999999999999999\"", "-99999999999999999999",
-                                -2147483647 - 1, INT64_MIN, -1e20, false},
-                    ReadingCase{"18446744073709551615", "18446744073709551615", 2147483647,
-                                INT64_MAX, 18446744073709551615.0, false},
-                    ReadingCase{"1e300", "1e+300", 2147483647, INT64_MAX, 1e300, false},
-                    ReadingCase{"null", "", 0, 0, 0.0, false},
-                    ReadingCase{"\"null\"", "", 0, 0, 0.0, false},
-                    ReadingCase{"\"<null>\"", "", 0, 0, 0.0, false},
-                    ReadingCase{"[1,2]", "[1,2]", 0, 0, 0.0, false},
-                    ReadingCase{"{\"b\":1}", "{\"b\":1}", 0, 0, 0.0, false}));
+    testing::Values(
+        ReadingCase{"\"text\"", "text", 0, 0, 0.0, false},
+        ReadingCase{"\"true\"", "true", 0, 0, 0.0, true},
+        ReadingCase{"\"TRUE\"", "TRUE", 0, 0, 0.0, false},
+        // A JSON true reads as "1", which is not "true": deliberate.
+        ReadingCase{"true", "1", 1, 1, 1.0, false}, ReadingCase{"false", "0", 0, 0, 0.0, false},
+        ReadingCase{"1", "1", 1, 1, 1.0, false}, ReadingCase{"12", "12", 12, 12, 12.0, false},
+        ReadingCase{"5.0", "5", 5, 5, 5.0, false}, ReadingCase{"2.5", "2.5", 2, 2, 2.5, false},
+        ReadingCase{"0.1", "0.1", 0, 0, 0.1, false},
+        ReadingCase{"-7.9", "-7.9", -7, -7, -7.9, false},
+        ReadingCase{"\"7\"", "7", 7, 7, 7.0, false},
+        ReadingCase{"\" -12abc\"", " -12abc", -12, -12, -12.0, false},
+        ReadingCase{"\"+3.5e2x\"", "+3.5e2x", 3, 3, 350.0, false},
+        ReadingCase{"\"inf\"", "inf", 0, 0, 0.0, false},
+        ReadingCase{"4294967296", "4294967296", 2147483647, 4294967296, 4294967296.0, false},
+        ReadingCase{"\"-99999999999999999999\"", "-99999999999999999999", -2147483647 - 1,
+                    INT64_MIN, -1e20, false},
+        ReadingCase{"18446744073709551615", "18446744073709551615", 2147483647, INT64_MAX,
+                    18446744073709551615.0, false},
+        ReadingCase{"1e300", "1e+300", 2147483647, INT64_MAX, 1e300, false},
+        ReadingCase{"null", "", 0, 0, 0.0, false}, ReadingCase{"\"null\"", "", 0, 0, 0.0, false},
+        ReadingCase{"\"<null>\"", "", 0, 0, 0.0, false},
+        ReadingCase{"[1,2]", "[1,2]", 0, 0, 0.0, false},
+        ReadingCase{"{\"b\":1}", "{\"b\":1}", 0, 0, 0.0, false}));
+
+TEST(UtilsJsonTest, ValueBuiltWithInvalidUtf8StillHasATextualForm) {
+  EXPECT_EQ(Utils::textualForm(Json::array({std::string("\xff")})), "[\"\xEF\xBF\xBD\"]");
+}
 
 TEST(UtilsJsonTest, MissingKeyAndNonObjectGiveDefaults) {
   for (const Json& json : {Json::object(), Json::array({1}), Json("v"), Json()}) {
@@ -104,15 +103,14 @@ TEST_P(FileUrlTest, OnlyLocalFileUrlsGiveAPath) {
   EXPECT_EQ(Utils::pathFromFileUrl(GetParam().url), GetParam().path);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Urls, FileUrlTest,
-    testing::Values(FileUrlCase{"file:///tmp/a%20b.mp4", "/tmp/a b.mp4"},
-                    FileUrlCase{"FILE://localhost/tmp/x", "/tmp/x"},
-                    FileUrlCase{"file:///tmp/x?query#frag", "/tmp/x"},
-                    FileUrlCase{"file:///tmp/100%", "/tmp/100%"},
-                    FileUrlCase{"file://server/share/x", std::nullopt},
-                    FileUrlCase{"https://example.com/x", std::nullopt},
-                    FileUrlCase{"/tmp/plain/path", std::nullopt}));
+INSTANTIATE_TEST_SUITE_P(Urls, FileUrlTest,
+                         testing::Values(FileUrlCase{"file:///tmp/a%20b.mp4", "/tmp/a b.mp4"},
+                                         FileUrlCase{"FILE://localhost/tmp/x", "/tmp/x"},
+                                         FileUrlCase{"file:///tmp/x?query#frag", "/tmp/x"},
+                                         FileUrlCase{"file:///tmp/100%", "/tmp/100%"},
+                                         FileUrlCase{"file://server/share/x", std::nullopt},
+                                         FileUrlCase{"https://example.com/x", std::nullopt},
+                                         FileUrlCase{"/tmp/plain/path", std::nullopt}));
 
 class UtilsFilesTest : public testing::Test {
  protected:
@@ -146,8 +144,7 @@ TEST_F(UtilsFilesTest, SharedDirectoriesOfAnAppGroup) {
             root + "/AppGroups/group.demo/Library/Caches");
   const std::string recordings =
       root + "/AppGroups/group.demo/Library/Caches/com.nembra.screen-recording";
-  EXPECT_EQ(Utils::getSharedScreenRecordingDirectoryForAppGroup("group.demo", files_),
-            recordings);
+  EXPECT_EQ(Utils::getSharedScreenRecordingDirectoryForAppGroup("group.demo", files_), recordings);
   EXPECT_TRUE(fs::is_directory(recordings));
   EXPECT_FALSE(Utils::getSharedScreenRecordingDirectoryForAppGroup("../escape", files_));
 }
@@ -162,14 +159,20 @@ TEST_F(UtilsFilesTest, CopyToTemporaryDirectoryNamesTheCopyByTimeAndRandomNumber
   EXPECT_EQ(FileSystem::readFile(*copy), "movie bytes");
   EXPECT_EQ(fs::path(*copy).parent_path(), dir_ / "root" / "tmp");
 
-  std::smatch match;
+  // "<seconds>_<random>.mp4"
   const std::string name = fs::path(*copy).filename();
-  ASSERT_TRUE(std::regex_match(name, match, std::regex(R"((\d+)_(\d+)\.mp4)"))) << name;
+  const size_t underscore = name.find('_');
+  ASSERT_NE(underscore, std::string::npos) << name;
+  ASSERT_TRUE(name.ends_with(".mp4")) << name;
+  const std::string seconds = name.substr(0, underscore);
+  const std::string random = name.substr(underscore + 1, name.size() - underscore - 5);
+  ASSERT_EQ(seconds.find_first_not_of("0123456789"), std::string::npos) << name;
+  ASSERT_EQ(random.find_first_not_of("0123456789"), std::string::npos) << name;
   // Whole seconds of absolute time, which starts at 2001-01-01 UTC.
-  EXPECT_NEAR(std::stoll(match[1]), unixNow - 978307200, 2);
-  EXPECT_LT(std::stoull(match[2]), 4294967295ull);
-  EXPECT_EQ(lines_, std::vector<std::string>{"Copied file " + source + " to temporary file " +
-                                             *copy});
+  EXPECT_NEAR(std::stoll(seconds), unixNow - 978307200, 2);
+  EXPECT_LT(std::stoull(random), 4294967295ull);
+  EXPECT_EQ(lines_,
+            std::vector<std::string>{"Copied file " + source + " to temporary file " + *copy});
   EXPECT_NE(Utils::copyFileToTemporaryDirectory(source, "mp4", files_), copy);
 }
 

@@ -26,8 +26,7 @@ const ModelFields<Video>& fields() {
                                          .int64("submission_date", &M::submissionDate)
                                          .object("expiration_days", &M::expirationDays)
                                          .int32("resubmission_date", &M::resubmissionDate)
-                                         .int32("stream_submission_date",
-                                                &M::streamSubmissionDate)
+                                         .int32("stream_submission_date", &M::streamSubmissionDate)
                                          .boolean("user_language", &M::userLanguage)
                                          .boolean("delete_old_streams", &M::deleteOldStreams)
                                          .boolean("auto_crop", &M::autoCrop)
@@ -38,8 +37,7 @@ const ModelFields<Video>& fields() {
                                          .boolean("approved", &M::approved)
                                          .string("moderation_reason", &M::moderationReason)
                                          .object("effect_profile", &M::effectProfile)
-                                         .real("default_image_selector",
-                                               &M::defaultImageSelector)
+                                         .real("default_image_selector", &M::defaultImageSelector)
                                          .string("video_file_name", &M::videoFileName)
                                          .string("type", &M::type)
                                          .int32("created", &M::created)

@@ -18,9 +18,9 @@ class VideoSizeRulesTest : public testing::TestWithParam<SizeCase> {};
 TEST_P(VideoSizeRulesTest, ChecksSidesAgainstTheRatio) {
   const SizeCase& c = GetParam();
   OptionalError error;
-  std::optional<VideoSize> size = c.given ? VideoSize::initWithWidth(c.width, c.height, c.given,
-                                                                     &error)
-                                          : VideoSize::initWithWidth(c.width, c.height, &error);
+  std::optional<VideoSize> size = c.given
+                                      ? VideoSize::initWithWidth(c.width, c.height, c.given, &error)
+                                      : VideoSize::initWithWidth(c.width, c.height, &error);
   if (c.error) {
     EXPECT_FALSE(size);
     ASSERT_TRUE(error);
@@ -37,18 +37,17 @@ TEST_P(VideoSizeRulesTest, ChecksSidesAgainstTheRatio) {
 
 INSTANTIATE_TEST_SUITE_P(
     Rules, VideoSizeRulesTest,
-    testing::Values(
-        SizeCase{0, 0, std::nullopt, std::nullopt,
-                 "The width and height can't be zero without aspect ratio."},
-        SizeCase{1920, 1080, AspectRatio::of(4, 3), std::nullopt,
-                 "The aspect ratio doesn't fit width and height."},
-        SizeCase{1920, 1080, AspectRatio(32, 18), std::nullopt,
-                 "The aspect ratio doesn't fit width and height."},
-        SizeCase{1920, 1080, std::nullopt, "16 : 9", nullptr},
-        SizeCase{1920, 1080, AspectRatio::of(16, 9), "16 : 9", nullptr},
-        SizeCase{0, 0, AspectRatio::of(4, 3), "4 : 3", nullptr},
-        SizeCase{1280, 0, std::nullopt, std::nullopt, nullptr},
-        SizeCase{1280, 0, AspectRatio::of(4, 3), "4 : 3", nullptr}));
+    testing::Values(SizeCase{0, 0, std::nullopt, std::nullopt,
+                             "The width and height can't be zero without aspect ratio."},
+                    SizeCase{1920, 1080, AspectRatio::of(4, 3), std::nullopt,
+                             "The aspect ratio doesn't fit width and height."},
+                    SizeCase{1920, 1080, AspectRatio(32, 18), std::nullopt,
+                             "The aspect ratio doesn't fit width and height."},
+                    SizeCase{1920, 1080, std::nullopt, "16 : 9", nullptr},
+                    SizeCase{1920, 1080, AspectRatio::of(16, 9), "16 : 9", nullptr},
+                    SizeCase{0, 0, AspectRatio::of(4, 3), "4 : 3", nullptr},
+                    SizeCase{1280, 0, std::nullopt, std::nullopt, nullptr},
+                    SizeCase{1280, 0, AspectRatio::of(4, 3), "4 : 3", nullptr}));
 
 TEST(VideoSizeTest, EqualityBySidesAndOrderByArea) {
   VideoSize hd = *VideoSize::initWithWidth(1280, 720);

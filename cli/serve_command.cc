@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "cli/cli_context.h"
+#include "platform/media_log.h"
 #include "service/local_service.h"
 #include "service/service_options.h"
 
@@ -41,6 +42,8 @@ struct ServeArguments {
 };
 
 int runServe(const ServeArguments& arguments) {
+  // Remuxing and cover grabs would otherwise print FFmpeg's progress notes among the service's.
+  setMediaLogLevel(MediaLogLevel::Errors);
   LocalService service(arguments.options);
   if (auto error = service.start()) {
     std::cerr << "nembra serve: " << error->message << "\n";

@@ -116,12 +116,11 @@ std::optional<DisplaySize> DeviceFacts::parseDrmMode(std::string_view text) {
   if (x == std::string_view::npos) return std::nullopt;
   // A mode may carry a suffix ("1920x1080i"); only the leading digits count.
   std::string_view heightText = line.substr(x + 1);
-  heightText = heightText.substr(0, std::min(heightText.size(),
-                                             heightText.find_first_not_of("0123456789")));
+  heightText =
+      heightText.substr(0, std::min(heightText.size(), heightText.find_first_not_of("0123456789")));
   std::optional<uint64_t> width = parseUnsigned(line.substr(0, x));
   std::optional<uint64_t> height = parseUnsigned(heightText);
-  if (!width || !height || *width == 0 || *height == 0 || *width > 1u << 16 ||
-      *height > 1u << 16) {
+  if (!width || !height || *width == 0 || *height == 0 || *width > 1u << 16 || *height > 1u << 16) {
     return std::nullopt;
   }
   return DisplaySize{static_cast<int>(*width), static_cast<int>(*height)};
@@ -169,10 +168,11 @@ std::optional<DisplaySize> DeviceFacts::mainDisplaySize() const {
   namespace fs = std::filesystem;
   std::vector<fs::path> connectors;
   std::error_code ec;
-  for (const auto& entry : fs::directory_iterator(sources_.drmDirectory, ec)) {
+  for (fs::directory_iterator it(sources_.drmDirectory, ec), end; !ec && it != end;
+       it.increment(ec)) {
     // Connectors are named "card0-HDMI-A-1"; the card entries themselves have no dash.
-    if (entry.path().filename().string().find('-') != std::string::npos) {
-      connectors.push_back(entry.path());
+    if (it->path().filename().string().find('-') != std::string::npos) {
+      connectors.push_back(it->path());
     }
   }
   std::sort(connectors.begin(), connectors.end());

@@ -157,7 +157,10 @@ std::string FileSystem::defaultRoot() {
   std::string user = homeDirectory();
   if (!user.empty()) return user + "/.local/share/nembra";
   // No home at all (a daemon without a passwd entry): a per-user directory that still works.
-  return (fs::temp_directory_path() / ("nembra-" + std::to_string(getuid()))).string();
+  std::error_code ec;
+  fs::path temporary = fs::temp_directory_path(ec);
+  if (ec) temporary = "/tmp";
+  return (temporary / ("nembra-" + std::to_string(getuid()))).string();
 }
 
 std::string FileSystem::root() const {
@@ -235,9 +238,9 @@ OptionalError FileSystem::moveItem(const std::string& from, const std::string& t
   if (code != EXDEV) return fileError(what, code);
   if (auto error = copyItem(from, to)) return error;
   if (auto error = removeItem(from)) {
-    return Error::file(what + ": copied, but the source could not be removed (" +
-                           error->message + ")",
-                       error->code);
+    return Error::file(
+        what + ": copied, but the source could not be removed (" + error->message + ")",
+        error->code);
   }
   return std::nullopt;
 }
@@ -304,7 +307,9 @@ std::optional<std::string> FileSystem::readFile(const std::string& path, Optiona
 }
 
 OptionalError FileSystem::writeFileAtomically(const std::string& path, std::string_view contents) {
-  fs::path target = fs::absolute(fs::path(path));
+  std::error_code ec;
+  fs::path target = fs::absolute(fs::path(path), ec);
+  if (ec) return fileError("cannot write " + path, ec);
   if (target.filename().empty()) {
     return Error::invalidArgument("cannot write " + path + ": not a file path");
   }

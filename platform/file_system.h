@@ -56,8 +56,7 @@ class FileSystem {
   static OptionalError removeItem(const std::string& path);
   static bool fileExists(const std::string& path);
   // The size in bytes of the file (a symbolic link is followed).
-  static std::optional<uint64_t> fileSize(const std::string& path,
-                                          OptionalError* error = nullptr);
+  static std::optional<uint64_t> fileSize(const std::string& path, OptionalError* error = nullptr);
   // The birth time where the file system records one, else the last modification time.
   static std::optional<TimePoint> creationDate(const std::string& path,
                                                OptionalError* error = nullptr);

@@ -9,9 +9,8 @@
 namespace nembra {
 
 UserDefaults::UserDefaults(std::string filePath)
-    : path_(std::move(filePath)), reporter_([](const std::string& line) {
-        std::fprintf(stderr, "%s\n", line.c_str());
-      }) {}
+    : path_(std::move(filePath)),
+      reporter_([](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); }) {}
 
 UserDefaults& UserDefaults::standard() {
   static UserDefaults instance(FileSystem::shared().root() + "/Preferences/defaults.json");
@@ -35,7 +34,8 @@ void UserDefaults::loadLocked() {
   OptionalError error;
   std::optional<std::string> text = FileSystem::readFile(path_, &error);
   if (!text) {
-    if (error && error->code != ENOENT && error->code != ENOTDIR) report(error->message + "; starting with no settings");
+    if (error && error->code != ENOENT && error->code != ENOTDIR)
+      report(error->message + "; starting with no settings");
     return;
   }
   Json parsed = Json::parse(*text, nullptr, /*allow_exceptions=*/false);
@@ -59,7 +59,9 @@ OptionalError UserDefaults::writeLocked() {
   std::filesystem::path file(path_);
   OptionalError error;
   if (file.has_parent_path()) error = FileSystem::createDirectories(file.parent_path().string());
-  if (!error) error = FileSystem::writeFileAtomically(path_, values_.dump(2) + "\n");
+  if (!error)
+    error = FileSystem::writeFileAtomically(
+        path_, values_.dump(2, ' ', false, Json::error_handler_t::replace) + "\n");
   if (error) {
     dirty_ = true;
     report(error->message + "; the change is kept in memory until the next synchronize");

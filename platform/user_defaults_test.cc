@@ -46,6 +46,8 @@ TEST_F(UserDefaultsTest, ValuesPersistAcrossInstances) {
     UserDefaults defaults(file_);
     EXPECT_FALSE(defaults.setValue("group.demo", "AppGroup"));
     EXPECT_FALSE(defaults.setValue(Json{{"a", 1}}, "Nested"));
+    // Not valid UTF-8: stored with a replacement character instead of failing the whole file.
+    EXPECT_FALSE(defaults.setValue(std::string("\xff"), "Bytes"));
   }
   UserDefaults reread(file_);
   EXPECT_EQ(reread.stringForKey("AppGroup"), "group.demo");
@@ -53,6 +55,7 @@ TEST_F(UserDefaultsTest, ValuesPersistAcrossInstances) {
   // A value that is not a string has no string form here.
   EXPECT_FALSE(reread.stringForKey("Nested"));
   EXPECT_FALSE(reread.stringForKey("Missing"));
+  EXPECT_EQ(reread.stringForKey("Bytes"), "\xEF\xBF\xBD");
   EXPECT_EQ(preferenceFiles(), std::vector<std::string>{"defaults.json"});
 }
 
@@ -121,7 +124,8 @@ TEST_F(UserDefaultsTest, ConcurrentWritersLoseNothing) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&defaults, t] {
-      for (int i = 0; i < 10; ++i) defaults.setValue(i, std::to_string(t) + "-" + std::to_string(i));
+      for (int i = 0; i < 10; ++i)
+        defaults.setValue(i, std::to_string(t) + "-" + std::to_string(i));
     });
   }
   for (auto& thread : threads) thread.join();

@@ -18,7 +18,7 @@ std::optional<AuthedRequest> RestAuthGate::open(RestRequest& request,
   if (!auth) {
     ServiceReply::error(request.response, auth.error());
     // The body was left unread; the connection cannot carry another request after it.
-    if (body == Body::RouteOwns && request.reader)
+    if (body == Body::RouteOwns && request.hasBody())
       request.response.set_header("Connection", "close");
     return std::nullopt;
   }

@@ -53,9 +53,18 @@ std::optional<uint64_t> RestRequest::declaredLength() const {
   return length;
 }
 
+bool RestRequest::hasBody() const {
+  if (!reader) return false;
+  if (auto length = declaredLength()) return *length > 0;
+  std::string encoding = http.get_header_value("Transfer-Encoding");
+  std::transform(encoding.begin(), encoding.end(), encoding.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return encoding.find("chunked") != std::string::npos;
+}
+
 Result<std::string> RestRequest::readBody(uint64_t limit) const {
   std::string body;
-  if (!reader) return body;
+  if (!hasBody()) return body;
   auto tooLarge = [limit] {
     return Error::http(413, "the request body is larger than " + std::to_string(limit) + " bytes");
   };

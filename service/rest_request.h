@@ -38,6 +38,9 @@ struct RestRequest {
   Result<FormParams> query() const;
   // The declared Content-Length, or nothing when the body is chunked or absent.
   std::optional<uint64_t> declaredLength() const;
+  // Whether a body follows the head: a Content-Length above 0 or a chunked transfer. A request
+  // with neither has none, whatever its method.
+  bool hasBody() const;
   // The whole body, refused with 413 beyond |limit| bytes (before reading when the length is
   // declared).
   Result<std::string> readBody(uint64_t limit) const;

@@ -35,7 +35,7 @@ void StorageUploadReceiver::receive(RestRequest& request) {
     return refuse({404, "NoSuchBucket", "The specified bucket does not exist"});
   }
   auto boundary = MultipartStreamParser::boundaryFromContentType(request.contentType());
-  if (!boundary || !request.reader) {
+  if (!boundary || !request.hasBody()) {
     return refuse({400, "MalformedPOSTRequest",
                    "The body of your POST request is not well-formed multipart/form-data."});
   }

@@ -28,7 +28,7 @@ std::string UploadSpool::takeFile() {
 
 UploadSpool::Outcome UploadSpool::receive(const RestRequest& request, const std::string& boundary,
                                           const std::string& fileField, const FileGate& gate) {
-  if (!request.reader) {
+  if (!request.hasBody()) {
     message_ = "the request has no body";
     return Outcome::Malformed;
   }

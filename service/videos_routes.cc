@@ -238,7 +238,7 @@ void VideosRoutes::confirm(RestRequest& request) {
 void VideosRoutes::attachCover(RestRequest& request) {
   auto authed = gate_.open(request, request.path("app"), RestAuthGate::Body::RouteOwns);
   if (!authed) return;
-  if (!request.reader) return ServiceReply::error(request.response, 400, "the cover is missing");
+  if (!request.hasBody()) return ServiceReply::error(request.response, 400, "the cover is missing");
   if (MultipartStreamParser::boundaryFromContentType(request.contentType())) {
     request.response.set_header("Connection", "close");
     return ServiceReply::error(request.response, 415,

@@ -1,0 +1,129 @@
+#include "api/nembra_cache_manager.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <vector>
+
+#include "api/cache_config.h"
+#include "api/media_token.h"
+#include "api/media_type.h"
+#include "api/nembra.h"
+#include "api/utils.h"
+
+namespace nembra {
+
+namespace {
+
+struct TypeNames {
+  const char* directory;
+  const char* extension;
+};
+
+TypeNames namesFor(int type) {
+  switch (type) {
+    case VIDEO: return {"video", "mp4"};
+    case AUDIO: return {"audio", "aac"};
+    case IMAGE: return {"image", "jpg"};
+    default: return {"", ""};
+  }
+}
+
+bool endsWith(const std::string& text, const std::string& suffix) {
+  return text.size() >= suffix.size() &&
+         text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// Joins as a path component is appended: no doubled slash, an empty part adds nothing.
+std::string joinPath(const std::string& directory, const std::string& name) {
+  if (directory.empty()) return name;
+  if (name.empty()) return directory;
+  return endsWith(directory, "/") ? directory + name : directory + "/" + name;
+}
+
+}  // namespace
+
+NembraCacheManager::NembraCacheManager(Nembra& application, bool isPlayer, FileSystem& fs)
+    : application_(application), isPlayer_(isPlayer), fs_(fs) {}
+
+std::string NembraCacheManager::getCacheDirectoryWithType(int type) {
+  TypeNames names = namesFor(type);
+  if (!*names.directory) return "";
+  return getCacheDirectory(names.directory);
+}
+
+std::string NembraCacheManager::getCacheDirectory(const std::string& name) {
+  const std::optional<std::string> root = application_.cacheConfig().cacheRoot();
+  if (root) {
+    if (endsWith(*root, "/")) return *root;
+    return joinPath(fs_.documentsDirectory(), *root);
+  }
+  std::string directory = joinPath(fs_.documentsDirectory(), name + "-cache");
+  if (auto error = FileSystem::createDirectories(directory)) {
+    application_.log("cannot create the cache directory: " + error->message);
+  }
+  return directory;
+}
+
+std::string NembraCacheManager::getCacheFileNameWithType(int type, const std::string& token) {
+  TypeNames names = namesFor(type);
+  if (!*names.extension || !MediaToken::isSafe(token)) return "";
+  return token + "." + names.extension;
+}
+
+std::string NembraCacheManager::getCacheFilePathWithType(int type, const std::string& token) {
+  std::string name = getCacheFileNameWithType(type, token);
+  if (name.empty()) return "";
+  std::string directory = getCacheDirectoryWithType(type);
+  if (directory.empty()) return "";
+  return joinPath(directory, name);
+}
+
+void NembraCacheManager::trimCacheWithType(int type) {
+  TypeNames names = namesFor(type);
+  if (!*names.extension) return;
+  trimCache(names.extension, getCacheDirectoryWithType(type));
+}
+
+void NembraCacheManager::trimCache(const std::string& extension, const std::string& directory) {
+  struct Entry {
+    std::string path;
+    std::chrono::system_clock::time_point created;
+  };
+  const std::string suffix = "." + extension;
+  std::vector<Entry> entries;
+  std::error_code ec;
+  std::filesystem::directory_iterator it(directory, ec);
+  if (ec) return;
+  const auto epoch = std::chrono::system_clock::time_point{};
+  for (; it != std::filesystem::directory_iterator(); it.increment(ec)) {
+    std::string name = it->path().filename().string();
+    if (!endsWith(name, suffix)) continue;
+    std::string path = it->path().string();
+    entries.push_back({path, getFileCreationDateWithDefaultDate(path, epoch)});
+  }
+  if (ec) return;
+  std::stable_sort(entries.begin(), entries.end(),
+                   [](const Entry& a, const Entry& b) { return a.created > b.created; });
+
+  const int64_t limit = application_.cacheConfig().maxCacheSize();
+  application_.log("maxCacheSize: " + std::to_string(limit));
+  // Unsigned: sizes are never negative, and a negative limit then keeps nothing.
+  uint64_t total = 0;
+  for (const Entry& entry : entries) {
+    total += getFileSize(entry.path);
+    if (limit < 0 || total > static_cast<uint64_t>(limit)) removeFile(entry.path);
+  }
+}
+
+bool NembraCacheManager::fileExists(const std::string& path) {
+  return !path.empty() && FileSystem::fileExists(path);
+}
+
+void NembraCacheManager::removeFile(const std::string& path) {
+  if (path.empty()) return;
+  std::error_code ec;
+  if (std::filesystem::is_directory(std::filesystem::symlink_status(path, ec))) return;
+  FileSystem::removeItem(path);
+}
+
+}  // namespace nembra

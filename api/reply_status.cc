@@ -1,0 +1,25 @@
+#include "api/reply_status.h"
+
+namespace nembra {
+
+OptionalError ReplyStatus::check(const std::string& what, const HttpResponse& response,
+                                 const std::optional<Json>& json) {
+  if (response.status == 0 || isSuccess(response.status)) return std::nullopt;
+  std::string message = what + " answered HTTP " + std::to_string(response.status);
+  std::string explanation = serviceMessage(json);
+  if (!explanation.empty()) message += ": " + explanation;
+  return Error::http(response.status, message);
+}
+
+std::string ReplyStatus::serviceMessage(const std::optional<Json>& json) {
+  if (!json || !json->is_object()) return "";
+  for (const char* key : {"message", "error"}) {
+    auto found = json->find(key);
+    if (found != json->end() && found->is_string() && !found->get<std::string>().empty()) {
+      return found->get<std::string>();
+    }
+  }
+  return "";
+}
+
+}  // namespace nembra

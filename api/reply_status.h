@@ -1,0 +1,28 @@
+// Turns a service answer whose HTTP status the operation cannot use into an Error. The
+// connection passes every status through as a normal answer; operations that go on to act on
+// an answer (upload, confirm, download, covers, the CLI) ask this first.
+//
+// Threading: stateless; any thread.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "nembra/error.h"
+#include "nembra/json.h"
+#include "platform/http_client.h"
+
+namespace nembra {
+
+class ReplyStatus {
+ public:
+  static bool isSuccess(int status) { return status >= 200 && status < 300; }
+  // An Http error "<what> answered HTTP <status>: <the service's message>" when the status is
+  // not 2xx; nothing otherwise. A status of 0 (no answer) is for the transport error to tell.
+  static OptionalError check(const std::string& what, const HttpResponse& response,
+                             const std::optional<Json>& json = std::nullopt);
+  // The service's own explanation in an error body ("message", else "error"), or "".
+  static std::string serviceMessage(const std::optional<Json>& json);
+};
+
+}  // namespace nembra
