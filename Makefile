@@ -6,6 +6,11 @@ FUZZ_SECONDS   ?= 60
 JOBS           ?= $(shell nproc)
 CTEST_FLAGS    ?= --output-on-failure -j $(JOBS)
 
+# Let ccache share objects between clones of the repository (CI builds a fresh clone).
+export CCACHE_BASEDIR   := $(CURDIR)
+export CCACHE_NOHASHDIR := 1
+export CCACHE_MAXSIZE   ?= 5G
+
 .PHONY: all deps build test unit-test asan-test demo bench fuzz clean
 
 all: build

@@ -21,14 +21,14 @@ TEST(DeviceInfoTest, DefaultsDescribeThisDeviceAndSdk) {
 
 TEST(DeviceInfoTest, JsonInAndOutWithTheFiveKeys) {
   DeviceInfo info = DeviceInfo::initWithJson(
-      Json::parse(R"({"os": "iOS", "nembraSdkVer": 2, "deviceModel": null, "extra": 1})"));
-  EXPECT_EQ(info.os, "iOS");
+      Json::parse(R"({"os": "PhoneOS", "nembraSdkVer": 2, "deviceModel": null, "extra": 1})"));
+  EXPECT_EQ(info.os, "PhoneOS");
   EXPECT_EQ(info.nembraSdkVer, "2");
   EXPECT_EQ(info.deviceModel, "");
   EXPECT_EQ(info.deviceName, "");
   EXPECT_EQ(
       info.toDictionary().dump(),
-      R"({"os":"iOS","nembraSdkVer":"2","deviceModel":"","systemVersion":"","deviceName":""})");
+      R"({"os":"PhoneOS","nembraSdkVer":"2","deviceModel":"","systemVersion":"","deviceName":""})");
   info.clear();
   EXPECT_EQ(info.nembraSdkVer, kNembraSdkVersion);
 }

@@ -1,10 +1,17 @@
 #include "api/nembra.h"
 
+#include <cctype>
 #include <chrono>
 #include <cstdio>
 
 #include "api/file_info_data.h"
+#include "api/media_type.h"
+#include "api/nembra_audios.h"
+#include "api/nembra_cache_manager.h"
 #include "api/nembra_connect.h"
+#include "api/nembra_images.h"
+#include "api/nembra_uploading_handler.h"
+#include "api/nembra_videos.h"
 #include "api/percent_encoding.h"
 #include "api/reachability_manager.h"
 #include "platform/capture_hardware.h"
@@ -31,6 +38,8 @@ Nembra::Nembra(std::string token, MainQueue& mainQueue) : Nembra(mainQueue) {
   token_ = std::move(token);
   configObj_.reset();
   connectObj_.reset();
+  cacheManager_.reset();
+  uploadingHandler_.reset();
   if (auto group = UserDefaults::standard().stringForKey(kAppGroupKey)) appGroup_ = *group;
   enableDebugLogs = false;
 }
@@ -46,6 +55,88 @@ NembraConnect& Nembra::connect() {
   if (!connectObj_) connectObj_ = std::make_unique<NembraConnect>(*this);
   return *connectObj_;
 }
+
+NembraCacheManager& Nembra::cacheManager() {
+  std::lock_guard lock(lazyMutex_);
+  if (!cacheManager_) cacheManager_ = std::make_unique<NembraCacheManager>(*this, false);
+  return *cacheManager_;
+}
+
+NembraCacheManager& Nembra::playerCacheManager() {
+  std::lock_guard lock(lazyMutex_);
+  if (!playerCacheManager_) {
+    playerCacheManager_ = std::make_unique<NembraCacheManager>(*this, true);
+  }
+  return *playerCacheManager_;
+}
+
+NembraUploadingHandler& Nembra::uploadingHandler() {
+  std::lock_guard lock(lazyMutex_);
+  if (!uploadingHandler_) uploadingHandler_ = std::make_unique<NembraUploadingHandler>(*this);
+  return *uploadingHandler_;
+}
+
+NembraVideos& Nembra::videos() {
+  std::lock_guard lock(lazyMutex_);
+  if (!videos_) {
+    videos_ = std::make_unique<NembraVideos>(*this);
+    if (!appGroup_.empty()) videos_->setAppGroup(appGroup_);
+  }
+  return *videos_;
+}
+
+NembraAudios& Nembra::audios() {
+  std::lock_guard lock(lazyMutex_);
+  if (!audios_) audios_ = std::make_unique<NembraAudios>(*this);
+  return *audios_;
+}
+
+NembraImages& Nembra::images() {
+  std::lock_guard lock(lazyMutex_);
+  if (!images_) images_ = std::make_unique<NembraImages>(*this);
+  return *images_;
+}
+
+int Nembra::mediaTypeForPath(const std::string& path) {
+  std::string name = path.substr(path.find_last_of('/') == std::string::npos
+                                     ? 0
+                                     : path.find_last_of('/') + 1);
+  size_t dot = name.find_last_of('.');
+  if (dot == std::string::npos) return 0;
+  std::string extension = name.substr(dot + 1);
+  for (char& c : extension) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  for (const char* video : {"mp4", "mov", "avi"}) {
+    if (extension == video) return VIDEO;
+  }
+  for (const char* audio : {"mp3", "wav", "aac"}) {
+    if (extension == audio) return AUDIO;
+  }
+  for (const char* image : {"png", "jpg", "bmp", "jpeg"}) {
+    if (extension == image) return IMAGE;
+  }
+  return 0;
+}
+
+void Nembra::uploadFromPath(const std::string& path, const Json& data) {
+  uploadFromPath(path, data, nullptr, nullptr, nullptr);
+}
+
+void Nembra::uploadFromPath(
+    const std::string& path, const Json& data,
+    std::function<void(const std::optional<Json>&, const HttpResponse&, const OptionalError&)>
+        callback,
+    std::function<void(int64_t, int64_t)> progress,
+    std::function<void(const std::optional<Json>&, const HttpResponse&, const OptionalError&)>
+        confirmCallback) {
+  uploadingHandler().uploadWithType(mediaTypeForPath(path), path, data, std::move(callback),
+                                    std::move(progress), std::move(confirmCallback));
+}
+
+void Nembra::cancelUpload(const std::string& path, bool deleteFile) {
+  uploadingHandler().cancelUpload(path, deleteFile);
+}
+
+size_t Nembra::resumeUnfinishedUploads() { return uploadingHandler().resumeUnfinishedUploads(); }
 
 std::string Nembra::getServerAuthToken() { return connect().getServerAuthToken().value_or(""); }
 

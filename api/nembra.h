@@ -11,13 +11,21 @@
 #include <string>
 #include <vector>
 
+#include "api/cache_config.h"
 #include "api/nembra_config.h"
 #include "api/nembra_delegates.h"
+#include "api/uploading_config.h"
+#include "nembra/json.h"
 #include "platform/main_queue.h"
 
 namespace nembra {
 
 class NembraConnect;
+class NembraCacheManager;
+class NembraUploadingHandler;
+class NembraVideos;
+class NembraAudios;
+class NembraImages;
 class FileInfoData;
 
 class Nembra {
@@ -38,9 +46,44 @@ class Nembra {
   std::string getClientAuthToken();
 
   // Lazy service objects: created on first call, the same object afterwards. config() takes its
-  // region from the token current at that first call.
+  // region from the token current at that first call. The media objects below may be asked for
+  // from any thread; their members say where they may be used.
   NembraConfig& config();
   NembraConnect& connect();
+  // The recordings' cache (isPlayer false) and the players' cache (isPlayer true).
+  NembraCacheManager& cacheManager();
+  NembraCacheManager& playerCacheManager();
+  NembraUploadingHandler& uploadingHandler();
+  // The videos endpoint gets appGroup() when it is made.
+  NembraVideos& videos();
+  NembraAudios& audios();
+  NembraImages& images();
+
+  // Configuration objects, read by the components each time they start work.
+  UploadingConfig& uploadingConfig() { return uploadingConfig_; }
+  void setUploadingConfig(UploadingConfig config) { uploadingConfig_ = std::move(config); }
+  CacheConfig& cacheConfig() { return cacheConfig_; }
+  void setCacheConfig(CacheConfig config) { cacheConfig_ = std::move(config); }
+
+  // Uploads the file at |path| with the type its lower-cased extension names: "mp4", "mov",
+  // "avi" video; "mp3", "wav", "aac" audio; "png", "jpg", "bmp", "jpeg" image. Any other
+  // extension is handed on with no type, which the upload handler refuses with an error.
+  void uploadFromPath(const std::string& path, const Json& data);
+  void uploadFromPath(const std::string& path, const Json& data,
+                      std::function<void(const std::optional<Json>&, const HttpResponse&,
+                                         const OptionalError&)>
+                          callback,
+                      std::function<void(int64_t, int64_t)> progress,
+                      std::function<void(const std::optional<Json>&, const HttpResponse&,
+                                         const OptionalError&)>
+                          confirmCallback);
+  // The media type uploadFromPath picks for |path|; 0 when the extension names none.
+  static int mediaTypeForPath(const std::string& path);
+  // Cancels the upload of |path|, deleting the file when |deleteFile| is set.
+  void cancelUpload(const std::string& path, bool deleteFile);
+  // Restarts the uploads a previous process with this token left unfinished (the uploading
+  // delegate hears of them as of any upload): set the delegate first. Returns how many.
+  size_t resumeUnfinishedUploads();
 
   MainQueue& mainQueue() { return mainQueue_; }
 
@@ -124,7 +167,20 @@ class Nembra {
   std::string token_;
   std::string appGroup_;
   std::unique_ptr<NembraConfig> configObj_;
+  UploadingConfig uploadingConfig_;
+  CacheConfig cacheConfig_;
+  // Declared before the connection so they are destroyed after it: once the connection is gone
+  // no request callback can reach them.
+  std::unique_ptr<NembraCacheManager> cacheManager_;
+  std::unique_ptr<NembraCacheManager> playerCacheManager_;
+  std::unique_ptr<NembraUploadingHandler> uploadingHandler_;
+  std::unique_ptr<NembraVideos> videos_;
+  std::unique_ptr<NembraAudios> audios_;
+  std::unique_ptr<NembraImages> images_;
   std::unique_ptr<NembraConnect> connectObj_;
+  // The accessors above may be first called from a request callback's thread (the connection
+  // asks the upload handler for URLs there).
+  std::recursive_mutex lazyMutex_;
 
   std::weak_ptr<NembraRecorderDelegate> recorderDelegate_;
   std::weak_ptr<NembraUploadingDelegate> uploadingDelegate_;

@@ -9,7 +9,9 @@
 #include <ostream>
 #include <random>
 
+#include "api/media_type.h"
 #include "api/nembra.h"
+#include "api/nembra_uploading_handler.h"
 #include "api/percent_encoding.h"
 #include "api/utils.h"
 #include "platform/file_system.h"
@@ -694,11 +696,9 @@ std::string NembraConnect::resolveUrl(const std::string& path) {
   return path;
 }
 
-// The video collection URL of the application; the upload handler owns this rule once it
-// exists, and this builds it the same way.
+// The video collection URL of the application, as the upload handler builds it.
 std::string NembraConnect::videoCollectionUrl(const std::string& path) {
-  return application_.config().server_api_url + "/v1/applications/" + application_.token() +
-         "/videos" + path;
+  return application_.uploadingHandler().getApiUrlWithType(VIDEO, path);
 }
 
 std::string NembraConnect::uploadBodyPath(const std::string& extension) const {

@@ -4,8 +4,16 @@
 // Unless a callback says otherwise it runs on the main queue.
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <memory>
+#include <optional>
 #include <string>
+
+#include "nembra/error.h"
+#include "nembra/json.h"
+#include "platform/http_client.h"
+#include "platform/http_task.h"
 
 namespace nembra {
 
@@ -18,12 +26,44 @@ struct NembraHardwarePermissionDelegate {
 };
 
 // The delegates below gain their callbacks with the components that raise them (recorder,
-// uploads, players, capture aids, pickers, screen recorder, QR scanner).
+// players, capture aids, pickers, screen recorder, QR scanner).
 struct NembraRecorderDelegate {
   virtual ~NembraRecorderDelegate() = default;
 };
+// Told of every upload's progress (the upload handler's flow and the videos endpoint's
+// create and re-record flows), each on the main queue.
 struct NembraUploadingDelegate {
   virtual ~NembraUploadingDelegate() = default;
+
+  // A file is about to be uploaded.
+  std::function<void(const std::string& path)> preparingToUploadWithPath;
+  // The upload-URL request failed, or its answer was unusable: nothing was uploaded.
+  std::function<void(const Error& error)> errorWithError;
+  std::function<void(const std::string& path, const std::string& token,
+                     const std::string& streamToken, std::shared_ptr<HttpTask> backgroundTask)>
+      uploadStartedWithPath;
+  std::function<void(const std::string& path, const std::string& token,
+                     const std::string& streamToken, int64_t totalBytesSent,
+                     int64_t totalBytesExpectedToSend)>
+      uploadProgressWithPath;
+  // The file reached storage (or, for the videos flows, the attach request ended).
+  std::function<void(const std::string& path, const std::string& token,
+                     const std::string& streamToken)>
+      uploadFinishedWithPath;
+  // The confirm request answered; |error| when it failed.
+  std::function<void(const std::string& path, const std::string& token,
+                     const std::string& streamToken, const HttpResponse& response,
+                     const OptionalError& error, const std::optional<Json>& json)>
+      uploadVerifiedWithPath;
+  // The file's transfer failed; |info| is always absent, |lostConnectionAction| the configured
+  // action (already carried out).
+  std::function<void(const std::optional<Json>& info, const Error& error,
+                     int32_t lostConnectionAction)>
+      errorWithInfo;
+  std::function<void(const std::string& token, const std::string& streamToken,
+                     const HttpResponse& response, const OptionalError& error,
+                     const std::optional<Json>& json)>
+      deleteWithToken;
 };
 struct NembraPlayerDelegate {
   virtual ~NembraPlayerDelegate() = default;

@@ -45,18 +45,11 @@ TEST(ParseMeminfoTest, ReadsTotalAndAvailableInBytes) {
   ASSERT_TRUE(info);
   EXPECT_EQ(info->totalBytes, 16314216ull * 1024);
   EXPECT_EQ(info->availableBytes, 8000000ull * 1024);
-}
-
-TEST(ParseMeminfoTest, OlderKernelsWithoutMemAvailableUseMemFree) {
-  auto info = DeviceFacts::parseMeminfo("MemTotal: 2048 kB\nMemFree: 512 kB\n");
-  ASSERT_TRUE(info);
-  EXPECT_EQ(info->availableBytes, 512u * 1024);
-}
-
-TEST(ParseMeminfoTest, TextWithoutATotalIsRefused) {
+  // Kernels older than MemAvailable: free memory stands in.
+  EXPECT_EQ(DeviceFacts::parseMeminfo("MemTotal: 2048 kB\nMemFree: 512 kB\n")->availableBytes,
+            512u * 1024);
   EXPECT_FALSE(DeviceFacts::parseMeminfo("MemFree: 512 kB\n"));
   EXPECT_FALSE(DeviceFacts::parseMeminfo("MemTotal: lots kB\n"));
-  EXPECT_FALSE(DeviceFacts::parseMeminfo(""));
 }
 
 TEST(ParseDrmModeTest, TakesTheFirstModeOnly) {
@@ -96,39 +89,25 @@ class DeviceFactsFilesTest : public testing::Test {
   fs::path dir_;
 };
 
-TEST_F(DeviceFactsFilesTest, OsReleaseFallsBackToTheSecondFile) {
-  write("lib-os-release", "NAME=Fallback\nVERSION_ID=1\n");
+TEST_F(DeviceFactsFilesTest, DescriptionFromOsReleaseElseFromTheKernel) {
   DeviceFacts facts(sources());
-  EXPECT_EQ(facts.osRelease()->name, "Fallback");
-  DeviceDescription description = facts.describe();
-  EXPECT_EQ(description.systemName, "Fallback");
-  EXPECT_EQ(description.systemVersion, "1");
-  EXPECT_EQ(description.model, DeviceFacts::kernel().machine);
-  EXPECT_EQ(description.name, DeviceFacts::kernel().nodename);
-}
-
-TEST_F(DeviceFactsFilesTest, WithoutOsReleaseTheKernelDescribesTheSystem) {
-  DeviceFacts facts(sources());
+  const KernelInfo kernel = DeviceFacts::kernel();
   OptionalError error;
   EXPECT_FALSE(facts.osRelease(&error));
   EXPECT_TRUE(error);
-  DeviceDescription description = facts.describe();
-  EXPECT_EQ(description.systemName, DeviceFacts::kernel().sysname);
-  EXPECT_EQ(description.systemVersion, DeviceFacts::kernel().release);
-}
+  EXPECT_EQ(facts.describe().systemName, kernel.sysname);
+  EXPECT_EQ(facts.describe().systemVersion, kernel.release);
 
-TEST_F(DeviceFactsFilesTest, MemoryErrorsNameTheFile) {
-  DeviceFacts facts(sources());
-  OptionalError error;
-  EXPECT_FALSE(facts.memory(&error));
-  ASSERT_TRUE(error);
-  write("meminfo", "Cached: 1 kB\n");
-  EXPECT_FALSE(facts.memory(&error));
-  EXPECT_EQ(error->kind, ErrorKind::Parse);
-  EXPECT_NE(error->message.find("meminfo"), std::string::npos);
+  write("lib-os-release", "NAME=Fallback\nVERSION_ID=1\n");
+  DeviceDescription description = facts.describe();
+  EXPECT_EQ(description.systemName, "Fallback");
+  EXPECT_EQ(description.systemVersion, "1");
+  EXPECT_EQ(description.model, kernel.machine);
+  EXPECT_EQ(description.name, kernel.nodename);
 }
 
 TEST_F(DeviceFactsFilesTest, MainDisplayIsTheFirstConnectedConnector) {
+  EXPECT_FALSE(DeviceFacts(sources()).mainDisplaySize());
   write("drm/card0/dev", "226:0\n");
   write("drm/card0-DP-1/status", "disconnected\n");
   write("drm/card0-DP-1/modes", "3840x2160\n");
@@ -142,18 +121,11 @@ TEST_F(DeviceFactsFilesTest, MainDisplayIsTheFirstConnectedConnector) {
   EXPECT_EQ(size->height, 1024);
 }
 
-TEST_F(DeviceFactsFilesTest, NoDisplayWithoutDrm) {
-  EXPECT_FALSE(DeviceFacts(sources()).mainDisplaySize());
-}
-
-TEST(DeviceFactsTest, DiskSpaceOfAnExistingPathAndErrorForAMissingOne) {
+TEST(DeviceFactsTest, DiskSpaceOfAPath) {
   auto space = DeviceFacts::diskSpace(fs::temp_directory_path().string());
   ASSERT_TRUE(space);
-  EXPECT_GT(space->totalBytes, 0u);
   EXPECT_LE(space->availableBytes, space->totalBytes);
-  OptionalError error;
-  EXPECT_FALSE(DeviceFacts::diskSpace("/nonexistent/nembra", &error));
-  EXPECT_TRUE(error);
+  EXPECT_FALSE(DeviceFacts::diskSpace("/nonexistent/nembra"));
 }
 
 }  // namespace

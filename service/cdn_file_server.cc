@@ -166,7 +166,7 @@ void CdnFileServer::serve(RestRequest& request, const ServedFile& file) const {
         stream->read(block.data(), static_cast<std::streamsize>(block.size()));
         auto got = static_cast<size_t>(stream->gcount());
         if (got == 0) return false;  // the file shrank under us: end the connection
-        faults->pace(start, offset + got);
+        if (!faults->pace(start, offset + got)) return false;
         return sink.write(block.data(), got);
       });
 }

@@ -1,5 +1,6 @@
 #include "service/fault_injection.h"
 
+#include <algorithm>
 #include <thread>
 
 namespace nembra {
@@ -19,10 +20,15 @@ bool FaultInjection::shouldFail() {
   return std::uniform_real_distribution<double>(0.0, 1.0)(random_) < options_.failRate;
 }
 
-void FaultInjection::pace(std::chrono::steady_clock::time_point start, uint64_t transferred) const {
-  if (options_.throttleBps == 0) return;
+bool FaultInjection::pace(std::chrono::steady_clock::time_point start, uint64_t transferred) const {
+  if (options_.throttleBps == 0) return !stopping_;
   auto due = start + std::chrono::microseconds(transferred * 1000000 / options_.throttleBps);
-  std::this_thread::sleep_until(due);
+  // In slices, so that a stop is noticed within one.
+  while (!stopping_ && std::chrono::steady_clock::now() < due) {
+    std::this_thread::sleep_until(
+        std::min(due, std::chrono::steady_clock::now() + std::chrono::milliseconds(100)));
+  }
+  return !stopping_;
 }
 
 void FaultInjection::cutConnection(httplib::Response& response) {

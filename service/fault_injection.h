@@ -7,6 +7,7 @@
 
 #include <httplib.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <mutex>
@@ -30,8 +31,11 @@ class FaultInjection {
   bool cutsUploadAt(uint64_t bodyBytes) const {
     return options_.cutUploadAfter > 0 && bodyBytes >= options_.cutUploadAfter;
   }
-  // Sleeps until |transferred| bytes since |start| are within the throttle rate.
-  void pace(std::chrono::steady_clock::time_point start, uint64_t transferred) const;
+  // Sleeps until |transferred| bytes since |start| are within the throttle rate. False once
+  // transfers are being stopped: the caller ends its transfer then.
+  bool pace(std::chrono::steady_clock::time_point start, uint64_t transferred) const;
+  // Ends throttled transfers at their next block, so a stopping service does not wait for them.
+  void stopTransfers() { stopping_ = true; }
 
   // Makes |response| end the connection midway: its head goes out promising a body that never
   // comes, so the client sees the transfer fail rather than a status it could read as an answer.
@@ -39,6 +43,7 @@ class FaultInjection {
 
  private:
   const FaultOptions options_;
+  std::atomic<bool> stopping_{false};
   std::mutex mutex_;
   std::mt19937_64 random_;  // guarded by mutex_
 };

@@ -249,6 +249,7 @@ OptionalError LocalService::start() {
 }
 
 void LocalService::stop() {
+  if (faults_) faults_->stopTransfers();
   if (ingest_) ingest_->stop();
   if (server_) server_->stop();
   if (listener_.joinable()) listener_.join();

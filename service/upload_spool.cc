@@ -126,8 +126,7 @@ UploadSpool::Outcome UploadSpool::receive(const RestRequest& request, const std:
       return false;
     }
     if (status == MultipartStreamParser::Status::Stopped) return false;
-    faults_.pace(start, bodyBytes);
-    return true;
+    return faults_.pace(start, bodyBytes);
   });
   file.reset();
   auto failed = [&](Outcome outcome) {

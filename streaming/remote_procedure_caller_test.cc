@@ -56,7 +56,7 @@ class RemoteProcedureCallerTest : public testing::Test {
 };
 
 TEST_F(RemoteProcedureCallerTest, NumbersTransactionsAndWritesNullsForEmptyValues) {
-  EXPECT_EQ(caller_.Call(RTMPChannel::Command, "connect", nullptr, {}, {}, 0), 1u);
+  EXPECT_EQ(caller_.Call(RTMPChannel::Command, "connect", nullptr, RemoteProcedureCaller::Arguments{}, {}, 0), 1u);
   EXPECT_EQ(caller_.Call(RTMPChannel::Publish, "publish", nullptr, AMFValue::String("s"), nullptr,
                          {}, 5),
             2u);
@@ -71,8 +71,8 @@ TEST_F(RemoteProcedureCallerTest, NumbersTransactionsAndWritesNullsForEmptyValue
 }
 
 TEST_F(RemoteProcedureCallerTest, ResultReachesItsTransactionOnce) {
-  caller_.Call(RTMPChannel::Command, "connect", nullptr, {}, Record("connect"), 0);
-  caller_.Call(RTMPChannel::Command, "createStream", nullptr, {}, Record("createStream"), 0);
+  caller_.Call(RTMPChannel::Command, "connect", nullptr, RemoteProcedureCaller::Arguments{}, Record("connect"), 0);
+  caller_.Call(RTMPChannel::Command, "createStream", nullptr, RemoteProcedureCaller::Arguments{}, Record("createStream"), 0);
   caller_.PutFrame(Reply({AMFValue::String("_result"), AMFValue::Number(2), AMFValue::Null(),
                           AMFValue::Number(1)}));
   caller_.PutFrame(Reply({AMFValue::String("_result"), AMFValue::Number(2), AMFValue::Null(),
@@ -94,7 +94,7 @@ class ReplyRoutingTest : public RemoteProcedureCallerTest,
                          public testing::WithParamInterface<RoutingCase> {};
 
 TEST_P(ReplyRoutingTest, RoutesByNameAndErrorLevel) {
-  caller_.Call(RTMPChannel::Command, "connect", nullptr, {}, Record("result"), 0);
+  caller_.Call(RTMPChannel::Command, "connect", nullptr, RemoteProcedureCaller::Arguments{}, Record("result"), 0);
   caller_.PutFrame(Reply({AMFValue::String(GetParam().command), AMFValue::Number(1),
                           AMFValue::Null(), Info(GetParam().level)}));
   if (GetParam().handler.empty()) {
@@ -115,7 +115,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return info.param.name; });
 
 TEST_F(RemoteProcedureCallerTest, UnsupportedValueInReplyThrows) {
-  caller_.Call(RTMPChannel::Command, "connect", nullptr, {}, Record("result"), 0);
+  caller_.Call(RTMPChannel::Command, "connect", nullptr, RemoteProcedureCaller::Arguments{}, Record("result"), 0);
   RTMPPacket packet = Reply({AMFValue::String("_result"), AMFValue::Number(1)});
   packet.Data().push_back(0x0B);  // a date
   EXPECT_THROW(caller_.PutFrame(packet), std::runtime_error);

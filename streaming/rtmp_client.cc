@@ -211,8 +211,8 @@ void RTMPClient::OnStatus(std::shared_ptr<AMFValue> command, std::shared_ptr<AMF
   StreamLog::Write("status received: " + DumpAMF(command) + ", " + DumpAMF(info));
   const std::string code = StringProperty(info, "code");
   if (code == "NetStream.Publish.Start") {
-    StreamLog::Write("publishing successfully started");
     publishing_.store(true);
+    StreamLog::Write("publishing successfully started");
     if (publishStart_) publishStart_();
   } else if (code == "NetStream.Unpublish.Success") {
     if (publishing_.exchange(false) && publishStop_) publishStop_();
@@ -281,9 +281,9 @@ void RTMPClient::CloseImpl() {
   StreamLog::Write("closing rtmp connection");
   if (publishing_.exchange(false)) {
     try {
-      // Unpublishing is "publish" with false in place of the stream name.
-      Caller().Call(RTMPChannel::Publish, "publish", nullptr, AMFValue::Bool(false), {},
-                    streamId_.load());
+      // The publish command once more, as at the start.
+      Caller().Call(RTMPChannel::Publish, "publish", nullptr, AMFValue::String(streamName_),
+                    AMFValue::String("record"), {}, streamId_.load());
     } catch (const std::exception& error) {
       StreamLog::Write(std::string("unpublish failed: ") + error.what());
     }

@@ -139,6 +139,7 @@ TEST_F(RTMPClientTest, PublishesAfterCreateStreamAndConfirmsStart) {
   client.Connect();
   ASSERT_TRUE(log_.WaitFor("publishing successfully started"));
   EXPECT_TRUE(client.IsPublishing());
+  for (int i = 0; i < 100 && starts.load() == 0; ++i) std::this_thread::sleep_for(10ms);
   EXPECT_EQ(starts.load(), 1);
   EXPECT_EQ(client.StreamID(), 1u);
 
@@ -172,6 +173,13 @@ TEST_F(RTMPClientTest, RefusesMediaBeforePublishStart) {
   ASSERT_TRUE(
       log_.WaitFor("error: NULL, OBJECT: {\ncode STRING: NetStream.Publish.BadName\n"
                    "description STRING: Already publishing\nlevel STRING: error\n}"));
+  for (int i = 0; i < 100; ++i) {
+    {
+      std::lock_guard lock(mutex);
+      if (!error.empty()) break;
+    }
+    std::this_thread::sleep_for(10ms);
+  }
   {
     std::lock_guard lock(mutex);
     EXPECT_EQ(error, "NetStream.Publish.BadName: Already publishing");
@@ -203,7 +211,7 @@ TEST_F(RTMPClientTest, AnswersPingOnControlChannel) {
     EXPECT_THAT(m.payload, testing::ElementsAre(0, 7, 0, 0, 0x04, 0xD2));
   }
   EXPECT_EQ(log_.Count("ping received"), 1u);
-  EXPECT_EQ(log_.Count("pong send"), 1u);
+  EXPECT_TRUE(log_.WaitFor("pong send"));
 }
 
 TEST_F(RTMPClientTest, AdoptsServerChunkSizeInBothDirections) {

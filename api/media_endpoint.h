@@ -1,0 +1,118 @@
+// What the audios and images resources share: the upload handler's type-parametrised
+// operations for one media type, with the answers turned into that type's model.
+//
+// Threading: call from the main queue. Model-returning operations (index, get, update) convert
+// the answer and call back on the main queue; destroy calls back on the connection's callback
+// queue; download and create behave as the upload handler's operations.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "api/nembra.h"
+#include "api/nembra_uploading_handler.h"
+#include "api/reply_status.h"
+#include "nembra/json.h"
+
+namespace nembra {
+
+template <typename Model, int Type>
+class MediaEndpoint {
+ public:
+  using TaskHandle = NembraUploadingHandler::TaskHandle;
+  using JsonCallback = NembraUploadingHandler::JsonCallback;
+  using StringCallback = NembraUploadingHandler::StringCallback;
+  using ProgressCallback = NembraUploadingHandler::ProgressCallback;
+  using DownloadCallback = NembraUploadingHandler::DownloadCallback;
+  using ModelsCallback = std::function<void(const std::vector<Model>& models,
+                                            const HttpResponse& response,
+                                            const OptionalError& error)>;
+  using ModelCallback =
+      std::function<void(const Model& model, const HttpResponse& response,
+                         const OptionalError& error)>;
+
+  explicit MediaEndpoint(Nembra& application) : application_(application) {}
+  virtual ~MediaEndpoint() = default;
+
+  // One model per element of the answer, in order. An answer that is not a JSON array gives no
+  // models, with the answer's error (an HTTP error status, or a Parse error when there is none).
+  TaskHandle index(const Json& data, ModelsCallback callback) {
+    return handler().indexWithType(
+        Type, data,
+        onMain([callback](const std::optional<Json>& json, const HttpResponse& response,
+                          OptionalError error) {
+          std::vector<Model> models;
+          if (!error) error = ReplyStatus::check("the index request", response, json);
+          if (json && json->is_array()) {
+            for (const Json& element : *json) models.push_back(Model::initWithJson(element));
+          } else if (!error) {
+            error = Error::parse("the index answer is not a JSON array");
+          }
+          if (callback) callback(models, response, error);
+        }));
+  }
+  TaskHandle index(const Json& data, StringCallback stringCallback) {
+    return handler().indexWithType(
+        Type, data,
+        [this, stringCallback](const std::optional<std::string>& text,
+                               const HttpResponse& response, const OptionalError& error) {
+          application_.mainQueue().async([stringCallback, text, response, error] {
+            if (stringCallback) stringCallback(text, response, error);
+          });
+        });
+  }
+  TaskHandle get(const std::string& token, const Json& data, ModelCallback callback) {
+    return handler().getWithType(Type, token, data, modelOnMain(std::move(callback), "get"));
+  }
+  void download(const std::string& token, DownloadCallback callback) {
+    handler().downloadWithType(Type, token, std::move(callback));
+  }
+  TaskHandle destroy(const std::string& token, JsonCallback callback) {
+    return handler().deleteWithType(Type, token, std::nullopt, std::move(callback));
+  }
+  TaskHandle update(const std::string& token, const Json& data, ModelCallback callback) {
+    return handler().updateWithType(Type, token, std::string(), data,
+                                    modelOnMain(std::move(callback), "update"));
+  }
+  // With the model's own token (an empty one posts to the base followed by a lone "/") and its
+  // toDictionary as data.
+  TaskHandle update(const Model& model, ModelCallback callback) {
+    return update(model.token, model.toDictionary(), std::move(callback));
+  }
+  // Uploads the local file at |path| (the upload handler's flow).
+  TaskHandle create(const std::string& path, const Json& data, JsonCallback callback,
+                    ProgressCallback progress, JsonCallback confirmCallback) {
+    return handler().uploadWithType(Type, path, data, std::move(callback), std::move(progress),
+                                    std::move(confirmCallback));
+  }
+
+ protected:
+  std::string mediaUrl(const std::string& token) { return handler().getPathWithType(Type, token); }
+  NembraUploadingHandler& handler() { return application_.uploadingHandler(); }
+
+  Nembra& application_;
+
+ private:
+  // Runs |body| on the main queue with the connection's answer.
+  template <typename Body>
+  JsonCallback onMain(Body body) {
+    MainQueue* main = &application_.mainQueue();
+    return [main, body](const std::optional<Json>& json, const HttpResponse& response,
+                        const OptionalError& error) {
+      main->async([body, json, response, error] { body(json, response, error); });
+    };
+  }
+  JsonCallback modelOnMain(ModelCallback callback, const char* what) {
+    std::string label = std::string("the ") + what + " request";
+    return onMain([callback, label](const std::optional<Json>& json, const HttpResponse& response,
+                                    OptionalError error) {
+      if (!error) error = ReplyStatus::check(label, response, json);
+      Model model = Model::initWithJson(json && json->is_object() ? *json : Json::object());
+      if (callback) callback(model, response, error);
+    });
+  }
+};
+
+}  // namespace nembra

@@ -1,0 +1,7 @@
+#include "api/nembra_audios.h"
+
+namespace nembra {
+
+std::string NembraAudios::getAudioUrl(const std::string& token) { return mediaUrl(token); }
+
+}  // namespace nembra

@@ -1,0 +1,7 @@
+#include "api/nembra_images.h"
+
+namespace nembra {
+
+std::string NembraImages::getImageUrl(const std::string& token) { return mediaUrl(token); }
+
+}  // namespace nembra
