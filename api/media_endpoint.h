@@ -56,12 +56,13 @@ class MediaEndpoint {
   TaskHandle index(const Json& data, StringCallback stringCallback) {
     return handler().indexWithType(
         Type, data,
-        [this, stringCallback](const std::optional<std::string>& text,
-                               const HttpResponse& response, const OptionalError& error) {
+        StringCallback([this, stringCallback](const std::optional<std::string>& text,
+                                              const HttpResponse& response,
+                                              const OptionalError& error) {
           application_.mainQueue().async([stringCallback, text, response, error] {
             if (stringCallback) stringCallback(text, response, error);
           });
-        });
+        }));
   }
   TaskHandle get(const std::string& token, const Json& data, ModelCallback callback) {
     return handler().getWithType(Type, token, data, modelOnMain(std::move(callback), "get"));

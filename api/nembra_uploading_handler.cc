@@ -43,16 +43,13 @@ std::optional<TypeUpload> uploadFor(int type) {
   }
 }
 
-std::string format2(const char* pattern, const std::string& a, const std::string& b) {
-  std::string out;
-  size_t first = std::string(pattern).find("%s");
-  size_t second = std::string(pattern).find("%s", first + 2);
-  out.append(pattern, first);
-  out += a;
-  out.append(pattern + first + 2, second - first - 2);
-  out += b;
-  out += pattern + second + 2;
-  return out;
+// |pattern| with its two "%s" replaced by |a| and |b| in turn.
+std::string format2(std::string pattern, const std::string& a, const std::string& b) {
+  size_t at = pattern.find("%s");
+  pattern.replace(at, 2, a);
+  at = pattern.find("%s", at + a.size());
+  pattern.replace(at, 2, b);
+  return pattern;
 }
 
 std::string lastPathComponent(const std::string& path) {

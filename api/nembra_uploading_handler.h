@@ -104,7 +104,8 @@ class NembraUploadingHandler {
                                JsonCallback callback, ProgressCallback progress,
                                JsonCallback confirmCallback);
 
-  // GET the type's collection: a JSON array, or the body as text.
+  // GET the type's collection: a JSON array, or the body as text. Pass the callback as a
+  // JsonCallback or StringCallback: a bare lambda fits both.
   TaskHandle indexWithType(int type, const Json& data, JsonCallback callback);
   TaskHandle indexWithType(int type, const Json& data, StringCallback stringCallback);
   // GET one media: for AUDIO the reply's "audio" member, for IMAGE its "image" member, for VIDEO

@@ -67,8 +67,8 @@ NembraVideos::TaskHandle NembraVideos::index(const Json& data, VideosCallback ca
   MainQueue* main = &application_.mainQueue();
   return application_.uploadingHandler().indexWithType(
       VIDEO, data,
-      [main, callback](const std::optional<Json>& json, const HttpResponse& response,
-                       const OptionalError& error) {
+      JsonCallback([main, callback](const std::optional<Json>& json, const HttpResponse& response,
+                                    const OptionalError& error) {
         main->async([callback, json, response, error] {
           OptionalError failure = error;
           if (!failure) failure = ReplyStatus::check("the index request", response, json);
@@ -80,19 +80,20 @@ NembraVideos::TaskHandle NembraVideos::index(const Json& data, VideosCallback ca
           }
           if (callback) callback(videos, response, failure);
         });
-      });
+      }));
 }
 
 NembraVideos::TaskHandle NembraVideos::index(const Json& data, StringCallback stringCallback) {
   MainQueue* main = &application_.mainQueue();
   return application_.uploadingHandler().indexWithType(
       VIDEO, data,
-      [main, stringCallback](const std::optional<std::string>& text, const HttpResponse& response,
-                             const OptionalError& error) {
+      StringCallback([main, stringCallback](const std::optional<std::string>& text,
+                                            const HttpResponse& response,
+                                            const OptionalError& error) {
         main->async([stringCallback, text, response, error] {
           if (stringCallback) stringCallback(text, response, error);
         });
-      });
+      }));
 }
 
 NembraVideos::TaskHandle NembraVideos::get(const std::string& token, const Json& data,
