@@ -43,7 +43,8 @@ INSTANTIATE_TEST_SUITE_P(
                    {{"Cache-Control", "max-age=7"}, {"Expires", "Mon, 7 Nov 1994 08:49:37 GMT"}},
                    7},
         MaxAgeCase{"RepeatedHeadersMerge",
-                   {{"Cache-Control", "public"}, {"Cache-Control", "max-age=11"}}, 11},
+                   {{"Cache-Control", "public"}, {"Cache-Control", "max-age=11"}},
+                   11},
         MaxAgeCase{"UnreadableExpires", {{"Expires", "0"}}, std::nullopt},
         MaxAgeCase{"Nothing", {}, std::nullopt}),
     [](const auto& info) { return info.param.name; });
@@ -56,8 +57,8 @@ struct DateCase {
 class HttpDateTest : public ::testing::TestWithParam<DateCase> {};
 
 TEST_P(HttpDateTest, ParsesThePattern) {
-  auto date = HttpResponseFreshness::RFC7231PreferredDateFormatter().dateFromString(
-      GetParam().text);
+  auto date =
+      HttpResponseFreshness::RFC7231PreferredDateFormatter().dateFromString(GetParam().text);
   ASSERT_EQ(date.has_value(), GetParam().unixSeconds.has_value()) << GetParam().text;
   if (date) {
     EXPECT_EQ(std::chrono::duration_cast<seconds>(date->time_since_epoch()).count(),
@@ -65,17 +66,17 @@ TEST_P(HttpDateTest, ParsesThePattern) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Dates, HttpDateTest,
-    ::testing::Values(DateCase{"Sun, 06 Nov 1994 08:49:37 GMT", 784111777},
-                      DateCase{"Sunday, 6 Nov 1994 08:49:37 UTC", 784111777},
-                      DateCase{"Sun, 6 nov 1994 00:49:37 -0800", 784111777},
-                      DateCase{"Thu, 29 Feb 2024 00:00:00 +00:00", 1709164800},
-                      DateCase{"Fri, 30 Feb 2024 00:00:00 GMT", std::nullopt},
-                      DateCase{"Sun, 06 Nov 1994 24:00:00 GMT", std::nullopt},
-                      DateCase{"Sunday, 06-Nov-94 08:49:37 GMT", std::nullopt},
-                      DateCase{"Sun Nov  6 08:49:37 1994", std::nullopt},
-                      DateCase{"Sun, 06 Nov 1994 08:49:37 GMT trailing", std::nullopt}));
+INSTANTIATE_TEST_SUITE_P(Dates, HttpDateTest,
+                         ::testing::Values(DateCase{"Sun, 06 Nov 1994 08:49:37 GMT", 784111777},
+                                           DateCase{"Sunday, 6 Nov 1994 08:49:37 UTC", 784111777},
+                                           DateCase{"Sun, 6 nov 1994 00:49:37 -0800", 784111777},
+                                           DateCase{"Thu, 29 Feb 2024 00:00:00 +00:00", 1709164800},
+                                           DateCase{"Fri, 30 Feb 2024 00:00:00 GMT", std::nullopt},
+                                           DateCase{"Sun, 06 Nov 1994 24:00:00 GMT", std::nullopt},
+                                           DateCase{"Sunday, 06-Nov-94 08:49:37 GMT", std::nullopt},
+                                           DateCase{"Sun Nov  6 08:49:37 1994", std::nullopt},
+                                           DateCase{"Sun, 06 Nov 1994 08:49:37 GMT trailing",
+                                                    std::nullopt}));
 
 TEST(HttpDateFormatterTest, WritesWhatItReads) {
   const HttpDateFormatter& formatter = HttpResponseFreshness::RFC7231PreferredDateFormatter();

@@ -26,12 +26,10 @@ class MediaEndpoint {
   using StringCallback = NembraUploadingHandler::StringCallback;
   using ProgressCallback = NembraUploadingHandler::ProgressCallback;
   using DownloadCallback = NembraUploadingHandler::DownloadCallback;
-  using ModelsCallback = std::function<void(const std::vector<Model>& models,
-                                            const HttpResponse& response,
-                                            const OptionalError& error)>;
-  using ModelCallback =
-      std::function<void(const Model& model, const HttpResponse& response,
-                         const OptionalError& error)>;
+  using ModelsCallback = std::function<void(
+      const std::vector<Model>& models, const HttpResponse& response, const OptionalError& error)>;
+  using ModelCallback = std::function<void(const Model& model, const HttpResponse& response,
+                                           const OptionalError& error)>;
 
   explicit MediaEndpoint(Nembra& application) : application_(application) {}
   virtual ~MediaEndpoint() = default;

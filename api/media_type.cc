@@ -4,10 +4,14 @@ namespace nembra {
 
 const char* mediaTypeName(int type) {
   switch (type) {
-    case VIDEO: return "video";
-    case AUDIO: return "audio";
-    case IMAGE: return "image";
-    default: return "";
+    case VIDEO:
+      return "video";
+    case AUDIO:
+      return "audio";
+    case IMAGE:
+      return "image";
+    default:
+      return "";
   }
 }
 

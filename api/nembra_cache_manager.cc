@@ -21,10 +21,14 @@ struct TypeNames {
 
 TypeNames namesFor(int type) {
   switch (type) {
-    case VIDEO: return {"video", "mp4"};
-    case AUDIO: return {"audio", "aac"};
-    case IMAGE: return {"image", "jpg"};
-    default: return {"", ""};
+    case VIDEO:
+      return {"video", "mp4"};
+    case AUDIO:
+      return {"audio", "aac"};
+    case IMAGE:
+      return {"image", "jpg"};
+    default:
+      return {"", ""};
   }
 }
 

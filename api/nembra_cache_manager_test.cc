@@ -24,8 +24,7 @@ class CacheManagerTest : public ::testing::Test {
 
   // A sparse file of |size| bytes whose modification time is |age| seconds old. Where the file
   // system records birth times those count instead, so tests make the oldest file first.
-  std::string make(const std::string& directory, const std::string& name, uint64_t size,
-                   int age) {
+  std::string make(const std::string& directory, const std::string& name, uint64_t size, int age) {
     fs::create_directories(directory);
     std::string path = directory + "/" + name;
     std::ofstream(path).close();
@@ -73,7 +72,9 @@ INSTANTIATE_TEST_SUITE_P(
         // 1 GiB default: the third 400 MiB file crosses the limit and goes.
         TrimCase{"ThreeOf400MiB", {400, 400, 400}, 1073741824, {true, true, false}},
         // Everything older than the crossing file goes too, even what would fit on its own.
-        TrimCase{"OlderSmallFilesGoWithTheCrossingOne", {2, 5, 1, 1}, 6 * kMiB,
+        TrimCase{"OlderSmallFilesGoWithTheCrossingOne",
+                 {2, 5, 1, 1},
+                 6 * kMiB,
                  {true, false, false, false}},
         TrimCase{"ExactlyAtTheLimitIsKept", {3, 3}, 6 * kMiB, {true, true}},
         TrimCase{"NewestAloneTooLargeGoes", {8, 1}, 6 * kMiB, {false, false}}),
@@ -110,13 +111,14 @@ TEST_F(CacheManagerTest, DirectoriesFollowTheCacheRoot) {
 
   nembra_.cacheConfig().setCacheRoot(std::nullopt);
   EXPECT_EQ(cache_.getCacheFilePathWithType(VIDEO, "v1"), documents + "/video-cache/v1.mp4");
-  EXPECT_TRUE(fs::is_directory(documents + "/image-cache")) << cache_.getCacheDirectoryWithType(IMAGE);
+  EXPECT_EQ(cache_.getCacheDirectoryWithType(IMAGE), documents + "/image-cache");
+  EXPECT_TRUE(fs::is_directory(documents + "/image-cache")) << "a per-type directory is made";
   EXPECT_EQ(cache_.getCacheDirectoryWithType(3), "");
 }
 
 TEST_F(CacheManagerTest, TokensThatCouldLeaveTheDirectoryNameNoFile) {
-  for (std::string token : {"../x", "a/b", "..", ".hidden", "%2e%2e", std::string("a\0b", 3), "",
-                            "a b"}) {
+  for (const std::string& token : std::vector<std::string>{"../x", "a/b", "..", ".hidden", "%2e%2e",
+                                                           std::string("a\0b", 3), "", "a b"}) {
     EXPECT_EQ(cache_.getCacheFilePathWithType(VIDEO, token), "") << token;
   }
   EXPECT_EQ(cache_.getCacheFileNameWithType(IMAGE, "img.v2-x_y"), "img.v2-x_y.jpg");

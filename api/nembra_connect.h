@@ -123,8 +123,10 @@ class NembraConnect {
 
   // Uploads |file| as the "file" part of a multipart POST to |path| (a path without a scheme
   // goes under the video collection URL), |data| completed into the query string. The body is
-  // first written to a temporary file, which is removed once the upload ends. The callback gets
-  // no body; |progress| gets (bytes sent, bytes expected). |identifier| labels the task.
+  // first written to a temporary file (before this returns, or on the callback queue when the
+  // session is fetched first: a large file takes as long as copying it), removed once the upload
+  // ends. The callback gets no body; |progress| gets (bytes sent, bytes expected). |identifier|
+  // labels the task (its taskDescription).
   TaskHandle backgroundUploadWithPath(const std::string& path, const Parameters& data,
                                       const std::string& identifier, const std::string& file,
                                       DataCallback callback, ProgressCallback progress);

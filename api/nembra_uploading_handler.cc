@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -36,10 +37,14 @@ struct TypeUpload {
 
 std::optional<TypeUpload> uploadFor(int type) {
   switch (type) {
-    case VIDEO: return TypeUpload{"mp4", "video/mp4", "/videos/%s/streams/%s/video_submit"};
-    case AUDIO: return TypeUpload{"aac", "audio/wav", "/audios/%s/streams/%s/audio_submit"};
-    case IMAGE: return TypeUpload{"jpg", "image/png", "/images/%s/streams/%s/image_submit"};
-    default: return std::nullopt;
+    case VIDEO:
+      return TypeUpload{"mp4", "video/mp4", "/videos/%s/streams/%s/video_submit"};
+    case AUDIO:
+      return TypeUpload{"aac", "audio/wav", "/audios/%s/streams/%s/audio_submit"};
+    case IMAGE:
+      return TypeUpload{"jpg", "image/png", "/images/%s/streams/%s/image_submit"};
+    default:
+      return std::nullopt;
   }
 }
 
@@ -79,16 +84,15 @@ std::optional<FileStamp> stampOf(const std::string& path) {
   if (ec) return std::nullopt;
   auto written = std::filesystem::last_write_time(path, ec);
   if (ec) return std::nullopt;
-  return FileStamp{size, std::chrono::duration_cast<std::chrono::nanoseconds>(
-                             written.time_since_epoch())
-                             .count()};
+  return FileStamp{
+      size,
+      std::chrono::duration_cast<std::chrono::nanoseconds>(written.time_since_epoch()).count()};
 }
 
 // Why |path| cannot be uploaded as |type|, if it cannot.
 OptionalError checkUploadable(int type, const std::string& path) {
   if (!uploadFor(type)) {
-    return Error::invalidArgument("cannot upload " + path + ": media type " +
-                                  std::to_string(type) +
+    return Error::invalidArgument("cannot upload " + path + ": media type " + std::to_string(type) +
                                   " is not video (1), audio (2) or image (5)");
   }
   if (path.empty()) return Error::invalidArgument("cannot upload: the file path is empty");
@@ -141,11 +145,11 @@ struct NembraUploadingHandler::Transfer {
   std::unique_ptr<FileLock> claim;
   TaskHandle task;
   FileStamp stamp;
-  bool resumed = false;        // restarted from the journal
-  bool formRefused = false;    // a journaled form was turned down once already
-  bool held = false;           // waiting for Wi-Fi before its transfer starts
+  bool resumed = false;      // restarted from the journal
+  bool formRefused = false;  // a journaled form was turned down once already
+  bool held = false;         // waiting for Wi-Fi before its transfer starts
   bool cancelRequested = false;
-  bool fileChanged = false;    // the file differed after its transfer from before it
+  bool fileChanged = false;  // the file differed after its transfer from before it
   int reloads = 0;
 
   // Progress is coalesced: the network reports far more often than anyone needs to hear.
@@ -167,6 +171,7 @@ NembraUploadingHandler::NembraUploadingHandler(Nembra& application, Seams seams)
       reachability_(ReachabilityManager::shared().reachability().shared_from_this()),
       center_(&NotificationCenter::defaultCenter()) {
   if (!seams_.frameGrabber) seams_.frameGrabber = makeFfmpegFrameGrabber();
+  if (!seams_.converter) seams_.converter = makeFfmpegMediaConverter();
 }
 
 NembraUploadingHandler::~NembraUploadingHandler() {
@@ -185,10 +190,14 @@ std::string NembraUploadingHandler::getApiUrlWithType(int type, const std::strin
   NembraConfig& config = application_.config();
   const std::string& token = application_.token();
   switch (type) {
-    case VIDEO: return config.server_api_url + "/v1/applications/" + token + "/videos" + path;
-    case AUDIO: return config.dev_server_api_url + "/v1/applications/" + token + "/audios" + path;
-    case IMAGE: return config.dev_server_api_url + "/v1/applications/" + token + "/images" + path;
-    default: return "";
+    case VIDEO:
+      return config.server_api_url + "/v1/applications/" + token + "/videos" + path;
+    case AUDIO:
+      return config.dev_server_api_url + "/v1/applications/" + token + "/audios" + path;
+    case IMAGE:
+      return config.dev_server_api_url + "/v1/applications/" + token + "/images" + path;
+    default:
+      return "";
   }
 }
 
@@ -199,12 +208,11 @@ std::string NembraUploadingHandler::getPathWithType(int type, const std::string&
     case VIDEO:
       return config.cdn_api_url + "/v1/applications/" + app + "/videos/" + token + "/video.mp4";
     case AUDIO:
-      return config.file_server_url + "/v1/applications/" + app + "/audios/" + token +
-             "/audio.aac";
+      return config.file_server_url + "/v1/applications/" + app + "/audios/" + token + "/audio.aac";
     case IMAGE:
-      return config.file_server_url + "/v1/applications/" + app + "/images/" + token +
-             "/image.jpg";
-    default: return "";
+      return config.file_server_url + "/v1/applications/" + app + "/images/" + token + "/image.jpg";
+    default:
+      return "";
   }
 }
 
@@ -290,7 +298,7 @@ NembraUploadingHandler::TaskHandle NembraUploadingHandler::requestUploadUrl(
   }
   transfer->record.stage = UploadJournalEntry::Stage::RequestingUrl;
   writeRecord(transfer);
-  live_.push_back(transfer);
+  if (std::find(live_.begin(), live_.end(), transfer) == live_.end()) live_.push_back(transfer);
 
   std::weak_ptr<bool> alive = alive_;
   MainQueue& main = application_.mainQueue();
@@ -464,9 +472,9 @@ void NembraUploadingHandler::handleTransferFailure(const TransferPtr& transfer,
     switch (action) {
       case UPLOADING_ERROR_ACTION_RELOAD_MEDIA:
         if (transfer->reloads < reloadLimit_) {
-          auto again = newTransfer(transfer->type, transfer->path, transfer->data,
-                                   transfer->callback, transfer->progress,
-                                   transfer->confirmCallback);
+          auto again =
+              newTransfer(transfer->type, transfer->path, transfer->data, transfer->callback,
+                          transfer->progress, transfer->confirmCallback);
           again->reloads = transfer->reloads + 1;
           finish(transfer, false);
           startFlow(again);
@@ -555,6 +563,34 @@ void NembraUploadingHandler::writeRecord(const TransferPtr& transfer) {
   }
 }
 
+// ---- Conversion -------------------------------------------------------------------------
+
+void NembraUploadingHandler::convertToMp4WithPath(const std::string& path, const Json& data,
+                                                  JsonCallback callback, ProgressCallback progress,
+                                                  JsonCallback confirmCallback) {
+  const std::string target = fs_.documentsDirectory() + "/video.mp4";
+  std::error_code ec;
+  // Converting a file onto itself would delete it first: it goes as it is.
+  const bool sameFile = std::filesystem::equivalent(path, target, ec);
+  if (!sameFile && FileSystem::fileExists(target)) FileSystem::removeItem(target);
+  MediaConverter* converter = seams_.converter.get();
+  background_.async(
+      [this, converter, path, target, sameFile, data, callback, progress, confirmCallback] {
+        std::string upload = path;
+        if (!sameFile && converter->canConvert(path)) {
+          if (auto error = converter->convert(path, target, ConvertOptions{})) {
+            application_.log("conversion of " + path +
+                             " failed, uploading it as it is: " + error->message);
+          } else {
+            upload = target;
+          }
+        }
+        onMain([this, upload, data, callback, progress, confirmCallback] {
+          uploadWithType(VIDEO, upload, data, callback, progress, confirmCallback);
+        });
+      });
+}
+
 // ---- Restarting journaled uploads -------------------------------------------------------
 
 size_t NembraUploadingHandler::resumeUnfinishedUploads() {
@@ -580,46 +616,49 @@ size_t NembraUploadingHandler::resumeUnfinishedUploads() {
     transfer->claim = std::move(claim);
     transfer->resumed = true;
     ++restarted;
-    application_.log("restarting the upload of " + record.path + " (" +
-                     UploadJournalEntry::stageName(record.stage) + ")");
-
-    if (record.stage == UploadJournalEntry::Stage::Transferred) {
-      (void)transfer->flow.transit(UploadEvent::ResumeConfirm);
-      live_.push_back(transfer);
-      sendConfirm(transfer);
-      continue;
-    }
-    if (!FileSystem::fileExists(record.path)) {
-      Error error = Error::file("the upload of " + record.path +
-                                " cannot be restarted: the file no longer exists");
-      (void)transfer->flow.transit(UploadEvent::Cancel);
-      finish(transfer, false);
-      onMain([this, error] {
-        auto delegate = application_.getUploadingDelegate();
-        if (delegate && delegate->errorWithError) delegate->errorWithError(error);
-      });
-      continue;
-    }
-    auto expires = UploadUrlReply::formExpiration(record.fields);
-    bool formUsable = record.stage == UploadJournalEntry::Stage::Transferring &&
-                      (!expires || *expires > std::chrono::system_clock::now() + kFormExpiryMargin);
-    if (formUsable) {
-      (void)transfer->flow.transit(UploadEvent::ResumeTransfer);
-      stopTimer();
-      onMain([this, path = record.path] {
-        auto delegate = application_.getUploadingDelegate();
-        if (delegate && delegate->preparingToUploadWithPath) {
-          delegate->preparingToUploadWithPath(path);
-        }
-      });
-      live_.push_back(transfer);
-      startTransfer(transfer);
-    } else {
-      (void)transfer->flow.transit(UploadEvent::Start);
-      requestUploadUrl(transfer);
-    }
+    live_.push_back(transfer);
+    // Started from the main queue, so the delegate never hears of it on the caller's stack.
+    onMain([this, transfer] { restart(transfer); });
   }
   return restarted;
+}
+
+void NembraUploadingHandler::restart(const TransferPtr& transfer) {
+  const UploadJournalEntry& record = transfer->record;
+  application_.log("restarting the upload of " + record.path + " (" +
+                   UploadJournalEntry::stageName(record.stage) + ")");
+
+  if (record.stage == UploadJournalEntry::Stage::Transferred) {
+    (void)transfer->flow.transit(UploadEvent::ResumeConfirm);
+    sendConfirm(transfer);
+    return;
+  }
+  if (!FileSystem::fileExists(record.path)) {
+    Error error = Error::file("the upload of " + record.path +
+                              " cannot be restarted: the file no longer exists");
+    (void)transfer->flow.transit(UploadEvent::Cancel);
+    finish(transfer, false);
+    auto delegate = application_.getUploadingDelegate();
+    if (delegate && delegate->errorWithError) delegate->errorWithError(error);
+    return;
+  }
+  auto expires = UploadUrlReply::formExpiration(record.fields);
+  bool formUsable = record.stage == UploadJournalEntry::Stage::Transferring &&
+                    (!expires || *expires > std::chrono::floor<std::chrono::seconds>(
+                                                std::chrono::system_clock::now()) +
+                                                kFormExpiryMargin);
+  if (formUsable) {
+    (void)transfer->flow.transit(UploadEvent::ResumeTransfer);
+    stopTimer();
+    auto delegate = application_.getUploadingDelegate();
+    if (delegate && delegate->preparingToUploadWithPath) {
+      delegate->preparingToUploadWithPath(record.path);
+    }
+    startTransfer(transfer);
+  } else {
+    (void)transfer->flow.transit(UploadEvent::Start);
+    requestUploadUrl(transfer);
+  }
 }
 
 // ---- Reachability -----------------------------------------------------------------------
@@ -643,12 +682,12 @@ void NembraUploadingHandler::watchReachability() {
   if (!reachabilityObserver_) {
     std::weak_ptr<bool> alive = alive_;
     MainQueue& main = application_.mainQueue();
-    reachabilityObserver_ = center_->addObserver(
-        kNetworkReachabilityChangedNotification, [this, alive, &main](const std::any&) {
-          main.async([this, alive] {
-            if (alive.lock()) onReachabilityChanged();
-          });
-        });
+    reachabilityObserver_ = center_->addObserver(kNetworkReachabilityChangedNotification,
+                                                 [this, alive, &main](const std::any&) {
+                                                   main.async([this, alive] {
+                                                     if (alive.lock()) onReachabilityChanged();
+                                                   });
+                                                 });
   }
   reachability_->startNotifier();
 }
@@ -684,6 +723,11 @@ void NembraUploadingHandler::onReachabilityChanged() {
       transfer->task->resume();
     }
   }
+}
+
+bool NembraUploadingHandler::isUploading(const std::string& path) const {
+  return std::any_of(live_.begin(), live_.end(),
+                     [&](const TransferPtr& transfer) { return transfer->path == path; });
 }
 
 // ---- Cancel and timer -------------------------------------------------------------------
@@ -738,8 +782,7 @@ NembraUploadingHandler::TaskHandle NembraUploadingHandler::refuse(Error error,
   return nullptr;
 }
 
-NembraUploadingHandler::TaskHandle NembraUploadingHandler::indexWithType(int type,
-                                                                         const Json& data,
+NembraUploadingHandler::TaskHandle NembraUploadingHandler::indexWithType(int type, const Json& data,
                                                                          JsonCallback callback) {
   return application_.connect().getJsonArrayWithPath(getApiUrlWithType(type, ""), data,
                                                      std::move(callback));
@@ -780,8 +823,8 @@ NembraUploadingHandler::TaskHandle NembraUploadingHandler::updateWithType(
   if (!token.empty()) {
     if (auto error = checkItem(type, token, streamToken)) return refuse(*error, callback);
   }
-  return application_.connect().postJsonWithPath(getApiUrlWithType(type, itemPath(token, streamToken)),
-                                                 data, std::move(callback));
+  return application_.connect().postJsonWithPath(
+      getApiUrlWithType(type, itemPath(token, streamToken)), data, std::move(callback));
 }
 
 NembraUploadingHandler::TaskHandle NembraUploadingHandler::deleteWithType(
@@ -850,8 +893,8 @@ void NembraUploadingHandler::downloadWithType(int type, const std::string& token
       };
       auto done = std::make_shared<std::promise<Result>>();
       HttpTaskEvents events;
-      events.completion = [done](HttpTask&, std::vector<uint8_t> body,
-                                 const HttpResponse& response, const OptionalError& error) {
+      events.completion = [done](HttpTask&, std::vector<uint8_t> body, const HttpResponse& response,
+                                 const OptionalError& error) {
         done->set_value({std::move(body), response, error});
       };
       HttpRequest request;
@@ -861,7 +904,8 @@ void NembraUploadingHandler::downloadWithType(int type, const std::string& token
       Result result = done->get_future().get();
       OptionalError error = result.error;
       if (!error) error = ReplyStatus::check("the download of " + url, result.response);
-      if (!error && result.body.empty()) error = Error::http(result.response.status, url + " sent no data");
+      if (!error && result.body.empty())
+        error = Error::http(result.response.status, url + " sent no data");
       if (!error) {
         auto parent = std::filesystem::path(cachePath).parent_path().string();
         error = FileSystem::createDirectories(parent);
@@ -921,8 +965,8 @@ NembraUploadingHandler::TaskHandle NembraUploadingHandler::fetchCover(const std:
   return application_.connect().getWithPath(
       getApiUrlWithType(VIDEO, "/" + token + "/image"), data,
       [alive, &main, &cache, codec, token, callback](const std::vector<uint8_t>& body,
-                                                   const HttpResponse& response,
-                                                   const OptionalError& transportError) {
+                                                     const HttpResponse& response,
+                                                     const OptionalError& transportError) {
         OptionalError error = transportError;
         if (!error) error = ReplyStatus::check("the cover request of video " + token, response);
         StillImagePtr image;
@@ -933,8 +977,8 @@ NembraUploadingHandler::TaskHandle NembraUploadingHandler::fetchCover(const std:
           if (error) {
             error->message = "the cover of video " + token + " is not a picture: " + error->message;
           } else {
-            image = std::make_shared<StillImage>(StillImage{body, info.format, info.width,
-                                                            info.height});
+            image = std::make_shared<StillImage>(
+                StillImage{body, info.format, info.width, info.height});
           }
         }
         main.async([alive, &cache, token, image, response, error, callback] {
@@ -973,8 +1017,9 @@ void NembraUploadingHandler::grabCover(const std::string& path, ThumbnailCache& 
   });
 }
 
-NembraUploadingHandler::TaskHandle NembraUploadingHandler::getOriginalStreamDescriptionForVideoByToken(
-    const std::string& token, JsonCallback callback) {
+NembraUploadingHandler::TaskHandle
+NembraUploadingHandler::getOriginalStreamDescriptionForVideoByToken(const std::string& token,
+                                                                    JsonCallback callback) {
   if (auto error = MediaToken::check(token, "video token")) return refuse(*error, callback);
   return application_.connect().getJsonWithPath(
       getApiUrlWithType(VIDEO, "/" + token), nullptr,

@@ -36,6 +36,7 @@
 #include "platform/http_client.h"
 #include "platform/http_task.h"
 #include "platform/image_codec.h"
+#include "platform/media_converter.h"
 #include "platform/notification_center.h"
 #include "platform/timer.h"
 
@@ -47,11 +48,11 @@ class Reachability;
 class NembraUploadingHandler {
  public:
   using TaskHandle = std::shared_ptr<HttpTask>;
-  using JsonCallback = std::function<void(const std::optional<Json>& json,
-                                          const HttpResponse& response, const OptionalError& error)>;
+  using JsonCallback = std::function<void(
+      const std::optional<Json>& json, const HttpResponse& response, const OptionalError& error)>;
   using StringCallback =
       std::function<void(const std::optional<std::string>& text, const HttpResponse& response,
-                          const OptionalError& error)>;
+                         const OptionalError& error)>;
   using ProgressCallback = std::function<void(int64_t totalBytesSent, int64_t totalBytesExpected)>;
   // The cached file's path, or nothing with the reason.
   using DownloadCallback =
@@ -65,6 +66,7 @@ class NembraUploadingHandler {
     std::unique_ptr<HttpClient> downloadClient;  // made when first needed
     std::unique_ptr<FrameGrabber> frameGrabber;
     std::unique_ptr<ImageCodec> imageCodec;
+    std::unique_ptr<MediaConverter> converter;
     std::string journalDirectory;  // "": UploadJournal::directoryFor the application's token
   };
 
@@ -139,6 +141,12 @@ class NembraUploadingHandler {
   TaskHandle getOriginalStreamDescriptionForVideoByToken(const std::string& token,
                                                          JsonCallback callback);
 
+  // Converts the video at |path| to a small MP4 ("video.mp4" in the documents directory,
+  // replaced) on a background queue, then uploads that as VIDEO; a file that cannot be
+  // converted, or whose conversion fails, is uploaded as it is. Callbacks as uploadWithType.
+  void convertToMp4WithPath(const std::string& path, const Json& data, JsonCallback callback,
+                            ProgressCallback progress, JsonCallback confirmCallback);
+
   // Cancels the transfer of |path| (the last transfer started when none of |path| runs); with
   // |deleteFile| also deletes |path|. A cancel is not a lost connection: no lost-connection
   // action runs for it, and the delegate's errorWithInfo gets a Cancelled error.
@@ -161,6 +169,9 @@ class NembraUploadingHandler {
   TaskHandle uploadTask() const { return uploadTask_; }
   // Uploads started and not yet confirmed, failed or cancelled.
   size_t activeUploadCount() const { return live_.size(); }
+  // Whether an upload of |path| is among them: after errorWithInfo, which names no file, a host
+  // with several uploads running asks which of its files is no longer.
+  bool isUploading(const std::string& path) const;
   ThumbnailCache& thumbCache() { return thumbCache_; }
   UploadJournal& journal() { return journal_; }
 
@@ -193,6 +204,7 @@ class NembraUploadingHandler {
                                const std::optional<Json>& confirmJsonObject,
                                const HttpResponse& confirmResponse,
                                const OptionalError& confirmError);
+  void restart(const TransferPtr& transfer);
   void finish(const TransferPtr& transfer, bool keepRecord);
   void writeRecord(const TransferPtr& transfer);
 

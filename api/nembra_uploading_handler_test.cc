@@ -25,8 +25,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 std::string base64(const std::string& text) {
-  static const char* kAlphabet =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  static const char* kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   std::string out;
   uint32_t buffer = 0;
   int bits = 0;
@@ -52,6 +51,14 @@ Json formFields(const std::string& expiration = "2999-01-01T00:00:00Z") {
               {"Policy", base64(Json{{"expiration", expiration}}.dump())},
               {"X-Amz-Signature", "sig"}};
 }
+
+// A 1×1 PNG.
+const std::string kPng(
+    "\x89\x50\x4e\x47\x0d\x0a\x1a\x0a\x00\x00\x00\x0d\x49\x48\x44\x52\x00\x00\x00\x01"
+    "\x00\x00\x00\x01\x08\x06\x00\x00\x00\x1f\x15\xc4\x89\x00\x00\x00\x0d\x49\x44\x41"
+    "\x54\x78\x9c\x63\xf8\xcf\xc0\xf0\x1f\x00\x05\x00\x01\xff\x89\x99\x3d\x1d\x00\x00"
+    "\x00\x00\x49\x45\x4e\x44\xae\x42\x60\x82",
+    70);
 
 struct NetworkSource : NetworkInterfaceSource {
   NetworkSnapshot snapshot() override {
@@ -169,6 +176,11 @@ class UploadingHandlerTest : public ::testing::Test {
     };
     server_.on("POST", "/v1/applications/app1/videos/[^/]+/streams/[^/]+/confirm-video", confirm);
     server_.on("POST", "/embed/v1/applications/app1/(audios|images)/[^/]+/confirm", confirm);
+    server_.on("GET", "/v1/applications/app1/videos/[^/]+/image",
+               [](const httplib::Request& request, httplib::Response& reply) {
+                 bool bad = request.path.find("/bad/") != std::string::npos;
+                 reply.set_content(bad ? "not a picture" : kPng, "image/png");
+               });
     for (const char* method : {"GET", "POST", "DELETE"}) {
       server_.on(method, "/(embed/)?v1/.*", [](const httplib::Request&, httplib::Response& reply) {
         reply.set_content(R"({"token":"v1","audio":{"token":"a1","title":"t"},)"
@@ -204,13 +216,10 @@ class UploadingHandlerTest : public ::testing::Test {
       note("started " + token + " " + stream + (task ? "" : " without task"));
     };
     delegate_->uploadProgressWithPath = [note](const std::string&, const std::string&,
-                                               const std::string&, int64_t, int64_t) {
-      note("progress");
-    };
+                                               const std::string&, int64_t,
+                                               int64_t) { note("progress"); };
     delegate_->uploadFinishedWithPath = [note](const std::string&, const std::string& token,
-                                               const std::string&) {
-      note("finished " + token);
-    };
+                                               const std::string&) { note("finished " + token); };
     delegate_->uploadVerifiedWithPath =
         [this, note](const std::string&, const std::string& token, const std::string&,
                      const HttpResponse&, const OptionalError& error, const std::optional<Json>&) {
@@ -393,7 +402,9 @@ TEST_P(RefusedUploadTest, AnswersWithAClearErrorAndSendsNothing) {
   EXPECT_EQ(events_.size(), 2u);
   EXPECT_EQ(events_.back().rfind("errorWithError", 0), 0u);
   EXPECT_TRUE(server_.requests().empty());
-  if (c.content) EXPECT_TRUE(fs::exists(path));
+  if (c.content) {
+    EXPECT_TRUE(fs::exists(path));
+  }
   EXPECT_EQ(journalSize(), 0u);
 }
 
@@ -428,9 +439,8 @@ TEST_P(BadUrlReplyTest, EndsBeforeStorageWithTheFileKept) {
   std::string path = makeFile("kept.mp4");
   auto outcome = std::make_shared<Outcome>();
   upload(VIDEO, path, outcome);
-  ASSERT_TRUE(pumpUntil([&] {
-    return !events_.empty() && events_.back().rfind("errorWithError", 0) == 0;
-  }));
+  ASSERT_TRUE(pumpUntil(
+      [&] { return !events_.empty() && events_.back().rfind("errorWithError", 0) == 0; }));
   ASSERT_TRUE(outcome->urlError);
   EXPECT_EQ(outcome->urlError->kind, c.kind) << outcome->urlError->message;
   EXPECT_NE(outcome->urlError->message.find(c.mentions), std::string::npos)
@@ -447,13 +457,11 @@ INSTANTIATE_TEST_SUITE_P(
                      ErrorKind::Parse, "url_data"},
         BadReplyCase{"NoToken", 200, R"({"video":{},"stream":{"token":"s1"},"url_data":{}})",
                      ErrorKind::Parse, "token"},
-        BadReplyCase{"FieldsNotAnObject",
-                     200,
+        BadReplyCase{"FieldsNotAnObject", 200,
                      R"({"video":{"token":"m1"},"stream":{"token":"s1"},)"
                      R"("url_data":{"url":"http://x/","fields":[1]}})",
                      ErrorKind::Parse, "fields"},
-        BadReplyCase{"NotHttp",
-                     200,
+        BadReplyCase{"NotHttp", 200,
                      R"({"video":{"token":"m1"},"stream":{"token":"s1"},)"
                      R"("url_data":{"url":"file:///etc/passwd","fields":{}}})",
                      ErrorKind::Parse, "not an http"},
@@ -496,7 +504,7 @@ TEST_P(LostConnectionTest, CarriesOutTheConfiguredAction) {
   ASSERT_TRUE(pumpUntil([&] { return transferErrors_ == static_cast<int>(c.urlRequests); }));
   main_.runUntil([] { return false; }, milliseconds(100));
 
-  EXPECT_EQ(events_.back(), "errorWithInfo " + std::to_string(c.action) + " Http");
+  EXPECT_EQ(events_.back(), "errorWithInfo " + std::to_string(c.action) + " http");
   EXPECT_EQ(count("POST /v1/applications/app1/videos/videos-upload-url"), c.urlRequests);
   EXPECT_EQ(outcome->callbacks, static_cast<int>(c.urlRequests)) << "each attempt answers";
   EXPECT_EQ(outcome->confirms, 0);
@@ -514,13 +522,12 @@ TEST_P(LostConnectionTest, CarriesOutTheConfiguredAction) {
 
 INSTANTIATE_TEST_SUITE_P(
     Actions, LostConnectionTest,
-    ::testing::Values(ActionCase{"Continue", UPLOADING_ERROR_ACTION_CONTINUE_UPLOADING_MEDIA,
-                                 true, true, 1},
-                      ActionCase{"Reload", UPLOADING_ERROR_ACTION_RELOAD_MEDIA, true, false, 2},
-                      ActionCase{"Notify", UPLOADING_ERROR_ACTION_ERROR_NOTIFICATION, true, false,
-                                 1},
-                      ActionCase{"Delete", UPLOADING_ERROR_ACTION_DELETE_MEDIA, false, false, 1},
-                      ActionCase{"UnknownActsAsContinue", 777, true, true, 1}),
+    ::testing::Values(
+        ActionCase{"Continue", UPLOADING_ERROR_ACTION_CONTINUE_UPLOADING_MEDIA, true, true, 1},
+        ActionCase{"Reload", UPLOADING_ERROR_ACTION_RELOAD_MEDIA, true, false, 2},
+        ActionCase{"Notify", UPLOADING_ERROR_ACTION_ERROR_NOTIFICATION, true, false, 1},
+        ActionCase{"Delete", UPLOADING_ERROR_ACTION_DELETE_MEDIA, false, false, 1},
+        ActionCase{"UnknownActsAsContinue", 777, true, true, 1}),
     [](const auto& info) { return info.param.name; });
 
 TEST_F(UploadingHandlerTest, CancelEndsTheTransferWithoutItsAction) {
@@ -533,7 +540,7 @@ TEST_F(UploadingHandlerTest, CancelEndsTheTransferWithoutItsAction) {
   ASSERT_TRUE(pumpUntil([&] { return transferErrors_ == 1; }));
   gate_.open();
   main_.runUntil([] { return false; }, milliseconds(300));
-  EXPECT_EQ(events_.back(), "errorWithInfo 552 Cancelled");
+  EXPECT_EQ(events_.back(), "errorWithInfo 552 cancelled");
   EXPECT_EQ(count("POST /v1/applications/app1/videos/videos-upload-url"), 1u) << "no reload";
   EXPECT_TRUE(fs::exists(path));
   EXPECT_EQ(journalSize(), 0u);
@@ -548,7 +555,7 @@ TEST_F(UploadingHandlerTest, AFileChangedDuringItsTransferIsKeptAndNotConfirmed)
   }
   upload(VIDEO, path, std::make_shared<Outcome>());
   ASSERT_TRUE(pumpUntil([&] { return transferErrors_ == 1; }));
-  EXPECT_EQ(events_.back(), "errorWithInfo 554 File");
+  EXPECT_EQ(events_.back(), "errorWithInfo 554 file");
   EXPECT_EQ(verified_, 0);
   EXPECT_TRUE(fs::exists(path)) << "the delete action never touches a changed file";
 }
@@ -664,8 +671,7 @@ struct ItemCase {
   const char* target;
 };
 
-class ItemPathTest : public UploadingHandlerTest,
-                     public ::testing::WithParamInterface<ItemCase> {};
+class ItemPathTest : public UploadingHandlerTest, public ::testing::WithParamInterface<ItemCase> {};
 
 TEST_P(ItemPathTest, FollowsTheStreamTokenRule) {
   const ItemCase& c = GetParam();
@@ -686,7 +692,8 @@ INSTANTIATE_TEST_SUITE_P(
     Paths, ItemPathTest,
     ::testing::Values(
         ItemCase{"UpdateMedia", false, "", "POST /embed/v1/applications/app1/audios/a1"},
-        ItemCase{"UpdateStream", false, "s1", "POST /embed/v1/applications/app1/audios/a1/streams/s1"},
+        ItemCase{"UpdateStream", false, "s1",
+                 "POST /embed/v1/applications/app1/audios/a1/streams/s1"},
         ItemCase{"UpdateAbsentStream", false, std::nullopt,
                  "POST /embed/v1/applications/app1/audios/a1/streams/(null)"},
         ItemCase{"DeleteMedia", true, "", "DELETE /v1/applications/app1/videos/v1"},
@@ -701,12 +708,20 @@ TEST_F(UploadingHandlerTest, GetReadsTheTypesMemberAndDeleteTellsTheDelegate) {
   delegate_->deleteWithToken = [&](const std::string& token, const std::string&,
                                    const HttpResponse&, const OptionalError&,
                                    const std::optional<Json>&) { deleted = token; };
-  handler().getWithType(AUDIO, "a1", nullptr,
-                        [&](const std::optional<Json>& json, const HttpResponse&,
-                            const OptionalError&) { main_.async([&, json] { audio = json; ++answers; }); });
+  handler().getWithType(
+      AUDIO, "a1", nullptr,
+      [&](const std::optional<Json>& json, const HttpResponse&, const OptionalError&) {
+        main_.async([&, json] {
+          audio = json;
+          ++answers;
+        });
+      });
   handler().getOriginalStreamDescriptionForVideoByToken(
       "v1", [&](const std::optional<Json>& json, const HttpResponse&, const OptionalError&) {
-        main_.async([&, json] { stream = json; ++answers; });
+        main_.async([&, json] {
+          stream = json;
+          ++answers;
+        });
       });
   handler().deleteWithType(IMAGE, "i1", "", nullptr);
   ASSERT_TRUE(pumpUntil([&] { return answers == 2 && !deleted.empty(); }));
@@ -746,19 +761,20 @@ TEST_F(UploadingHandlerTest, DownloadFetchesAfreshAndLeavesNothingOnFailure) {
   EXPECT_EQ(*path, nembra_->cacheManager().getCacheFilePathWithType(IMAGE, "i1"));
   std::ifstream in(*path, std::ios::binary);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "cdn bytes");
-  EXPECT_EQ(targets(), std::vector<std::string>{"GET /files/v1/applications/app1/images/i1/image.jpg"});
+  EXPECT_EQ(targets(),
+            std::vector<std::string>{"GET /files/v1/applications/app1/images/i1/image.jpg"});
 
   {
     std::lock_guard lock(mutex_);
     cdnStatus_ = 404;
   }
   OptionalError error;
-  handler().downloadWithType(IMAGE, "i1", [&](const std::optional<std::string>& p,
-                                              const OptionalError& e) {
-    path = p;
-    error = e;
-    ++answers;
-  });
+  handler().downloadWithType(IMAGE, "i1",
+                             [&](const std::optional<std::string>& p, const OptionalError& e) {
+                               path = p;
+                               error = e;
+                               ++answers;
+                             });
   ASSERT_TRUE(pumpUntil([&] { return answers == 2; }));
   EXPECT_FALSE(path);
   ASSERT_TRUE(error);
@@ -768,39 +784,26 @@ TEST_F(UploadingHandlerTest, DownloadFetchesAfreshAndLeavesNothingOnFailure) {
 }
 
 TEST_F(UploadingHandlerTest, CoversAreFetchedOnceAndMustBePictures) {
-  // A 1×1 PNG.
-  const std::string png(
-      "\x89\x50\x4e\x47\x0d\x0a\x1a\x0a\x00\x00\x00\x0d\x49\x48\x44\x52\x00\x00\x00\x01"
-      "\x00\x00\x00\x01\x08\x06\x00\x00\x00\x1f\x15\xc4\x89\x00\x00\x00\x0d\x49\x44\x41"
-      "\x54\x78\x9c\x63\xf8\xcf\xc0\xf0\x1f\x00\x05\x00\x01\xff\x89\x99\x3d\x1d\x00\x00"
-      "\x00\x00\x49\x45\x4e\x44\xae\x42\x60\x82",
-      70);
-  server_.on("GET", "/v1/applications/app1/videos/(v1|bad)/image",
-             [png](const httplib::Request& request, httplib::Response& reply) {
-               reply.set_content(request.path.find("bad") != std::string::npos ? "not a picture"
-                                                                                 : png,
-                                 "image/png");
-             });
   int answers = 0;
   StillImagePtr first, second;
   OptionalError badError;
-  handler().getImageForVideoByToken("v1", nullptr, [&](StillImagePtr image, const HttpResponse&,
-                                                      const OptionalError&) {
-    first = image;
-    ++answers;
-  });
+  handler().getImageForVideoByToken(
+      "v1", nullptr, [&](StillImagePtr image, const HttpResponse&, const OptionalError&) {
+        first = image;
+        ++answers;
+      });
   ASSERT_TRUE(pumpUntil([&] { return answers == 1; }));
-  handler().getImageForVideoByToken("v1", nullptr, [&](StillImagePtr image, const HttpResponse&,
-                                                      const OptionalError&) {
-    second = image;
-    ++answers;
-  });
-  handler().getImageForVideoByToken("bad", nullptr, [&](StillImagePtr image, const HttpResponse&,
-                                                       const OptionalError& e) {
-    EXPECT_FALSE(image);
-    badError = e;
-    ++answers;
-  });
+  handler().getImageForVideoByToken(
+      "v1", nullptr, [&](StillImagePtr image, const HttpResponse&, const OptionalError&) {
+        second = image;
+        ++answers;
+      });
+  handler().getImageForVideoByToken(
+      "bad", nullptr, [&](StillImagePtr image, const HttpResponse&, const OptionalError& e) {
+        EXPECT_FALSE(image);
+        badError = e;
+        ++answers;
+      });
   ASSERT_TRUE(pumpUntil([&] { return answers == 3; }));
   ASSERT_TRUE(first);
   EXPECT_EQ(first->format, "png");

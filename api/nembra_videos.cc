@@ -195,12 +195,9 @@ NembraVideos::TaskHandle NembraVideos::attachCoverWithVideoToken(const std::stri
       });
 }
 
-NembraVideos::TaskHandle NembraVideos::attachVideoWithVideoToken(const std::string& token,
-                                                                 const std::string& streamToken,
-                                                                 const Json& data,
-                                                                 const std::string& file,
-                                                                 JsonCallback callback,
-                                                                 ProgressCallback progress) {
+NembraVideos::TaskHandle NembraVideos::attachVideoWithVideoToken(
+    const std::string& token, const std::string& streamToken, const Json& data,
+    const std::string& file, JsonCallback callback, ProgressCallback progress) {
   const std::string url = baseUrl("/" + token + "/streams/" + streamToken + "/videoattach");
   // Names the background transfer.
   const std::string identifier = "/videos/" + token + "/streams/" + streamToken + "/recordersubmit";
@@ -244,8 +241,7 @@ NembraVideos::TaskHandle NembraVideos::attachVideoWithVideoToken(const std::stri
 NembraVideos::TaskHandle NembraVideos::getImageForVideoByToken(const std::string& token,
                                                                const Json& data,
                                                                ImageCallback callback) {
-  return application_.uploadingHandler().fetchCover(token, data, thumbCache_,
-                                                    std::move(callback));
+  return application_.uploadingHandler().fetchCover(token, data, thumbCache_, std::move(callback));
 }
 
 void NembraVideos::getImageForVideoByPath(const std::string& path, LocalImageCallback callback) {
@@ -301,9 +297,8 @@ NembraVideos::TaskHandle NembraVideos::getOriginalStreamDescriptionForVideoByTok
 NembraVideos::TaskHandle NembraVideos::create(const std::string& path, const Json& data,
                                               JsonCallback callback, ProgressCallback progress,
                                               JsonCallback confirmCallback) {
-  return application_.uploadingHandler().uploadWithType(VIDEO, path, data, std::move(callback),
-                                                        std::move(progress),
-                                                        std::move(confirmCallback));
+  return application_.uploadingHandler().uploadWithType(
+      VIDEO, path, data, std::move(callback), std::move(progress), std::move(confirmCallback));
 }
 
 void NembraVideos::createVideoWithData(const Json& data, const std::string& file,
@@ -359,13 +354,15 @@ void NembraVideos::createVideoWithData(const Json& data, const std::string& file
         attachAndSubmit(token, stream, data, copy, callback, progress, true);
         return;
       }
-      attachCoverWithVideoToken(
-          token, stream, *cover, data,
-          [this, alive, token, stream, data, copy, callback, progress](
-              const Video&, const HttpResponse&, const OptionalError&) {
-            // A cover that did not take leaves the service's own; the video goes on.
-            if (alive.lock()) attachAndSubmit(token, stream, data, copy, callback, progress, true);
-          });
+      attachCoverWithVideoToken(token, stream, *cover, data,
+                                [this, alive, token, stream, data, copy, callback, progress](
+                                    const Video&, const HttpResponse&, const OptionalError&) {
+                                  // A cover that did not take leaves the service's own; the video
+                                  // goes on.
+                                  if (alive.lock())
+                                    attachAndSubmit(token, stream, data, copy, callback, progress,
+                                                    true);
+                                });
     });
   });
 }
@@ -382,9 +379,9 @@ void NembraVideos::rerecordVideoWithToken(const std::string& token, const std::s
   std::weak_ptr<bool> alive = alive_;
   createStreamWithVideoToken(
       token, data,
-      [this, alive, token, file, data, callback, progress](
-          const std::optional<Json>& json, const HttpResponse& response,
-          const OptionalError& error) {
+      [this, alive, token, file, data, callback, progress](const std::optional<Json>& json,
+                                                           const HttpResponse& response,
+                                                           const OptionalError& error) {
         if (!alive.lock()) return;
         std::string stream =
             json && json->is_object() ? Utils::getStringFromJson(*json, "token") : "";
@@ -406,9 +403,8 @@ void NembraVideos::rerecordVideoWithToken(const std::string& token, const std::s
 }
 
 void NembraVideos::attachAndSubmit(const std::string& token, const std::string& streamToken,
-                                   const Json& data, const std::string& file,
-                                   JsonCallback callback, ProgressCallback progress,
-                                   bool removeOnFailure) {
+                                   const Json& data, const std::string& file, JsonCallback callback,
+                                   ProgressCallback progress, bool removeOnFailure) {
   std::weak_ptr<bool> alive = alive_;
   attachVideoWithVideoToken(
       token, streamToken, data, file,

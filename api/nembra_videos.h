@@ -35,14 +35,13 @@ class NembraVideos {
   using DownloadCallback = NembraUploadingHandler::DownloadCallback;
   using ImageCallback = NembraUploadingHandler::ImageCallback;
   using LocalImageCallback = NembraUploadingHandler::LocalImageCallback;
-  using VideosCallback = std::function<void(const std::vector<Video>& videos,
-                                            const HttpResponse& response,
-                                            const OptionalError& error)>;
+  using VideosCallback = std::function<void(
+      const std::vector<Video>& videos, const HttpResponse& response, const OptionalError& error)>;
   using VideoCallback = std::function<void(const Video& video, const HttpResponse& response,
                                            const OptionalError& error)>;
-  using TokenCallback = std::function<void(const std::optional<std::string>& token,
-                                           const HttpResponse& response,
-                                           const OptionalError& error)>;
+  using TokenCallback =
+      std::function<void(const std::optional<std::string>& token, const HttpResponse& response,
+                         const OptionalError& error)>;
 
   explicit NembraVideos(Nembra& application);
   ~NembraVideos();
@@ -118,9 +117,9 @@ class NembraVideos {
  private:
   std::string baseUrl(const std::string& path);
   // Steps 5 and 6 of the create flow, shared with re-recording.
-  void attachAndSubmit(const std::string& token, const std::string& streamToken,
-                       const Json& data, const std::string& file, JsonCallback callback,
-                       ProgressCallback progress, bool removeOnFailure);
+  void attachAndSubmit(const std::string& token, const std::string& streamToken, const Json& data,
+                       const std::string& file, JsonCallback callback, ProgressCallback progress,
+                       bool removeOnFailure);
   void tellDelegate(std::function<void(NembraUploadingDelegate&)> call);
 
   Nembra& application_;

@@ -30,9 +30,10 @@ class VideosTest : public ::testing::Test {
     server_.on("POST", kBase, [this](const httplib::Request&, httplib::Response& reply) {
       reply.set_content(createReply_, "application/json");
     });
-    server_.on("POST", kBase + "/v1/streams", [](const httplib::Request&, httplib::Response& reply) {
-      reply.set_content(R"({"token":"s2"})", "application/json");
-    });
+    server_.on("POST", kBase + "/v1/streams",
+               [](const httplib::Request&, httplib::Response& reply) {
+                 reply.set_content(R"({"token":"s2"})", "application/json");
+               });
     server_.on("POST", kBase + "/v1/streams/(s1|s2)/(imageattach|videoattach|recordersubmit)",
                [](const httplib::Request&, httplib::Response& reply) {
                  reply.set_content(R"({"token":"v1","title":"done"})", "application/json");
@@ -55,9 +56,7 @@ class VideosTest : public ::testing::Test {
     });
     nembra_.setUploadingDelegate(delegate_);
     delegate_->uploadFinishedWithPath = [this](const std::string&, const std::string& token,
-                                               const std::string&) {
-      finished_.push_back(token);
-    };
+                                               const std::string&) { finished_.push_back(token); };
   }
 
   std::vector<std::string> targets() {
@@ -106,17 +105,18 @@ class VideosTest : public ::testing::Test {
 TEST_F(VideosTest, CreateFromAFileCreatesAttachesSubmitsAndCaches) {
   std::string file = makeFile("take.mp4", "recorded bytes");
   EXPECT_FALSE(create(file, nullptr));
-  EXPECT_EQ(targets(), (std::vector<std::string>{"POST " + kBase,
-                                                 "POST " + kBase + "/v1/streams/s1/videoattach",
-                                                 "POST " + kBase + "/v1/streams/s1/recordersubmit"}));
+  EXPECT_EQ(targets(), (std::vector<std::string>{
+                           "POST " + kBase, "POST " + kBase + "/v1/streams/s1/videoattach",
+                           "POST " + kBase + "/v1/streams/s1/recordersubmit"}));
   auto requests = server_.requests();
   EXPECT_NE(requests[0].target.find("?create_stream=true"), std::string::npos);
   EXPECT_NE(requests[1].body.find("filename=\"video.mp4\";\r\nContent-Type: video/mp4\r\n\r\n"
                                   "recorded bytes\r\n"),
             std::string::npos);
   EXPECT_TRUE(logged("video created with token: v1, default stream: s1"));
-  EXPECT_TRUE(logged("recorder submitted with error: (null), response: "
-                     R"({"token":"v1","title":"done"})"));
+  EXPECT_TRUE(
+      logged("recorder submitted with error: (null), response: "
+             R"({"token":"v1","title":"done"})"));
   std::string cached = nembra_.cacheManager().getCacheFilePathWithType(VIDEO, "v1");
   std::ifstream in(cached, std::ios::binary);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "recorded bytes");
@@ -143,8 +143,9 @@ TEST_F(VideosTest, ACoverGoesAsAJpegBodyBetweenCreateAndAttach) {
   ImageInfo info;
   EXPECT_FALSE(makeFfmpegImageCodec()->inspect(
       std::span(reinterpret_cast<const uint8_t*>(body.data()), body.size()), info));
-  EXPECT_TRUE(logged("cover for video v1, stream s1 set with error: (null), response: 200 "
-                     R"({"token":"v1","title":"done"})"));
+  EXPECT_TRUE(
+      logged("cover for video v1, stream s1 set with error: (null), response: 200 "
+             R"({"token":"v1","title":"done"})"));
 }
 
 TEST_F(VideosTest, ACreateAnswerWithoutAStreamStopsBeforeAnyUpload) {
@@ -170,9 +171,10 @@ TEST_F(VideosTest, RerecordAttachesToANewStreamOfTheVideo) {
       },
       nullptr);
   ASSERT_TRUE(main_.runUntil([&] { return done.load(); }));
-  EXPECT_EQ(targets(), (std::vector<std::string>{"POST " + kBase + "/v1/streams",
-                                                 "POST " + kBase + "/v1/streams/s2/videoattach",
-                                                 "POST " + kBase + "/v1/streams/s2/recordersubmit"}));
+  EXPECT_EQ(targets(),
+            (std::vector<std::string>{"POST " + kBase + "/v1/streams",
+                                      "POST " + kBase + "/v1/streams/s2/videoattach",
+                                      "POST " + kBase + "/v1/streams/s2/recordersubmit"}));
   EXPECT_TRUE(logged("creating stream for video v1"));
   EXPECT_TRUE(logged(R"(video token: v1, stream: s2, streamCreatedResponse: {"token":"s2"})"));
 }
@@ -184,12 +186,11 @@ TEST_F(VideosTest, PathsOfTheSmallRequests) {
   NembraVideos& videos = nembra_.videos();
   videos.destroy("v1", "", count);
   videos.destroy("v1", "s1", count);
-  videos.getDefaultStreamForVideoByToken(
-      "v1", [&](const std::optional<std::string>& token, const HttpResponse&,
-                const OptionalError&) {
-        defaultStream = token;
-        ++answers;
-      });
+  videos.getDefaultStreamForVideoByToken("v1", [&](const std::optional<std::string>& token,
+                                                   const HttpResponse&, const OptionalError&) {
+    defaultStream = token;
+    ++answers;
+  });
   videos.getOriginalStreamDescriptionForVideoByToken("v1", count);
   ASSERT_TRUE(main_.runUntil([&] { return answers == 4; }));
   auto all = targets();
@@ -198,8 +199,7 @@ TEST_F(VideosTest, PathsOfTheSmallRequests) {
                                            "DELETE " + kBase + "/v1/streams/s1",
                                            "GET " + kBase + "/v1", "GET /videos/v1"}));
   EXPECT_EQ(defaultStream, "d1");
-  EXPECT_EQ(videos.getImageUrl("v1"),
-            server_.url("/cdn/v1/applications/app1/videos/v1/image"));
+  EXPECT_EQ(videos.getImageUrl("v1"), server_.url("/cdn/v1/applications/app1/videos/v1/image"));
 }
 
 TEST_F(VideosTest, ModelsArriveOnTheMainQueue) {
@@ -210,8 +210,8 @@ TEST_F(VideosTest, ModelsArriveOnTheMainQueue) {
   OptionalError indexError;
   Image updated;
   int answers = 0;
-  nembra_.audios().index(Json::object(), [&](const std::vector<Audio>& models,
-                                             const HttpResponse&, const OptionalError& error) {
+  nembra_.audios().index(Json::object(), [&](const std::vector<Audio>& models, const HttpResponse&,
+                                             const OptionalError& error) {
     EXPECT_TRUE(main_.isCurrent());
     audios = models;
     indexError = error;
@@ -219,12 +219,12 @@ TEST_F(VideosTest, ModelsArriveOnTheMainQueue) {
   });
   Image model;
   model.title = "renamed";
-  nembra_.images().update(model, [&](const Image& image, const HttpResponse&,
-                                     const OptionalError&) {
-    EXPECT_TRUE(main_.isCurrent());
-    updated = image;
-    ++answers;
-  });
+  nembra_.images().update(model,
+                          [&](const Image& image, const HttpResponse&, const OptionalError&) {
+                            EXPECT_TRUE(main_.isCurrent());
+                            updated = image;
+                            ++answers;
+                          });
   ASSERT_TRUE(main_.runUntil([&] { return answers == 2; }));
   EXPECT_TRUE(audios.empty());
   ASSERT_TRUE(indexError);

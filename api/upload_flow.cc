@@ -43,13 +43,20 @@ bool UploadFlow::transit(UploadEvent event) {
 
 const char* UploadFlow::name(UploadStage stage) {
   switch (stage) {
-    case UploadStage::Idle: return "idle";
-    case UploadStage::RequestingUrl: return "requesting-url";
-    case UploadStage::Transferring: return "transferring";
-    case UploadStage::Confirming: return "confirming";
-    case UploadStage::Done: return "done";
-    case UploadStage::Failed: return "failed";
-    case UploadStage::Cancelled: return "cancelled";
+    case UploadStage::Idle:
+      return "idle";
+    case UploadStage::RequestingUrl:
+      return "requesting-url";
+    case UploadStage::Transferring:
+      return "transferring";
+    case UploadStage::Confirming:
+      return "confirming";
+    case UploadStage::Done:
+      return "done";
+    case UploadStage::Failed:
+      return "failed";
+    case UploadStage::Cancelled:
+      return "cancelled";
   }
   return "";
 }

@@ -74,15 +74,16 @@ OptionalError UploadJournalEntry::fromJson(const Json& json, UploadJournalEntry&
     return std::nullopt;
   };
   std::string stage;
-  for (auto error : {text("id", read.id), integer("type", read.type), text("path", read.path),
-                     text("stage", stage), text("media_token", read.mediaToken),
-                     text("stream_token", read.streamToken), text("upload_url", read.uploadUrl),
-                     integer("file_size", read.fileSize),
-                     integer("file_modified_ns", read.fileModifiedNs),
-                     integer("created", read.createdUnix)}) {
+  for (auto error :
+       {text("id", read.id), integer("type", read.type), text("path", read.path),
+        text("stage", stage), text("media_token", read.mediaToken),
+        text("stream_token", read.streamToken), text("upload_url", read.uploadUrl),
+        integer("file_size", read.fileSize), integer("file_modified_ns", read.fileModifiedNs),
+        integer("created", read.createdUnix)}) {
     if (error) return error;
   }
-  if (!isValidId(read.id)) return Error::parse("the upload record's id \"" + read.id + "\" is invalid");
+  if (!isValidId(read.id))
+    return Error::parse("the upload record's id \"" + read.id + "\" is invalid");
   auto stageIndex = std::find_if(std::begin(kStageNames), std::end(kStageNames),
                                  [&](const char* name) { return stage == name; });
   if (stageIndex == std::end(kStageNames)) {
@@ -105,8 +106,7 @@ OptionalError UploadJournalEntry::fromJson(const Json& json, UploadJournalEntry&
 
 UploadJournal::UploadJournal(std::string directory) : directory_(std::move(directory)) {}
 
-std::string UploadJournal::directoryFor(const FileSystem& fs,
-                                        const std::string& applicationToken) {
+std::string UploadJournal::directoryFor(const FileSystem& fs, const std::string& applicationToken) {
   std::string name;
   if (MediaToken::isSafe(applicationToken)) {
     name = applicationToken;

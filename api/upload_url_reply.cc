@@ -18,10 +18,14 @@ struct ReplyKeys {
 
 std::optional<ReplyKeys> keysFor(int type) {
   switch (type) {
-    case VIDEO: return ReplyKeys{"video", "stream"};
-    case AUDIO: return ReplyKeys{"audio", "audio_stream"};
-    case IMAGE: return ReplyKeys{"image", "image_stream"};
-    default: return std::nullopt;
+    case VIDEO:
+      return ReplyKeys{"video", "stream"};
+    case AUDIO:
+      return ReplyKeys{"audio", "audio_stream"};
+    case IMAGE:
+      return ReplyKeys{"image", "image_stream"};
+    default:
+      return std::nullopt;
   }
 }
 
@@ -58,7 +62,7 @@ std::optional<std::string> base64Decode(const std::string& text) {
 }
 
 // "2024-05-01T12:00:00Z" or with fractional seconds, as UTC.
-std::optional<std::chrono::system_clock::time_point> parseIso8601(const std::string& text) {
+std::optional<std::chrono::sys_seconds> parseIso8601(const std::string& text) {
   int year, month, day, hour, minute, second;
   char tail = 0;
   if (std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%c", &year, &month, &day, &hour, &minute,
@@ -115,8 +119,7 @@ OptionalError UploadUrlReply::parse(int type, const std::optional<Json>& json,
   return std::nullopt;
 }
 
-std::optional<std::chrono::system_clock::time_point> UploadUrlReply::formExpiration(
-    const Json& fields) {
+std::optional<std::chrono::sys_seconds> UploadUrlReply::formExpiration(const Json& fields) {
   if (!fields.is_object()) return std::nullopt;
   auto policy = fields.find("Policy");
   if (policy == fields.end() || !policy->is_string()) return std::nullopt;

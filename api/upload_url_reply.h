@@ -29,7 +29,8 @@ struct UploadUrlReply {
 
   // When the form's signed policy stops being accepted: the "expiration" of the base64 JSON
   // under "Policy". Nothing when the form carries no readable policy.
-  static std::optional<std::chrono::system_clock::time_point> formExpiration(const Json& fields);
+  // Whole seconds, so a policy that runs for centuries still reads.
+  static std::optional<std::chrono::sys_seconds> formExpiration(const Json& fields);
 };
 
 }  // namespace nembra

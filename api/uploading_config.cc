@@ -22,12 +22,13 @@ void UploadingConfig::addExtraArgs(const Json& args) {
 }
 
 std::string UploadingConfig::stringValueConfig() const {
-  return "{" + std::string(23, ' ') + "\"shouldUseWifiOnly\": " +
-         std::to_string(shouldUseWifiOnly_ ? 1 : 0) + "," + std::string(24, ' ') +
-         "\"syncInterval\": " + std::to_string(syncInterval_) + "," + std::string(24, ' ') +
+  return "{" + std::string(23, ' ') +
+         "\"shouldUseWifiOnly\": " + std::to_string(shouldUseWifiOnly_ ? 1 : 0) + "," +
+         std::string(24, ' ') + "\"syncInterval\": " + std::to_string(syncInterval_) + "," +
+         std::string(24, ' ') +
          "\"shouldTurnOffUploader\": " + std::to_string(shouldTurnOffUploader_ ? 1 : 0) + "," +
-         std::string(24, ' ') + "\"lostConnectionAction\": " +
-         std::to_string(lostConnectionAction_) + "}";
+         std::string(24, ' ') +
+         "\"lostConnectionAction\": " + std::to_string(lostConnectionAction_) + "}";
 }
 
 }  // namespace nembra

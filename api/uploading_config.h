@@ -15,8 +15,8 @@ namespace nembra {
 // What to do with a file whose transfer to storage failed.
 inline constexpr int32_t UPLOADING_ERROR_ACTION_CONTINUE_UPLOADING_MEDIA = 551;  // keep it
 inline constexpr int32_t UPLOADING_ERROR_ACTION_RELOAD_MEDIA = 552;              // start again
-inline constexpr int32_t UPLOADING_ERROR_ACTION_ERROR_NOTIFICATION = 553;  // tell the user
-inline constexpr int32_t UPLOADING_ERROR_ACTION_DELETE_MEDIA = 554;        // delete the file
+inline constexpr int32_t UPLOADING_ERROR_ACTION_ERROR_NOTIFICATION = 553;        // tell the user
+inline constexpr int32_t UPLOADING_ERROR_ACTION_DELETE_MEDIA = 554;              // delete the file
 
 inline constexpr int64_t DEFAULT_SYNC_INTERVAL = 7200000;
 

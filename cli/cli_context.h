@@ -53,5 +53,8 @@ void registerDeviceInfoCommand(CLI::App& app, CliContext& context, int& exitCode
 void registerDemoCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerServeCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerStreamCommand(CLI::App& app, CliContext& context, int& exitCode);
+void registerUploadCommand(CLI::App& app, CliContext& context, int& exitCode);
+void registerMediaCommands(CLI::App& app, CliContext& context, int& exitCode);
+void registerCacheCommand(CLI::App& app, CliContext& context, int& exitCode);
 
 }  // namespace nembra

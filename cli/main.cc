@@ -32,6 +32,9 @@ int main(int argc, char** argv) {
   nembra::registerDeviceInfoCommand(app, context, exitCode);
   nembra::registerDemoCommand(app, context, exitCode);
   nembra::registerStreamCommand(app, context, exitCode);
+  nembra::registerUploadCommand(app, context, exitCode);
+  nembra::registerMediaCommands(app, context, exitCode);
+  nembra::registerCacheCommand(app, context, exitCode);
 #ifdef NEMBRA_HAVE_SERVICE
   nembra::registerServeCommand(app, context, exitCode);
 #endif

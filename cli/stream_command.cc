@@ -14,6 +14,7 @@
 #include "nembra/json.h"
 #include "platform/media_source_device.h"
 #include "platform/media_source_file.h"
+#include "platform/media_source_logging.h"
 #include "streaming/live_publisher.h"
 #include "streaming/stream_log.h"
 #include "streaming/uri.h"
@@ -109,8 +110,7 @@ std::unique_ptr<MediaSource> openSource(const StreamOptions& options, int width,
   OptionalError failure;
   std::unique_ptr<MediaSource> source;
   if (options.source == "lavfi") {
-    source = MediaSourceDevice::openTestPattern(width > 0 ? width : 1280,
-                                                height > 0 ? height : 720,
+    source = MediaSourceDevice::openTestPattern(width > 0 ? width : 1280, height > 0 ? height : 720,
                                                 options.fps > 0 ? options.fps : 30, failure);
   } else if (options.source.rfind("/dev/video", 0) == 0) {
     source = MediaSourceDevice::openCamera(options.source, width, height, options.fps, failure);
@@ -127,6 +127,7 @@ int runStream(const StreamOptions& options, CliContext& context) {
   StreamLog::SetSink([debug = context.options.debug](const std::string& line) {
     if (debug) std::fprintf(stderr, "%s\n", line.c_str());
   });
+  setMediaLogVerbose(context.options.debug);
 
   LivePublisherOptions publish;
   if (!options.size.empty() && !parseSize(options.size, publish.width, publish.height)) {
@@ -175,7 +176,9 @@ int runStream(const StreamOptions& options, CliContext& context) {
   } restore{previousInt, previousTerm};
 
   LivePublisher publisher(std::move(source), publish);
-  if (!json) std::cout << "publishing " << description << " to " << publish.targetAddress << "\n" << std::flush;
+  if (!json)
+    std::cout << "publishing " << description << " to " << publish.targetAddress << "\n"
+              << std::flush;
   if (!publisher.start(error)) {
     std::cerr << "error: " << error << "\n";
     return 1;
@@ -214,13 +217,14 @@ int runStream(const StreamOptions& options, CliContext& context) {
     if (!failure.empty()) summary["error"] = failure;
     std::cout << summary.dump() << "\n";
   } else {
-    std::printf("%s %llu video and %llu audio frames, %llu bytes, %s of media in %.1f s "
-                "(%.0f kbit/s)\n",
-                interrupted ? "stopped after" : "published",
-                static_cast<unsigned long long>(stats.sent.videoFrames),
-                static_cast<unsigned long long>(stats.sent.audioFrames),
-                static_cast<unsigned long long>(stats.sent.bytes), clock(stats.mediaTime).c_str(),
-                stats.elapsed, kilobitsPerSecond(stats));
+    std::printf(
+        "%s %llu video and %llu audio frames, %llu bytes, %s of media in %.1f s "
+        "(%.0f kbit/s)\n",
+        interrupted ? "stopped after" : "published",
+        static_cast<unsigned long long>(stats.sent.videoFrames),
+        static_cast<unsigned long long>(stats.sent.audioFrames),
+        static_cast<unsigned long long>(stats.sent.bytes), clock(stats.mediaTime).c_str(),
+        stats.elapsed, kilobitsPerSecond(stats));
   }
   std::fflush(stdout);
   if (!failure.empty()) {
@@ -241,8 +245,7 @@ void registerStreamCommand(CLI::App& app, CliContext& context, int& exitCode) {
   command->add_option("RTMP_URL", options->url, "rtmp://HOST[:PORT]/APP[/STREAM]")->required();
   command->add_option("--name", options->name,
                       "Stream name (default: the last segment of RTMP_URL after the application)");
-  command
-      ->add_option("--source", options->source, "A media file, lavfi, or a camera /dev/videoN")
+  command->add_option("--source", options->source, "A media file, lavfi, or a camera /dev/videoN")
       ->required();
   command->add_option("--duration", options->duration, "Seconds of media to send (default: all)")
       ->check(CLI::NonNegativeNumber);

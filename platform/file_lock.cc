@@ -13,7 +13,8 @@ std::unique_ptr<FileLock> FileLock::tryAcquire(const std::string& path, Optional
   int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (fd < 0) {
     int code = errno;
-    if (error) *error = Error::file("cannot open the lock file " + path + ": " + std::strerror(code), code);
+    if (error)
+      *error = Error::file("cannot open the lock file " + path + ": " + std::strerror(code), code);
     return nullptr;
   }
   // flock, not fcntl locks: those are per process, so a second lock in this process would

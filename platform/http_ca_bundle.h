@@ -1,6 +1,8 @@
 // Trusted roots for TLS when the deployment adds its own: the system bundle followed by the
 // extra PEM certificates. A file of roots can only replace the system ones, never add to them,
 // so the two are joined in memory and handed over as one bundle.
+//
+// Threading: built once by the client, immutable after, read by the network thread.
 #pragma once
 
 #include <memory>

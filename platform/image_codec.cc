@@ -88,10 +88,9 @@ OptionalError encode(const AVFrame& decoded, int quality, std::vector<uint8_t>& 
   picture->width = decoded.width;
   picture->height = decoded.height;
   if (av_frame_get_buffer(picture.get(), 0) < 0) return Error::internal("out of memory");
-  std::unique_ptr<SwsContext, SwsFreer> scaler(
-      sws_getContext(decoded.width, decoded.height, static_cast<AVPixelFormat>(decoded.format),
-                     decoded.width, decoded.height, AV_PIX_FMT_YUVJ420P, SWS_BICUBIC, nullptr,
-                     nullptr, nullptr));
+  std::unique_ptr<SwsContext, SwsFreer> scaler(sws_getContext(
+      decoded.width, decoded.height, static_cast<AVPixelFormat>(decoded.format), decoded.width,
+      decoded.height, AV_PIX_FMT_YUVJ420P, SWS_BICUBIC, nullptr, nullptr, nullptr));
   if (!scaler) return Error::media("cannot convert the picture's pixel format");
   sws_scale(scaler.get(), decoded.data, decoded.linesize, 0, decoded.height, picture->data,
             picture->linesize);

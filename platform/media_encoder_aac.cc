@@ -79,14 +79,14 @@ OptionalError MediaEncoderAAC::configureResampler(const AVFrame* frame) {
   } else {
     av_channel_layout_copy(&inputLayout, &frame->ch_layout);
   }
-  const int rc = swr_alloc_set_opts2(&resampler_, &context_->ch_layout, AV_SAMPLE_FMT_FLTP,
-                                     settings_.sampleRate, &inputLayout,
-                                     static_cast<AVSampleFormat>(frame->format),
-                                     frame->sample_rate, 0, nullptr);
+  const int rc = swr_alloc_set_opts2(
+      &resampler_, &context_->ch_layout, AV_SAMPLE_FMT_FLTP, settings_.sampleRate, &inputLayout,
+      static_cast<AVSampleFormat>(frame->format), frame->sample_rate, 0, nullptr);
   av_channel_layout_uninit(&inputLayout);
   if (rc < 0 || swr_init(resampler_) < 0) {
     swr_free(&resampler_);
-    return Error::media("can't convert " + std::to_string(frame->sample_rate) + " Hz audio for aac");
+    return Error::media("can't convert " + std::to_string(frame->sample_rate) +
+                        " Hz audio for aac");
   }
   inputFormat_ = frame->format;
   inputRate_ = frame->sample_rate;
@@ -111,9 +111,9 @@ OptionalError MediaEncoderAAC::encode(const RawMediaFrame& frame,
                                          std::max(capacity, 1), AV_SAMPLE_FMT_FLTP, 0) < 0) {
     return Error::internal("out of memory for audio");
   }
-  const int produced = swr_convert(resampler_, converted, capacity,
-                                   const_cast<const uint8_t**>(source->extended_data),
-                                   source->nb_samples);
+  const int produced =
+      swr_convert(resampler_, converted, capacity,
+                  const_cast<const uint8_t**>(source->extended_data), source->nb_samples);
   OptionalError error;
   if (produced < 0) {
     error = Error::media("can't convert audio for aac");
@@ -165,8 +165,8 @@ OptionalError MediaEncoderAAC::receive(std::vector<EncodedAudioSample>& out) {
     sample.data.assign(packet_->data, packet_->data + packet_->size);
     sample.asc = asc_;
     // The encoder's priming delay makes the first packets start before the first sample.
-    sample.pts = std::max(0.0, firstPts_.value_or(0.0) +
-                                   static_cast<double>(packet_->pts) / settings_.sampleRate);
+    sample.pts = std::max(
+        0.0, firstPts_.value_or(0.0) + static_cast<double>(packet_->pts) / settings_.sampleRate);
     av_packet_unref(packet_);
     out.push_back(std::move(sample));
   }

@@ -23,7 +23,8 @@ class AudioEncoder {
   // Takes |frame| (any sample format, rate and layout: it is converted to the settings), appending
   // the AAC frames that are complete to |out|. A frame's time is that of its first sample, counted
   // on from the first frame given.
-  virtual OptionalError encode(const RawMediaFrame& frame, std::vector<EncodedAudioSample>& out) = 0;
+  virtual OptionalError encode(const RawMediaFrame& frame,
+                               std::vector<EncodedAudioSample>& out) = 0;
   // Encodes what is buffered and drains the encoder.
   virtual OptionalError flush(std::vector<EncodedAudioSample>& out) = 0;
 };

@@ -49,8 +49,8 @@ TEST(H264UnitsTest, ReadsTwoByteLengths) {
 }
 
 TEST(H264UnitsTest, ParsesDecoderConfigurationRecordAndRefusesTruncation) {
-  const Bytes record = {0x01, 0x42, 0xC0, 0x1F, 0xFD, 0xE1, 0x00, 0x03, 0x67, 0x42, 0xC0,
-                        0x01, 0x00, 0x02, 0x68, 0xCE};
+  const Bytes record = {0x01, 0x42, 0xC0, 0x1F, 0xFD, 0xE1, 0x00, 0x03,
+                        0x67, 0x42, 0xC0, 0x01, 0x00, 0x02, 0x68, 0xCE};
   h264::AvcConfig config;
   ASSERT_TRUE(h264::parseAvcDecoderConfig(record, config));
   EXPECT_EQ(config.lengthSize, 2);
@@ -62,8 +62,8 @@ TEST(H264UnitsTest, ParsesDecoderConfigurationRecordAndRefusesTruncation) {
 }
 
 TEST(H264UnitsTest, RepackMovesParameterSetsOutAndDropsDelimiters) {
-  const Bytes stream = {0, 0, 1, 0x09, 0xF0, 0, 0, 1, 0x67, 0x42, 0, 0, 1,
-                        0x68, 0xCE, 0, 0, 1, 0x06, 0x05, 0, 0, 1, 0x65, 0x88};
+  const Bytes stream = {0,    0,    1, 0x09, 0xF0, 0,    0,    1, 0x67, 0x42, 0,    0,   1,
+                        0x68, 0xCE, 0, 0,    1,    0x06, 0x05, 0, 0,    1,    0x65, 0x88};
   Bytes out, sps, pps;
   h264::repackAccessUnit(h264::splitAnnexB(stream), out, sps, pps);
   EXPECT_THAT(sps, ElementsAre(0x67, 0x42));
@@ -96,7 +96,8 @@ INSTANTIATE_TEST_SUITE_P(
     Headers, AdtsTest,
     testing::Values(
         // AAC LC, 44100 Hz (index 4), stereo, frame length 10, no CRC.
-        AdtsCase{"Lc44100Stereo", {0xFF, 0xF1, 0x50, 0x80, 0x01, 0x5F, 0xFC}, true, {0x12, 0x10}, 7},
+        AdtsCase{
+            "Lc44100Stereo", {0xFF, 0xF1, 0x50, 0x80, 0x01, 0x5F, 0xFC}, true, {0x12, 0x10}, 7},
         // AAC LC, 48000 Hz (index 3), mono, frame length 12 with a CRC.
         AdtsCase{"Lc48000MonoCrc",
                  {0xFF, 0xF0, 0x4C, 0x40, 0x01, 0x9F, 0xFC, 0x00, 0x00},

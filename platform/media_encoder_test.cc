@@ -48,8 +48,7 @@ RawMediaFrame Tone(int sampleRate, int samples, int offset) {
   for (int i = 0; i < samples; ++i) {
     pcm[i] = static_cast<int16_t>(8000 * std::sin(2 * M_PI * 440 * (offset + i) / sampleRate));
   }
-  return RawMediaFrame(RawMediaFrame::Kind::Audio, frame,
-                       static_cast<double>(offset) / sampleRate);
+  return RawMediaFrame(RawMediaFrame::Kind::Audio, frame, static_cast<double>(offset) / sampleRate);
 }
 
 TEST(MediaEncoderX264Test, BaselineKeyFramesEveryTwoSecondsInLengthPrefixedForm) {
@@ -59,8 +58,8 @@ TEST(MediaEncoderX264Test, BaselineKeyFramesEveryTwoSecondsInLengthPrefixedForm)
   std::vector<EncodedVideoSample> samples;
   for (int i = 0; i < 25; ++i) {
     // Larger RGB pictures: the encoder scales and converts them itself.
-    ASSERT_FALSE(encoder->encode(Picture(640, 480, AV_PIX_FMT_RGB24, i * 3, i * 0.1), i * 0.1,
-                                 samples));
+    ASSERT_FALSE(
+        encoder->encode(Picture(640, 480, AV_PIX_FMT_RGB24, i * 3, i * 0.1), i * 0.1, samples));
   }
   ASSERT_FALSE(encoder->flush(samples));
   ASSERT_EQ(samples.size(), 25u);

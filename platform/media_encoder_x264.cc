@@ -113,15 +113,15 @@ OptionalError MediaEncoderX264::flush(std::vector<EncodedVideoSample>& out) {
 
 OptionalError MediaEncoderX264::send(const AVFrame* frame, std::vector<EncodedVideoSample>& out) {
   int rc = avcodec_send_frame(context_, frame);
-  if (rc < 0 && rc != AVERROR_EOF) return Error::media("libx264 refused a picture: " + avErrorText(rc));
+  if (rc < 0 && rc != AVERROR_EOF)
+    return Error::media("libx264 refused a picture: " + avErrorText(rc));
   for (;;) {
     rc = avcodec_receive_packet(context_, packet_);
     if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return std::nullopt;
     if (rc < 0) return Error::media("libx264 failed: " + avErrorText(rc));
     EncodedVideoSample sample;
-    h264::repackAccessUnit(
-        h264::splitAnnexB({packet_->data, static_cast<size_t>(packet_->size)}), sample.data,
-        sps_, pps_);
+    h264::repackAccessUnit(h264::splitAnnexB({packet_->data, static_cast<size_t>(packet_->size)}),
+                           sample.data, sps_, pps_);
     sample.sps = sps_;
     sample.pps = pps_;
     sample.keyFrame = (packet_->flags & AV_PKT_FLAG_KEY) != 0;

@@ -8,7 +8,8 @@ bool parseAdtsHeader(std::span<const uint8_t> bytes, AdtsFrame& frame) {
   const unsigned profile = bytes[2] >> 6;  // audio object type minus one
   const unsigned rateIndex = (bytes[2] >> 2) & 0x0F;
   const unsigned channels = (bytes[2] & 0x01) << 2 | bytes[3] >> 6;
-  const size_t frameLength = (size_t{bytes[3]} & 0x03) << 11 | size_t{bytes[4]} << 3 | bytes[5] >> 5;
+  const size_t frameLength =
+      (size_t{bytes[3]} & 0x03) << 11 | size_t{bytes[4]} << 3 | bytes[5] >> 5;
   const size_t headerLength = protectionAbsent ? 7 : 9;
   if (rateIndex > 12 || frameLength < headerLength || frameLength > bytes.size()) return false;
   const unsigned objectType = profile + 1;

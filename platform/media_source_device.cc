@@ -164,8 +164,7 @@ double MediaSourceDevice::stamp(const Input& input, const AVCodecContext* contex
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - opened_).count();
   }
   (void)context;
-  return static_cast<double>(timestamp) *
-         av_q2d(input.format->streams[streamIndex]->time_base);
+  return static_cast<double>(timestamp) * av_q2d(input.format->streams[streamIndex]->time_base);
 }
 
 int MediaSourceDevice::pump(Input& input) {
@@ -189,8 +188,7 @@ int MediaSourceDevice::pump(Input& input) {
       }
       const double pts =
           stamp(input, decoder.context, frame->best_effort_timestamp, decoder.streamIndex);
-      pending_.emplace_back(decoder.video ? RawMediaFrame::Kind::Video
-                                          : RawMediaFrame::Kind::Audio,
+      pending_.emplace_back(decoder.video ? RawMediaFrame::Kind::Video : RawMediaFrame::Kind::Audio,
                             frame, pts);
     }
   }

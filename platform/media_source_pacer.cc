@@ -16,8 +16,8 @@ MediaSourcePacer::Clock::time_point MediaSourcePacer::dueTime(Clock::time_point 
                                                               double firstMediaTime,
                                                               double mediaTime) {
   const double offset = std::max(0.0, mediaTime - firstMediaTime);
-  return anchor + std::chrono::duration_cast<Clock::duration>(
-                      std::chrono::duration<double>(offset));
+  return anchor +
+         std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(offset));
 }
 
 bool MediaSourcePacer::waitUntilDue(double mediaTime, const std::atomic<bool>& stop) {

@@ -36,15 +36,15 @@ AVCCParser::Bytes AVCCParser::GetDecoderConfigurationRecord() const {
   Bytes record;
   BitstreamWriter writer(record);
   BitstreamReader first(sps_.front());
-  first.Skip(1);  // the NAL header
-  writer.PutBits(1, 8);                 // configuration version
-  writer.PutBits(first.GetByte(), 8);   // profile
-  writer.PutBits(first.GetByte(), 8);   // profile compatibility
-  writer.PutBits(first.GetByte(), 8);   // level
-  writer.PutBits(0x3F, 6);              // reserved
-  writer.PutBits(3, 2);                 // NAL length size minus one
-  writer.PutBits(0x7, 3);               // reserved
-  writer.PutBits(sps_.size(), 5);       // number of SPS
+  first.Skip(1);                       // the NAL header
+  writer.PutBits(1, 8);                // configuration version
+  writer.PutBits(first.GetByte(), 8);  // profile
+  writer.PutBits(first.GetByte(), 8);  // profile compatibility
+  writer.PutBits(first.GetByte(), 8);  // level
+  writer.PutBits(0x3F, 6);             // reserved
+  writer.PutBits(3, 2);                // NAL length size minus one
+  writer.PutBits(0x7, 3);              // reserved
+  writer.PutBits(sps_.size(), 5);      // number of SPS
   for (const Bytes& sps : sps_) {
     writer.PutBits(sps.size(), 16);
     writer.PutBytes(sps);

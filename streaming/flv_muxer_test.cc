@@ -165,13 +165,13 @@ TEST_P(AVCDataFormatterRefusalTest, KeepsSequenceHeaderPending) {
   EXPECT_EQ(out.tags.size(), 2u);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    FirstFrames, AVCDataFormatterRefusalTest,
-    testing::Values(RefusedFirstFrame{"NotKey", VideoFrame(false, 0),
-                                      "first AVC frame is not a keyframe"},
-                    RefusedFirstFrame{"KeyWithoutSps", VideoFrame(true, 0, false),
-                                      "no sps found in keyframe"}),
-    [](const auto& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(FirstFrames, AVCDataFormatterRefusalTest,
+                         testing::Values(RefusedFirstFrame{"NotKey", VideoFrame(false, 0),
+                                                           "first AVC frame is not a keyframe"},
+                                         RefusedFirstFrame{"KeyWithoutSps",
+                                                           VideoFrame(true, 0, false),
+                                                           "no sps found in keyframe"}),
+                         [](const auto& info) { return info.param.name; });
 
 TEST(AACDataFormatterTest, FirstFrameIsConfigThenRawFrames) {
   Collector out;
@@ -226,13 +226,14 @@ TEST_P(FLVMuxerTrackTest, RefusesUnsupportedTracks) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Tracks, FLVMuxerTrackTest,
-    testing::Values(
-        TrackCase{"VideoAAC", MediaType::Video, MediaCodec::AAC, "unsupported video codec"},
-        TrackCase{"AudioH264", MediaType::Audio, MediaCodec::H264, "unsupported audio codec"},
-        TrackCase{"Data", MediaType::Data, MediaCodec::None, "unknown media type"}),
-    [](const auto& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Tracks, FLVMuxerTrackTest,
+                         testing::Values(TrackCase{"VideoAAC", MediaType::Video, MediaCodec::AAC,
+                                                   "unsupported video codec"},
+                                         TrackCase{"AudioH264", MediaType::Audio, MediaCodec::H264,
+                                                   "unsupported audio codec"},
+                                         TrackCase{"Data", MediaType::Data, MediaCodec::None,
+                                                   "unknown media type"}),
+                         [](const auto& info) { return info.param.name; });
 
 // The metadata keys, read back from the tag body.
 std::vector<std::string> MetadataKeys(const FLVFrame& tag) {

@@ -68,11 +68,10 @@ bool LivePublisher::start(std::string& error) {
     const int height = options_.height > 0 ? options_.height : info.height;
     int framerate = options_.framerate;
     if (framerate <= 0) {
-      framerate = info.frameRate > 0 ? static_cast<int>(std::lround(info.frameRate))
-                                     : kDefaultFramerate;
+      framerate =
+          info.frameRate > 0 ? static_cast<int>(std::lround(info.frameRate)) : kDefaultFramerate;
     }
-    videoEncoder_ =
-        std::make_unique<H264Encoder>(width, height, options_.videoBitrate, framerate);
+    videoEncoder_ = std::make_unique<H264Encoder>(width, height, options_.videoBitrate, framerate);
     if (!videoEncoder_->isReady()) {
       error = videoEncoder_->initializationError();
       return false;

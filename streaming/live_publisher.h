@@ -108,12 +108,12 @@ class LivePublisher {
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;
-  std::deque<Queued> queue_;            // guarded by mutex_
-  bool captureEnded_ = false;           // guarded by mutex_
-  bool publishStarted_ = false;         // guarded by mutex_
-  std::string failure_;                 // guarded by mutex_
-  std::vector<double> latencies_;       // guarded by mutex_
-  double mediaTime_ = 0.0;              // guarded by mutex_
+  std::deque<Queued> queue_;       // guarded by mutex_
+  bool captureEnded_ = false;      // guarded by mutex_
+  bool publishStarted_ = false;    // guarded by mutex_
+  std::string failure_;            // guarded by mutex_
+  std::vector<double> latencies_;  // guarded by mutex_
+  double mediaTime_ = 0.0;         // guarded by mutex_
   std::optional<Clock::time_point> startedAt_;
 
   std::atomic<bool> stopRequested_{false};

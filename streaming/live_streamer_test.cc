@@ -2,12 +2,11 @@
 #include "streaming/live_streamer.h"
 
 #include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "streaming/scripted_rtmp_server.h"
 #include "streaming/stream_log_capture.h"

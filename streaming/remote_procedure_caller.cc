@@ -30,8 +30,8 @@ uint32_t RemoteProcedureCaller::Call(RTMPChannel channel, const std::string& nam
                                      std::shared_ptr<AMFValue> first,
                                      std::shared_ptr<AMFValue> second, Handler callback,
                                      uint32_t streamId) {
-  return Call(channel, name, std::move(commandObject), Arguments{std::move(first), std::move(second)},
-              std::move(callback), streamId);
+  return Call(channel, name, std::move(commandObject),
+              Arguments{std::move(first), std::move(second)}, std::move(callback), streamId);
 }
 
 uint32_t RemoteProcedureCaller::Call(RTMPChannel channel, const std::string& name,

@@ -64,7 +64,7 @@ class RemoteProcedureCaller : public IReceiver<RTMPPacket> {
   Handler statusHandler_;
 
   mutable std::mutex mutex_;
-  uint32_t lastTransactionId_ = 0;                 // guarded by mutex_
+  uint32_t lastTransactionId_ = 0;                // guarded by mutex_
   std::map<uint32_t, Transaction> transactions_;  // guarded by mutex_
 };
 

@@ -56,27 +56,31 @@ class RemoteProcedureCallerTest : public testing::Test {
 };
 
 TEST_F(RemoteProcedureCallerTest, NumbersTransactionsAndWritesNullsForEmptyValues) {
-  EXPECT_EQ(caller_.Call(RTMPChannel::Command, "connect", nullptr, RemoteProcedureCaller::Arguments{}, {}, 0), 1u);
-  EXPECT_EQ(caller_.Call(RTMPChannel::Publish, "publish", nullptr, AMFValue::String("s"), nullptr,
-                         {}, 5),
-            2u);
+  EXPECT_EQ(caller_.Call(RTMPChannel::Command, "connect", nullptr,
+                         RemoteProcedureCaller::Arguments{}, {}, 0),
+            1u);
+  EXPECT_EQ(
+      caller_.Call(RTMPChannel::Publish, "publish", nullptr, AMFValue::String("s"), nullptr, {}, 5),
+      2u);
   ASSERT_EQ(sent_.size(), 2u);
   EXPECT_EQ(sent_[1].Channel(), RTMPChannel::Publish);
   EXPECT_EQ(sent_[1].PacketType(), RTMPPacketType::Command);
   EXPECT_EQ(sent_[1].StreamID(), 5u);
-  const Bytes expected = {0x02, 0, 7,    'p', 'u', 'b', 'l', 'i', 's', 'h', 0x00, 0x40,
-                          0x00, 0, 0,    0,   0,   0,   0,   0x05, 0x02, 0, 1,    's', 0x05};
+  const Bytes expected = {0x02, 0, 7, 'p', 'u', 'b', 'l',  'i',  's', 'h', 0x00, 0x40, 0x00,
+                          0,    0, 0, 0,   0,   0,   0x05, 0x02, 0,   1,   's',  0x05};
   EXPECT_EQ(sent_[1].Data(), expected);
   EXPECT_EQ(log_.Count("command [publish](STRING: s, NULL), transactionID = 2"), 1u);
 }
 
 TEST_F(RemoteProcedureCallerTest, ResultReachesItsTransactionOnce) {
-  caller_.Call(RTMPChannel::Command, "connect", nullptr, RemoteProcedureCaller::Arguments{}, Record("connect"), 0);
-  caller_.Call(RTMPChannel::Command, "createStream", nullptr, RemoteProcedureCaller::Arguments{}, Record("createStream"), 0);
-  caller_.PutFrame(Reply({AMFValue::String("_result"), AMFValue::Number(2), AMFValue::Null(),
-                          AMFValue::Number(1)}));
-  caller_.PutFrame(Reply({AMFValue::String("_result"), AMFValue::Number(2), AMFValue::Null(),
-                          AMFValue::Number(1)}));
+  caller_.Call(RTMPChannel::Command, "connect", nullptr, RemoteProcedureCaller::Arguments{},
+               Record("connect"), 0);
+  caller_.Call(RTMPChannel::Command, "createStream", nullptr, RemoteProcedureCaller::Arguments{},
+               Record("createStream"), 0);
+  caller_.PutFrame(Reply(
+      {AMFValue::String("_result"), AMFValue::Number(2), AMFValue::Null(), AMFValue::Number(1)}));
+  caller_.PutFrame(Reply(
+      {AMFValue::String("_result"), AMFValue::Number(2), AMFValue::Null(), AMFValue::Number(1)}));
   caller_.PutFrame(Reply({AMFValue::String("_result"), AMFValue::Number(9)}));
   EXPECT_THAT(routed_.calls, testing::ElementsAre("createStream"));
   EXPECT_EQ(caller_.OpenTransactionCount(), 1u);
@@ -94,7 +98,8 @@ class ReplyRoutingTest : public RemoteProcedureCallerTest,
                          public testing::WithParamInterface<RoutingCase> {};
 
 TEST_P(ReplyRoutingTest, RoutesByNameAndErrorLevel) {
-  caller_.Call(RTMPChannel::Command, "connect", nullptr, RemoteProcedureCaller::Arguments{}, Record("result"), 0);
+  caller_.Call(RTMPChannel::Command, "connect", nullptr, RemoteProcedureCaller::Arguments{},
+               Record("result"), 0);
   caller_.PutFrame(Reply({AMFValue::String(GetParam().command), AMFValue::Number(1),
                           AMFValue::Null(), Info(GetParam().level)}));
   if (GetParam().handler.empty()) {
@@ -115,7 +120,8 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return info.param.name; });
 
 TEST_F(RemoteProcedureCallerTest, UnsupportedValueInReplyThrows) {
-  caller_.Call(RTMPChannel::Command, "connect", nullptr, RemoteProcedureCaller::Arguments{}, Record("result"), 0);
+  caller_.Call(RTMPChannel::Command, "connect", nullptr, RemoteProcedureCaller::Arguments{},
+               Record("result"), 0);
   RTMPPacket packet = Reply({AMFValue::String("_result"), AMFValue::Number(1)});
   packet.Data().push_back(0x0B);  // a date
   EXPECT_THROW(caller_.PutFrame(packet), std::runtime_error);

@@ -164,8 +164,7 @@ void RTMPClient::FCPublish() {
 }
 
 void RTMPClient::FCUnpublish() {
-  Caller().Call(RTMPChannel::Command, "FCUnpublish", nullptr, AMFValue::String(streamName_), {},
-                0);
+  Caller().Call(RTMPChannel::Command, "FCUnpublish", nullptr, AMFValue::String(streamName_), {}, 0);
 }
 
 void RTMPClient::DeleteStream() {
@@ -174,9 +173,9 @@ void RTMPClient::DeleteStream() {
 }
 
 void RTMPClient::DispatchPacket(RTMPPacket packet) {
-  StreamLog::Write("RTMP packet received: type = " +
-                   std::to_string(static_cast<unsigned>(packet.PacketType())) +
-                   ", channel = " + std::to_string(static_cast<unsigned>(packet.Channel())));
+  StreamLog::Write(
+      "RTMP packet received: type = " + std::to_string(static_cast<unsigned>(packet.PacketType())) +
+      ", channel = " + std::to_string(static_cast<unsigned>(packet.Channel())));
   BitstreamReader reader = packet.GetDataReader();
   switch (packet.PacketType()) {
     case RTMPPacketType::SetChunkSize: {

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -48,6 +49,11 @@ class ScriptedServer {
     }
     port_ = ntohs(address.sin_port);
     thread_ = std::thread([this, script = std::move(script)] {
+      // Waits for the client in short slices so that an unused server can be abandoned.
+      pollfd waiter{listener_, POLLIN, 0};
+      while (!abandoned_ && ::poll(&waiter, 1, 50) == 0) {
+      }
+      if (abandoned_) return;
       const int client = ::accept(listener_, nullptr, nullptr);
       if (client < 0) return;
       const timeval timeout{10, 0};
@@ -58,16 +64,15 @@ class ScriptedServer {
   }
 
   ~ScriptedServer() {
+    abandoned_ = true;
     Wait();
     ::close(listener_);
   }
 
-  // Returns once the script has finished; what it recorded may then be read.
+  // Returns once the script has finished; what it recorded may then be read. REQUIRES: a
+  // client has connected.
   void Wait() {
-    if (thread_.joinable()) {
-      ::shutdown(listener_, SHUT_RDWR);  // unblocks an accept that never got a client
-      thread_.join();
-    }
+    if (thread_.joinable()) thread_.join();
   }
 
   uint16_t port() const { return port_; }
@@ -75,6 +80,7 @@ class ScriptedServer {
  private:
   int listener_ = -1;
   uint16_t port_ = 0;
+  std::atomic<bool> abandoned_{false};
   std::thread thread_;
 };
 

@@ -260,8 +260,13 @@ class ScriptedRTMPServer {
   }
 
   void OnMessage(RTMPPacket packet) {
-    Message message{packet.Channel(), packet.PacketType(), packet.StreamID(),
-                    packet.RTMPTimestamp(), packet.Data(), {}, {}};
+    Message message{packet.Channel(),
+                    packet.PacketType(),
+                    packet.StreamID(),
+                    packet.RTMPTimestamp(),
+                    packet.Data(),
+                    {},
+                    {}};
     if (packet.PacketType() == RTMPPacketType::Command) {
       BitstreamReader reader = packet.GetDataReader();
       while (reader.RemainingDataSize() > 0) message.values.push_back(AMFValue::ReadValue(reader));
@@ -297,9 +302,9 @@ class ScriptedRTMPServer {
                   {AMFValue::String("_result"), transaction, properties,
                    Status("status", "NetConnection.Connect.Success", "Connection succeeded.")});
     } else if (message.command == "createStream") {
-      SendCommand(RTMPChannel::Command, 0,
-                  {AMFValue::String("_result"), transaction, AMFValue::Null(),
-                   AMFValue::Number(1)});
+      SendCommand(
+          RTMPChannel::Command, 0,
+          {AMFValue::String("_result"), transaction, AMFValue::Null(), AMFValue::Number(1)});
     } else if (message.command == "publish" && message.values.size() > 3 &&
                message.values[3]->Type() == AMFType::String) {
       if (script_.refusePublish) {
@@ -322,9 +327,9 @@ class ScriptedRTMPServer {
   std::thread thread_;
 
   std::mutex sendMutex_;
-  int client_ = -1;  // guarded by sendMutex_
+  int client_ = -1;                                                        // guarded by sendMutex_
   std::map<RTMPChannel, std::unique_ptr<RTMPChunkFormatter>> formatters_;  // guarded by sendMutex_
-  uint64_t outgoingChunkSize_ = 128;                                      // guarded by sendMutex_
+  uint64_t outgoingChunkSize_ = 128;                                       // guarded by sendMutex_
 
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;

@@ -1,0 +1,74 @@
+#!/usr/bin/env bash
+# Upload benchmarks of `nembra upload` against a local `nembra serve`, each beside curl posting
+# the same storage form:
+#   1. one 1 GiB file: wall time of both, peak RSS of nembra (/usr/bin/time -v);
+#   2. 100 files of 64 KiB at once: total wall time of both.
+# Usage: bench/media_transfer_bench.sh [BUILD_DIR]   (default: build)
+set -euo pipefail
+
+BUILD=${1:-build}
+NEMBRA=$(realpath "$BUILD/nembra")
+WORK=$(mktemp -d /tmp/nembra-transfer-bench-XXXXXX)
+trap 'kill $SERVE_PID 2>/dev/null || true; wait 2>/dev/null || true; rm -rf "$WORK"' EXIT
+APP=bench
+
+"$NEMBRA" serve --port 0 --port-file "$WORK/port" --data "$WORK/data" --rtmp-port 0 \
+  --max-upload $((2 << 30)) >"$WORK/serve.log" 2>&1 &
+SERVE_PID=$!
+for _ in $(seq 100); do [ -s "$WORK/port" ] && break; sleep 0.1; done
+SERVER="http://127.0.0.1:$(cat "$WORK/port")"
+export NEMBRA_HOME="$WORK/home"
+cli() { "$NEMBRA" --server "$SERVER" --token "$APP" "$@"; }
+
+# A fresh upload URL of the service, as the SDK asks for it; prints curl's -F arguments.
+curl_form() {
+  cli --json request POST "/v1/applications/$APP/videos/videos-upload-url?create_stream=true" |
+    jq -r '.body.url_data as $d | ($d.fields | to_entries[] | "-F\n\(.key)=\(.value)"), "URL=\($d.url)"'
+}
+
+# Seconds of wall time of "$@".
+wall() {
+  local start end
+  start=$(date +%s.%N)
+  "$@"
+  end=$(date +%s.%N)
+  echo "$end - $start" | bc
+}
+
+echo "== 1 GiB upload"
+head -c $((1 << 30)) /dev/urandom >"$WORK/big.mp4"
+sync
+mapfile -t FORM < <(curl_form)
+URL=${FORM[-1]#URL=}
+unset 'FORM[-1]'
+curl_wall=$(wall curl -s -o /dev/null "${FORM[@]}" -F "file=@$WORK/big.mp4;type=video/mp4" "$URL")
+/usr/bin/time -v -o "$WORK/time.txt" "$NEMBRA" --server "$SERVER" --token "$APP" upload \
+  "$WORK/big.mp4" >"$WORK/upload.out" 2>"$WORK/upload.err"
+nembra_wall=$(awk -F': ' '/Elapsed \(wall clock\)/ {n=split($2,t,":"); s=0; for(i=1;i<=n;i++) s=s*60+t[i]; print s}' "$WORK/time.txt")
+rss_kb=$(awk -F': ' '/Maximum resident set size/ {print $2}' "$WORK/time.txt")
+printf "curl:   %.2f s\nnembra: %.2f s (%.2fx curl), peak RSS %d MB\n" "$curl_wall" "$nembra_wall" \
+  "$(echo "$nembra_wall / $curl_wall" | bc -l)" $((rss_kb / 1024))
+rm -f "$WORK/big.mp4"
+
+echo "== 100 parallel uploads of 64 KiB"
+mkdir -p "$WORK/small"
+for i in $(seq 100); do head -c 65536 /dev/urandom >"$WORK/small/$i.mp4"; done
+# curl gets its 100 forms beforehand: it times the storage posts alone.
+for i in $(seq 100); do curl_form >"$WORK/small/$i.form"; done
+curl_many() {
+  for i in $(seq 100); do
+    mapfile -t F <"$WORK/small/$i.form"
+    u=${F[-1]#URL=}
+    unset 'F[-1]'
+    curl -s -o /dev/null "${F[@]}" -F "file=@$WORK/small/$i.mp4;type=video/mp4" "$u" &
+  done
+  wait
+}
+curl_wall=$(wall curl_many)
+nembra_many() { cli upload --parallel 100 "$WORK"/small/*.mp4 >"$WORK/many.out" 2>&1; }
+nembra_wall=$(wall nembra_many)
+printf "curl (storage posts only): %.2f s\nnembra (upload URL, storage post, confirm): %.2f s\n" \
+  "$curl_wall" "$nembra_wall"
+
+echo "== trimCacheWithType over 100,000 files"
+"$BUILD/media_transfer_bench" --benchmark_filter=100000 2>/dev/null | grep -E "^BM_"

@@ -1,0 +1,360 @@
+// `nembra upload FILE... [--type video|audio|image] [--extra k=v ...] [--wifi-only]
+// [--on-lost continue|reload|notify|delete] [--parallel N] [--remove-source]` and
+// `nembra upload --resume`: uploads files through the SDK's upload flow, a progress line per
+// file, and prints each media token.
+//
+// The SDK deletes a file once the service has confirmed it; the command hands it a link to
+// each file (a copy where no link can be made) so the user's own files stay, unless
+// --remove-source says they may go.
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <deque>
+#include <filesystem>
+#include <iostream>
+#include <map>
+
+#include "api/media_type.h"
+#include "api/nembra.h"
+#include "api/nembra_uploading_handler.h"
+#include "api/uploading_config.h"
+#include "cli/cli_context.h"
+#include "cli/progress_board.h"
+#include "platform/file_system.h"
+
+namespace nembra {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct UploadArguments {
+  std::vector<std::string> files;
+  std::string type;
+  std::vector<std::string> extra;
+  bool wifiOnly = false;
+  std::string onLost = "continue";
+  int parallel = 4;
+  bool removeSource = false;
+  bool resume = false;
+};
+
+struct FileUpload {
+  std::string source;  // as the user named it
+  std::string handed;  // what the SDK uploads (and deletes once confirmed)
+  int type = 0;
+  size_t line = 0;
+  bool begun = false;
+  bool ended = false;
+  std::string token;
+  std::string error;
+};
+
+int32_t actionCode(const std::string& name) {
+  if (name == "reload") return UPLOADING_ERROR_ACTION_RELOAD_MEDIA;
+  if (name == "notify") return UPLOADING_ERROR_ACTION_ERROR_NOTIFICATION;
+  if (name == "delete") return UPLOADING_ERROR_ACTION_DELETE_MEDIA;
+  return UPLOADING_ERROR_ACTION_CONTINUE_UPLOADING_MEDIA;
+}
+
+int typeCode(const std::string& name) {
+  if (name == "video") return VIDEO;
+  if (name == "audio") return AUDIO;
+  if (name == "image") return IMAGE;
+  return 0;
+}
+
+// A name for the SDK's copy in the temporary directory that keeps the extension.
+std::string handOverPath(const std::string& source, size_t index) {
+  return FileSystem::shared().temporaryDirectory() + "/upload-" + std::to_string(::getpid()) + "-" +
+         std::to_string(index) + "-" + fs::path(source).filename().string();
+}
+
+// Links (or copies) |source| for the SDK; an error text when neither works.
+std::string handOver(const std::string& source, const std::string& target) {
+  std::error_code ec;
+  fs::remove(target, ec);
+  fs::create_hard_link(source, target, ec);
+  if (!ec) return "";
+  fs::copy_file(source, target, fs::copy_options::overwrite_existing, ec);
+  return ec ? "cannot prepare " + source + " for upload: " + ec.message() : "";
+}
+
+class UploadRun {
+ public:
+  UploadRun(CliContext& context, const UploadArguments& arguments)
+      : context_(context),
+        arguments_(arguments),
+        nembra_(context.nembra()),
+        board_(stderr, ::isatty(fileno(stderr)) && !context.options.json) {}
+
+  int run() {
+    UploadingConfig& config = nembra_.uploadingConfig();
+    config.setShouldUseWifiOnly(arguments_.wifiOnly);
+    config.setLostConnectionAction(actionCode(arguments_.onLost));
+    Json data = Json::object();
+    for (const std::string& pair : arguments_.extra) {
+      size_t equals = pair.find('=');
+      if (equals == std::string::npos || equals == 0) {
+        std::cerr << "nembra upload: --extra \"" << pair << "\" is not name=value\n";
+        return 2;
+      }
+      data[pair.substr(0, equals)] = pair.substr(equals + 1);
+    }
+    data_ = data;
+    installDelegate();
+    if (arguments_.resume) return resume();
+    if (arguments_.files.empty()) {
+      std::cerr << "nembra upload: give one or more FILEs, or --resume\n";
+      return 2;
+    }
+    prepare();
+    size_t next = 0;
+    size_t running = 0;
+    auto start = [&] {
+      while (next < uploads_.size() && running < static_cast<size_t>(arguments_.parallel)) {
+        FileUpload& upload = uploads_[next++];
+        if (upload.ended) continue;
+        ++running;
+        begin(upload);
+      }
+    };
+    start();
+    MainQueue& main = nembra_.mainQueue();
+    while (true) {
+      main.runUntil([&] { return endedCount() != ended_; }, std::chrono::milliseconds(100));
+      size_t nowEnded = endedCount();
+      running -= std::min(running, nowEnded - ended_);
+      ended_ = nowEnded;
+      start();
+      board_.draw();
+      if (ended_ == uploads_.size()) break;
+    }
+    return report();
+  }
+
+ private:
+  size_t endedCount() const {
+    return static_cast<size_t>(std::count_if(uploads_.begin(), uploads_.end(),
+                                             [](const FileUpload& u) { return u.ended; }));
+  }
+
+  void prepare() {
+    for (size_t i = 0; i < arguments_.files.size(); ++i) {
+      FileUpload upload;
+      upload.source = arguments_.files[i];
+      // A file URL names a local path: "file://" goes, as the SDK strips it too.
+      if (upload.source.rfind("file://", 0) == 0) upload.source.erase(0, 7);
+      upload.type = arguments_.type.empty() ? Nembra::mediaTypeForPath(upload.source)
+                                            : typeCode(arguments_.type);
+      upload.line = board_.add(fs::path(upload.source).filename().string());
+      std::error_code ec;
+      if (upload.type == 0) {
+        upload.error = "cannot tell the media type from the extension; give --type";
+      } else if (!fs::is_regular_file(upload.source, ec)) {
+        upload.error = fs::exists(upload.source, ec) ? "not a regular file" : "no such file";
+      } else if (arguments_.removeSource) {
+        upload.handed = upload.source;
+      } else {
+        upload.handed = handOverPath(upload.source, i);
+        upload.error = handOver(upload.source, upload.handed);
+      }
+      if (!upload.error.empty()) {
+        upload.ended = true;
+        board_.finish(upload.line, "failed");
+      }
+      uploads_.push_back(std::move(upload));
+    }
+  }
+
+  FileUpload* find(const std::string& handed) {
+    for (FileUpload& upload : uploads_) {
+      if (upload.handed == handed && !upload.ended) return &upload;
+    }
+    return nullptr;
+  }
+
+  void end(FileUpload& upload, const std::string& error) {
+    if (upload.ended) return;
+    upload.ended = true;
+    upload.error = error;
+    board_.finish(upload.line, error.empty() ? "done" : "failed");
+    // A file the service never confirmed is the SDK's no longer: the link goes, the source stays.
+    if (!error.empty() && !arguments_.removeSource && !upload.handed.empty() &&
+        !nembra_.uploadingHandler().isUploading(upload.handed) && !keptForResume(upload)) {
+      std::error_code ec;
+      fs::remove(upload.handed, ec);
+    }
+  }
+
+  // A transfer failed with "continue" keeps its file and record for `nembra upload --resume`.
+  bool keptForResume(const FileUpload& upload) {
+    for (const auto& record : nembra_.uploadingHandler().journal().load()) {
+      if (record.path == upload.handed) return true;
+    }
+    return false;
+  }
+
+  void begin(FileUpload& upload) {
+    upload.begun = true;
+    FileUpload* target = &upload;
+    nembra_.uploadingHandler().uploadWithType(
+        upload.type, upload.handed, data_,
+        [this, target](const std::optional<Json>&, const HttpResponse&, const OptionalError& e) {
+          if (e) end(*target, e->message);
+        },
+        [this, target](int64_t sent, int64_t expected) {
+          board_.update(target->line, sent, expected);
+        },
+        [this, target](const std::optional<Json>&, const HttpResponse&, const OptionalError& e) {
+          end(*target, e ? "the service did not confirm the upload: " + e->message : "");
+        });
+  }
+
+  void installDelegate() {
+    delegate_ = std::make_shared<NembraUploadingDelegate>();
+    delegate_->uploadStartedWithPath = [this](const std::string& path, const std::string& token,
+                                              const std::string&, std::shared_ptr<HttpTask>) {
+      if (FileUpload* upload = find(path)) {
+        upload->token = token;
+      } else if (arguments_.resume) {
+        trackResumed(path).token = token;
+      }
+    };
+    delegate_->uploadProgressWithPath = [this](const std::string& path, const std::string&,
+                                               const std::string&, int64_t sent, int64_t expected) {
+      if (arguments_.resume) {
+        if (FileUpload* upload = find(path)) board_.update(upload->line, sent, expected);
+      }
+    };
+    delegate_->uploadVerifiedWithPath =
+        [this](const std::string& path, const std::string& token, const std::string&,
+               const HttpResponse&, const OptionalError& error, const std::optional<Json>&) {
+          if (!arguments_.resume) return;
+          FileUpload& upload = find(path) ? *find(path) : trackResumed(path);
+          upload.token = token;
+          end(upload, error ? "the service did not confirm the upload: " + error->message : "");
+        };
+    // Names no file: whichever upload the handler no longer runs is the one that failed.
+    delegate_->errorWithInfo = [this](const std::optional<Json>&, const Error& error,
+                                      int32_t action) {
+      for (FileUpload& upload : uploads_) {
+        if (!upload.begun || upload.ended) continue;
+        if (!nembra_.uploadingHandler().isUploading(upload.handed)) {
+          std::string message = error.message;
+          if (action == UPLOADING_ERROR_ACTION_CONTINUE_UPLOADING_MEDIA && keptForResume(upload)) {
+            message += " (kept: `nembra upload --resume` tries again)";
+          }
+          end(upload, message);
+          notified_ = action == UPLOADING_ERROR_ACTION_ERROR_NOTIFICATION;
+        }
+      }
+    };
+    delegate_->errorWithError = [this](const Error& error) {
+      if (arguments_.resume) resumeErrors_.push_back(error.message);
+    };
+    nembra_.setUploadingDelegate(delegate_);
+  }
+
+  FileUpload& trackResumed(const std::string& path) {
+    if (FileUpload* upload = find(path)) return *upload;
+    FileUpload upload;
+    upload.source = path;
+    upload.handed = path;
+    upload.begun = true;
+    upload.line = board_.add(fs::path(path).filename().string());
+    uploads_.push_back(std::move(upload));
+    return uploads_.back();
+  }
+
+  int resume() {
+    size_t restarted = nembra_.resumeUnfinishedUploads();
+    if (restarted == 0) {
+      std::cerr << "nembra upload: no unfinished uploads for application \"" << nembra_.token()
+                << "\"\n";
+      return 0;
+    }
+    std::cerr << "nembra upload: restarting " << restarted << " unfinished upload(s)\n";
+    MainQueue& main = nembra_.mainQueue();
+    while (nembra_.uploadingHandler().activeUploadCount() > 0) {
+      main.runUntil([] { return false; }, std::chrono::milliseconds(100));
+      board_.draw();
+    }
+    main.runUntilIdle();
+    for (const std::string& error : resumeErrors_) {
+      std::cerr << "nembra upload: " << error << "\n";
+    }
+    int code = report();
+    size_t confirmed = static_cast<size_t>(
+        std::count_if(uploads_.begin(), uploads_.end(),
+                      [](const FileUpload& u) { return u.ended && u.error.empty(); }));
+    return confirmed == restarted && code == 0 ? 0 : 1;
+  }
+
+  int report() {
+    if (notified_) {
+      // The failure notification is delivered a second after it is posted.
+      nembra_.mainQueue().runUntil([] { return false; }, std::chrono::milliseconds(1300));
+    }
+    int failures = 0;
+    Json results = Json::array();
+    for (const FileUpload& upload : uploads_) {
+      if (!upload.error.empty()) {
+        ++failures;
+        std::cerr << "nembra upload: " << upload.source << ": " << upload.error << "\n";
+      } else if (!context_.options.json) {
+        std::cout << upload.token << "\t" << upload.source << "\n";
+      }
+      results.push_back({{"file", upload.source},
+                         {"type", mediaTypeName(upload.type)},
+                         {"token", upload.token},
+                         {"ok", upload.error.empty()},
+                         {"error", upload.error}});
+    }
+    if (context_.options.json) std::cout << results.dump(2) << "\n";
+    return failures == 0 ? 0 : 1;
+  }
+
+  CliContext& context_;
+  const UploadArguments& arguments_;
+  Nembra& nembra_;
+  ProgressBoard board_;
+  Json data_;
+  std::shared_ptr<NembraUploadingDelegate> delegate_;
+  // A deque: callbacks keep pointers to its elements while more are added.
+  std::deque<FileUpload> uploads_;
+  std::vector<std::string> resumeErrors_;
+  size_t ended_ = 0;
+  bool notified_ = false;
+};
+
+}  // namespace
+
+void registerUploadCommand(CLI::App& app, CliContext& context, int& exitCode) {
+  auto arguments = std::make_shared<UploadArguments>();
+  auto* command = app.add_subcommand(
+      "upload",
+      "Upload media files (upload URL, storage form, confirm) and print each media token.\n"
+      "Uploads a killed run left are finished by `nembra upload --resume`.");
+  command->add_option("FILE", arguments->files, "Files to upload");
+  command->add_option("--type", arguments->type, "Media type (default: from the extension)")
+      ->check(CLI::IsMember({"video", "audio", "image"}));
+  command->add_option("--extra", arguments->extra, "Extra request argument name=value")->take_all();
+  command->add_flag("--wifi-only", arguments->wifiOnly, "Hold transfers while only cellular is up");
+  command->add_option("--on-lost", arguments->onLost, "What a failed transfer does with its file")
+      ->check(CLI::IsMember({"continue", "reload", "notify", "delete"}))
+      ->capture_default_str();
+  command->add_option("--parallel", arguments->parallel, "Uploads at once")
+      ->check(CLI::Range(1, 1000))
+      ->capture_default_str();
+  command->add_flag("--remove-source", arguments->removeSource,
+                    "Hand the files themselves to the SDK, which deletes each once confirmed");
+  command->add_flag("--resume", arguments->resume,
+                    "Finish the uploads an earlier run with this token left unfinished");
+  command->callback([&context, &exitCode, arguments] {
+    UploadRun run(context, *arguments);
+    exitCode = run.run();
+  });
+}
+
+}  // namespace nembra
