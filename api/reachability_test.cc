@@ -46,7 +46,7 @@ TEST(ReachabilityTest, FlagStatusLineNamesEachBit) {
   EXPECT_EQ(Reachability::flagStatusLine(kIsWWAN | kReachable | kTransientConnection |
                                              kIsLocalAddress | kIsDirect,
                                          "networkStatusForFlags"),
-            "Reachability Flag Status: WR t-----ld networkStatusForFlags\n");
+            "Reachability Flag Status: WR t----ld networkStatusForFlags\n");
   EXPECT_EQ(Reachability::flagStatusLine(kConnectionRequired | kConnectionOnTraffic |
                                              kInterventionRequired | kConnectionOnDemand,
                                          "localWiFiStatusForFlags"),
@@ -145,7 +145,9 @@ TEST(ReachabilityTest, PostsOneNotificationPerStatusChangeOnTheMainQueue) {
   ASSERT_TRUE(internet->startNotifier());
 
   fake->change({loopback(), ethernet()});  // an address refresh: same status, no news
+  main.runUntilIdle();
   fake->change({loopback()});
+  main.runUntilIdle();
   fake->change({loopback(), modem()});
   main.runUntilIdle();
   EXPECT_EQ(statuses, (std::vector<int>{NotReachable, ReachableViaWWAN}));

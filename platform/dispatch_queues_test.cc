@@ -71,7 +71,7 @@ TEST(ConcurrentQueueTest, RunsTasksInParallelUnderTheLongNameSuffix) {
   }
   std::unique_lock lock(mutex);
   ASSERT_TRUE(cv.wait_for(lock, 5s, [&] { return waiting == 2; }));
-  EXPECT_EQ(names, std::set<std::string>{"nembraUploadQueue"});
+  EXPECT_EQ(names, std::set<std::string>{"mbraUploadQueue"});
 }
 
 TEST(MainQueueTest, RunUntilIdleRunsNestedPostsAndMarksItselfCurrent) {

@@ -210,6 +210,8 @@ void RTMPClient::OnStatus(std::shared_ptr<AMFValue> command, std::shared_ptr<AMF
   StreamLog::Write("status received: " + DumpAMF(command) + ", " + DumpAMF(info));
   const std::string code = StringProperty(info, "code");
   if (code == "NetStream.Publish.Start") {
+    // Servers confirm the unpublish sent at close like a publish; it starts nothing.
+    if (closed_.load()) return;
     publishing_.store(true);
     StreamLog::Write("publishing successfully started");
     if (publishStart_) publishStart_();
@@ -275,8 +277,7 @@ void RTMPClient::PutAudioVideo(const FLVFrame& frame) {
 }
 
 void RTMPClient::CloseImpl() {
-  if (closed_) return;
-  closed_ = true;
+  if (closed_.exchange(true)) return;
   StreamLog::Write("closing rtmp connection");
   if (publishing_.exchange(false)) {
     try {

@@ -105,7 +105,7 @@ class RTMPClient : public IReceiver<FLVFrame> {
   std::atomic<RemoteProcedureCaller*> callerForReplies_{nullptr};
   std::atomic<uint32_t> streamId_{0};
   std::atomic<bool> publishing_{false};
-  bool closed_ = false;
+  std::atomic<bool> closed_{false};
 };
 
 }  // namespace nembra

@@ -299,12 +299,15 @@ TEST_F(RTMPClientTest, CloseUnpublishesAndReportsStop) {
   client.Close();
   EXPECT_EQ(stops.load(), 1);
   EXPECT_FALSE(client.IsPublishing());
-  ASSERT_TRUE(server.WaitFor([](const std::vector<Message>& m) {
-    return !m.empty() && m.back().command == "publish" && m.back().values.size() > 3 &&
-           m.back().values[3]->Type() == AMFType::Boolean;
+  // Unpublishing repeats the publish command; the server's second confirmation, arriving while
+  // the client closes, must not make it publishing again.
+  ASSERT_TRUE(server.WaitFor([](const std::vector<Message>& messages) {
+    return std::count_if(messages.begin(), messages.end(),
+                         [](const Message& m) { return m.command == "publish"; }) == 2;
   }));
   EXPECT_EQ(server.Messages().back().channel, RTMPChannel::Publish);
   EXPECT_TRUE(server.WaitForClose());
+  EXPECT_FALSE(client.IsPublishing());
   client.Close();  // a second close does nothing
   EXPECT_EQ(stops.load(), 1);
 }
