@@ -17,6 +17,7 @@
 #include "api/nembra_videos.h"
 #include "cli/cli_context.h"
 #include "platform/file_system.h"
+#include "platform/media_log.h"
 #include "platform/media_sample_writer.h"
 
 namespace nembra {
@@ -212,6 +213,7 @@ class DemoRun {
   }
 
   bool roundTrip(int type) {
+    setMediaLogLevel(context_.options.debug ? MediaLogLevel::Info : MediaLogLevel::Errors);
     auto sample = makeSample(type);
     if (!sample) return false;
     // The SDK deletes the file once the service confirms it; its bytes are kept to compare.

@@ -22,6 +22,7 @@
 #include "api/video.h"
 #include "cli/cli_context.h"
 #include "platform/file_system.h"
+#include "platform/media_log.h"
 #include "platform/image_codec.h"
 
 namespace nembra {
@@ -294,6 +295,11 @@ class ResourceCommands {
   Endpoint& (Nembra::*endpoint_)();
 };
 
+// Decoding pictures: FFmpeg's own chatter only with --debug.
+void quietMedia(CliContext& context) {
+  setMediaLogLevel(context.options.debug ? MediaLogLevel::Info : MediaLogLevel::Errors);
+}
+
 // A file for an SDK flow that deletes what it uploads: a link to the user's file, or a copy.
 std::optional<std::string> handOver(const std::string& source, std::string& error) {
   std::error_code ec;
@@ -321,6 +327,7 @@ void registerVideoExtras(CLI::App& group, CliContext& context, int& exitCode,
   cover->add_option("--file", args->fromFile, "Grab the picture at 0 s of this local video");
   cover->add_option("-o,--output", args->output, "Where to save the JPEG")->required();
   cover->callback([&context, &exitCode, args] {
+    quietMedia(context);
     Nembra& nembra = context.nembra();
     std::atomic<bool> done = false;
     StillImagePtr picture;
@@ -368,6 +375,7 @@ void registerVideoExtras(CLI::App& group, CliContext& context, int& exitCode,
   create->add_option("--cover", args->cover, "A picture to use as the cover");
   create->add_option("--field", args->fields, "Video field name=value")->take_all();
   create->callback([&context, &exitCode, args] {
+    quietMedia(context);
     Nembra& nembra = context.nembra();
     std::string error;
     Json data = parseFields(args->fields, error);
@@ -460,6 +468,7 @@ void registerVideoExtras(CLI::App& group, CliContext& context, int& exitCode,
 }  // namespace
 
 void registerMediaCommands(CLI::App& app, CliContext& context, int& exitCode) {
+
   // Kept for the program's life: the subcommands' callbacks point into them.
   static ResourceCommands<Video, NembraVideos> videos(context, "videos", VIDEO, &Nembra::videos);
   static ResourceCommands<Audio, NembraAudios> audios(context, "audios", AUDIO, &Nembra::audios);

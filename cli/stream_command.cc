@@ -81,7 +81,7 @@ bool parseBitrate(const std::string& text, int& bitrate) {
   }
 }
 
-std::string clock(double seconds) {
+std::string minutesAndSeconds(double seconds) {
   char text[32];
   const int whole = static_cast<int>(seconds);
   std::snprintf(text, sizeof(text), "%02d:%02d.%d", whole / 60, whole % 60,
@@ -98,7 +98,7 @@ std::string statusLine(const LivePublisherStats& stats) {
   std::snprintf(text, sizeof(text),
                 "elapsed %s  media %s  frames %llu video / %llu audio  bitrate %.0f kbit/s  "
                 "queue %zu",
-                clock(stats.elapsed).c_str(), clock(stats.mediaTime).c_str(),
+                minutesAndSeconds(stats.elapsed).c_str(), minutesAndSeconds(stats.mediaTime).c_str(),
                 static_cast<unsigned long long>(stats.sent.videoFrames),
                 static_cast<unsigned long long>(stats.sent.audioFrames), kilobitsPerSecond(stats),
                 stats.queueDepth);
@@ -223,7 +223,7 @@ int runStream(const StreamOptions& options, CliContext& context) {
         interrupted ? "stopped after" : "published",
         static_cast<unsigned long long>(stats.sent.videoFrames),
         static_cast<unsigned long long>(stats.sent.audioFrames),
-        static_cast<unsigned long long>(stats.sent.bytes), clock(stats.mediaTime).c_str(),
+        static_cast<unsigned long long>(stats.sent.bytes), minutesAndSeconds(stats.mediaTime).c_str(),
         stats.elapsed, kilobitsPerSecond(stats));
   }
   std::fflush(stdout);

@@ -21,6 +21,7 @@
 #include "cli/cli_context.h"
 #include "cli/progress_board.h"
 #include "platform/file_system.h"
+#include "platform/media_log.h"
 
 namespace nembra {
 
@@ -89,6 +90,7 @@ class UploadRun {
         board_(stderr, ::isatty(fileno(stderr)) && !context.options.json) {}
 
   int run() {
+    setMediaLogLevel(context_.options.debug ? MediaLogLevel::Info : MediaLogLevel::Errors);
     UploadingConfig& config = nembra_.uploadingConfig();
     config.setShouldUseWifiOnly(arguments_.wifiOnly);
     config.setLostConnectionAction(actionCode(arguments_.onLost));

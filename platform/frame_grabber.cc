@@ -17,10 +17,12 @@ struct SwsFreer {
   void operator()(SwsContext* context) const { sws_freeContext(context); }
 };
 
+// Pictures are full-range YUV 4:2:0, the JPEG encoder's native form.
 AvFrame allocatePicture(int width, int height) {
   AvFrame picture(av_frame_alloc());
   if (!picture) return nullptr;
-  picture->format = AV_PIX_FMT_YUVJ420P;
+  picture->format = AV_PIX_FMT_YUV420P;
+  picture->color_range = AVCOL_RANGE_JPEG;
   picture->width = width;
   picture->height = height;
   if (av_frame_get_buffer(picture.get(), 0) < 0) return nullptr;
@@ -67,7 +69,7 @@ OptionalError encodeJpeg(const AVFrame& picture, int quality, std::vector<uint8_
   if (!encoder) return Error::internal("out of memory");
   encoder->width = picture.width;
   encoder->height = picture.height;
-  encoder->pix_fmt = AV_PIX_FMT_YUVJ420P;
+  encoder->pix_fmt = AV_PIX_FMT_YUV420P;
   encoder->color_range = AVCOL_RANGE_JPEG;
   encoder->time_base = AVRational{1, 25};
   encoder->flags |= AV_CODEC_FLAG_QSCALE;
@@ -125,10 +127,24 @@ class FfmpegFrameGrabber final : public FrameGrabber {
     int scaledWidth = sideways ? fitHeight : fitWidth;
     int scaledHeight = sideways ? fitWidth : fitHeight;
 
-    std::unique_ptr<SwsContext, SwsFreer> scaler(sws_getContext(
-        decoded->width, decoded->height, static_cast<AVPixelFormat>(decoded->format), scaledWidth,
-        scaledHeight, AV_PIX_FMT_YUVJ420P, SWS_BICUBIC, nullptr, nullptr, nullptr));
+    // The "J" formats are full-range YUV under a deprecated name; the scaler wants the range
+    // given apart.
+    auto format = static_cast<AVPixelFormat>(decoded->format);
+    bool fullRange = decoded->color_range == AVCOL_RANGE_JPEG;
+    if (format == AV_PIX_FMT_YUVJ420P || format == AV_PIX_FMT_YUVJ422P ||
+        format == AV_PIX_FMT_YUVJ444P) {
+      format = format == AV_PIX_FMT_YUVJ420P   ? AV_PIX_FMT_YUV420P
+               : format == AV_PIX_FMT_YUVJ422P ? AV_PIX_FMT_YUV422P
+                                               : AV_PIX_FMT_YUV444P;
+      fullRange = true;
+    }
+    std::unique_ptr<SwsContext, SwsFreer> scaler(
+        sws_getContext(decoded->width, decoded->height, format, scaledWidth, scaledHeight,
+                       AV_PIX_FMT_YUV420P, SWS_BICUBIC, nullptr, nullptr, nullptr));
     if (!scaler) return Error::media("cannot convert the picture's pixel format");
+    const int* coefficients = sws_getCoefficients(SWS_CS_DEFAULT);
+    sws_setColorspaceDetails(scaler.get(), coefficients, fullRange ? 1 : 0, coefficients, 1, 0,
+                             1 << 16, 1 << 16);
     AvFrame scaled = allocatePicture(scaledWidth, scaledHeight);
     if (!scaled) return Error::internal("out of memory");
     sws_scale(scaler.get(), decoded->data, decoded->linesize, 0, decoded->height, scaled->data,

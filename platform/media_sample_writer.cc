@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <fstream>
 
-#include "platform/frame_grabber.h"
 #include "platform/media_av_support.h"
 #include "platform/media_encode_sink.h"
 
@@ -99,38 +98,34 @@ OptionalError MediaSampleWriter::writeAudio(const std::string& path, double seco
 }
 
 OptionalError MediaSampleWriter::writePicture(const std::string& path, int width, int height) {
-  // The pattern's first picture, taken out of a one-picture video as a JPEG.
-  std::string video = path + ".source.mp4";
-  EncodeSettings settings;
-  settings.format = "mp4";
-  settings.width = width & ~1;
-  settings.height = height & ~1;
-  std::unique_ptr<MediaEncodeSink> sink;
-  OptionalError error = MediaEncodeSink::open(video, settings, sink);
+  const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_MJPEG);
+  if (!codec) return Error::media("this FFmpeg has no JPEG encoder");
   AvFrame picture(av_frame_alloc());
-  if (!error && !picture) error = Error::internal("out of memory");
-  if (!error) {
-    picture->format = AV_PIX_FMT_YUV420P;
-    picture->width = settings.width;
-    picture->height = settings.height;
-    if (av_frame_get_buffer(picture.get(), 0) < 0) error = Error::internal("out of memory");
-  }
-  if (!error) error = drawPattern(*picture, 0);
-  if (!error) error = sink->writePicture(*picture, 0);
-  if (!error) error = sink->finish();
-  GrabbedFrame frame;
-  if (!error) {
-    FrameGrabOptions options;
-    options.maxWidth = width;
-    options.maxHeight = height;
-    error = makeFfmpegFrameGrabber()->grab(video, options, frame);
-  }
-  sink.reset();
-  std::remove(video.c_str());
-  if (error) return error;
+  AvCodecContext encoder(avcodec_alloc_context3(codec));
+  AvPacket packet(av_packet_alloc());
+  if (!picture || !encoder || !packet) return Error::internal("out of memory");
+  picture->format = AV_PIX_FMT_YUVJ420P;
+  picture->width = width & ~1;
+  picture->height = height & ~1;
+  if (av_frame_get_buffer(picture.get(), 0) < 0) return Error::internal("out of memory");
+  if (auto error = drawPattern(*picture, 0)) return error;
+  encoder->width = picture->width;
+  encoder->height = picture->height;
+  encoder->pix_fmt = AV_PIX_FMT_YUVJ420P;
+  encoder->color_range = AVCOL_RANGE_JPEG;
+  encoder->time_base = AVRational{1, kFrameRate};
+  encoder->flags |= AV_CODEC_FLAG_QSCALE;
+  encoder->global_quality = FF_QP2LAMBDA * 3;
+  int rc = avcodec_open2(encoder.get(), codec, nullptr);
+  if (rc < 0) return Error::media("cannot open the JPEG encoder: " + avErrorText(rc));
+  picture->pts = 0;
+  picture->quality = encoder->global_quality;
+  rc = avcodec_send_frame(encoder.get(), picture.get());
+  if (rc >= 0) rc = avcodec_send_frame(encoder.get(), nullptr);
+  if (rc >= 0) rc = avcodec_receive_packet(encoder.get(), packet.get());
+  if (rc < 0) return Error::media("JPEG encoding failed: " + avErrorText(rc));
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(frame.jpeg.data()),
-            static_cast<std::streamsize>(frame.jpeg.size()));
+  out.write(reinterpret_cast<const char*>(packet->data), packet->size);
   out.close();
   if (!out) {
     std::remove(path.c_str());

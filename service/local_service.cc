@@ -1,6 +1,7 @@
 #include "service/local_service.h"
 
 #include <httplib.h>
+#include <sys/socket.h>
 
 #include <chrono>
 #include <cstdio>
@@ -150,7 +151,6 @@ void LocalService::installServer() {
   server.set_keep_alive_timeout(2);
   server.set_read_timeout(60);
   server.set_write_timeout(60);
-  server.set_tcp_nodelay(true);
 
   server.set_pre_routing_handler([this](const httplib::Request& request,
                                         httplib::Response& response) {
@@ -223,6 +223,14 @@ void LocalService::installServer() {
 OptionalError LocalService::start() {
   if (server_) return Error::invalidArgument("the service is already running");
   server_ = std::make_unique<httplib::Server>();
+  // The server library's default also sets SO_REUSEPORT, which lets a second service bind the
+  // same port and silently take half its connections. Only SO_REUSEADDR is wanted: a restart
+  // must not wait for the old connections' TIME_WAIT.
+  server_->set_socket_options([](socket_t socket) {
+    int yes = 1;
+    ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+  });
+  server_->set_tcp_nodelay(true);  // before binding: accepted sockets inherit it
   if (options_.port == 0) {
     port_ = server_->bind_to_any_port(options_.host);
   } else {

@@ -68,7 +68,17 @@ Result<std::string> RestRequest::readBody(uint64_t limit) const {
   auto tooLarge = [limit] {
     return Error::http(413, "the request body is larger than " + std::to_string(limit) + " bytes");
   };
-  if (auto length = declaredLength(); length && *length > limit) return tooLarge();
+  if (auto length = declaredLength(); length && *length > limit) {
+    // A modest excess is read and dropped, so the client gets to read the answer and keep its
+    // connection; a huge one ends the connection instead.
+    if (*length > kMaxDrainBytes) {
+      response.set_header("Connection", "close");
+      return tooLarge();
+    }
+    bool drained = (*reader)([](const char*, size_t) { return true; });
+    if (!drained) response.set_header("Connection", "close");
+    return tooLarge();
+  }
   bool overflow = false;
   bool read = (*reader)([&](const char* data, size_t size) {
     if (body.size() + size > limit) {
@@ -78,7 +88,10 @@ Result<std::string> RestRequest::readBody(uint64_t limit) const {
     body.append(data, size);
     return true;
   });
-  if (overflow) return tooLarge();
+  if (overflow) {
+    response.set_header("Connection", "close");
+    return tooLarge();
+  }
   if (!read) return Error::http(400, "the request body could not be read to its end");
   return body;
 }

@@ -27,6 +27,8 @@ struct RestRequest {
   // Where the server keeps a multipart body's Content-Type: the header is moved aside before
   // routing so that the server library leaves such bodies to the routes' own reader.
   static constexpr const char* kMultipartTypeHeader = "X-Nembra-Multipart-Type";
+  // Refused bodies up to this size are read to their end before the answer.
+  static constexpr uint64_t kMaxDrainBytes = 64ull << 20;
 
   // The body's Content-Type as the client sent it.
   std::string contentType() const;
@@ -41,8 +43,8 @@ struct RestRequest {
   // Whether a body follows the head: a Content-Length above 0 or a chunked transfer. A request
   // with neither has none, whatever its method.
   bool hasBody() const;
-  // The whole body, refused with 413 beyond |limit| bytes (before reading when the length is
-  // declared).
+  // The whole body, refused with 413 beyond |limit| bytes (before keeping any of it when the
+  // length is declared).
   Result<std::string> readBody(uint64_t limit) const;
   // Query parameters followed by the body's: a form body (application/x-www-form-urlencoded) or
   // a JSON object whose values become text. Other body types are refused with 415, malformed

@@ -42,6 +42,9 @@ class AACEncoder {
   bool isReady() const { return backend_ != nullptr; }
   const std::string& initializationError() const { return initializationError_; }
   const std::array<uint8_t, 2>& asc() const { return asc_; }
+  int sampleRate() const { return sampleRate_; }
+  int channels() const { return channels_; }
+  int bitrate() const { return bitrate_; }
 
   // The MPEG-4 sampling-frequency index of |sampleRate|, 15 for rates outside the table.
   static int getSampleRateIndex(int sampleRate);

@@ -19,6 +19,7 @@ constexpr uint8_t kProtocolVersion = 3;
 constexpr size_t kHandshakeSize = 1536;
 constexpr uint16_t kUserControlPingRequest = 6;
 constexpr uint16_t kUserControlPingResponse = 7;
+constexpr uint64_t kMaxChunkSize = 0x7FFFFFFF;  // the top bit of the field must be 0
 // Lets the unpublish reach the server before the socket goes.
 constexpr auto kClosePause = std::chrono::milliseconds(50);
 
@@ -181,6 +182,8 @@ void RTMPClient::DispatchPacket(RTMPPacket packet) {
     case RTMPPacketType::SetChunkSize: {
       const uint64_t size = reader.GetBits(32);
       StreamLog::Write("chunk size set: " + std::to_string(size));
+      // A chunk of nothing would never finish a message; such a server is not followed.
+      if (size == 0 || size > kMaxChunkSize) throw std::runtime_error("invalid chunk size");
       packetStream_->SetChunkSize(size);
       break;
     }

@@ -21,7 +21,8 @@ namespace nembra {
 // Threading: Connect, PutFrame and Close run on the owner's thread (the streamer's caller).
 // Replies, pings and the publish confirmation arrive on the packet stream's receiving thread,
 // where the callbacks run; set them before Connect. A callback must not call Close or destroy
-// the client. Failures are std::runtime_error with fixed messages.
+// the client. Failures are std::runtime_error with fixed messages; on the receiving thread they
+// end it (IsReceiving), a chunk size of 0 or above 2^31 - 1 with "invalid chunk size".
 class RTMPClient : public IReceiver<FLVFrame> {
  public:
   using ErrorCallback = std::function<void(const std::string& message)>;

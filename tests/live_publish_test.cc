@@ -25,7 +25,7 @@ namespace {
 using namespace std::chrono_literals;
 using nembra::testing::CommandResult;
 using nembra::testing::TempDir;
-using testing::HasSubstr;
+using ::testing::HasSubstr;
 
 constexpr const char* kRtmpModule = "/usr/lib/nginx/modules/ngx_rtmp_module.so";
 
@@ -179,7 +179,7 @@ TEST_F(NginxRtmpTest, FilePassesThroughIntoRecording) {
   ASSERT_EQ(streamed.exitCode, 0) << streamed.output;
   EXPECT_THAT(streamed.output, HasSubstr("published 150 video"));
   const Probe probe = ProbeRecording(Recording("file"));
-  EXPECT_THAT(probe.codecs, testing::UnorderedElementsAre("h264", "aac"));
+  EXPECT_THAT(probe.codecs, ::testing::UnorderedElementsAre("h264", "aac"));
   EXPECT_EQ(probe.width, 640);
   EXPECT_EQ(probe.height, 360);
   EXPECT_NEAR(probe.duration, 5.0, 0.5);
@@ -195,7 +195,7 @@ TEST_F(NginxRtmpTest, TestPatternIsEncodedIntoRecording) {
   ASSERT_EQ(streamed.exitCode, 0) << streamed.output;
   EXPECT_GE(wall, 4.5);  // paced in real time
   const Probe probe = ProbeRecording(Recording("pattern"));
-  EXPECT_THAT(probe.codecs, testing::UnorderedElementsAre("h264", "aac"));
+  EXPECT_THAT(probe.codecs, ::testing::UnorderedElementsAre("h264", "aac"));
   EXPECT_EQ(probe.width, 480);
   EXPECT_EQ(probe.height, 270);
   EXPECT_NEAR(probe.duration, 5.0, 0.5);
@@ -216,7 +216,7 @@ TEST_F(NginxRtmpTest, CtrlCClosesAndExitsCleanly) {
   EXPECT_EQ(*exitCode, 0) << nembra::testing::readFile(dir_.file("client.out.err"));
   EXPECT_THAT(nembra::testing::readFile(dir_.file("client.out")), HasSubstr("stopped after"));
   const Probe probe = ProbeRecording(Recording("stopped"));
-  EXPECT_THAT(probe.codecs, testing::UnorderedElementsAre("h264", "aac"));
+  EXPECT_THAT(probe.codecs, ::testing::UnorderedElementsAre("h264", "aac"));
   EXPECT_GT(probe.duration, 1.0);
 }
 
@@ -230,18 +230,18 @@ TEST(FfmpegListenTest, SecondServerRecordsPublishedFile) {
                                                 "-i", url, "-c", "copy", "-y", dir.file("out.flv")},
                                                dir.file("ffmpeg.out"));
   ASSERT_TRUE(server);
-  ASSERT_TRUE(WaitForListener(port, 10s));
-  // The probe connection above was taken as ffmpeg's one client; it needs a fresh listen.
-  server->wait(5s);
-  server = Start({*ffmpeg, "-v", "error", "-listen", "1", "-f", "flv", "-i", url, "-c", "copy",
-                  "-y", dir.file("out.flv")},
-                 dir.file("ffmpeg.out"));
-  std::this_thread::sleep_for(500ms);
-  const CommandResult streamed = Stream({url, "--source", clip, "--as-fast-as-possible"});
+  // ffmpeg serves exactly one client, so a probe connection would use it up: the publish itself
+  // is retried until ffmpeg listens.
+  CommandResult streamed;
+  for (int attempt = 0; attempt < 50; ++attempt) {
+    streamed = Stream({url, "--source", clip, "--as-fast-as-possible"});
+    if (streamed.output.find("can't connect socket") == std::string::npos) break;
+    std::this_thread::sleep_for(200ms);
+  }
   ASSERT_EQ(streamed.exitCode, 0) << streamed.output;
   ASSERT_TRUE(server->wait(10s).has_value()) << "ffmpeg did not finish";
   const Probe probe = ProbeRecording(dir.file("out.flv"));
-  EXPECT_THAT(probe.codecs, testing::UnorderedElementsAre("h264", "aac"));
+  EXPECT_THAT(probe.codecs, ::testing::UnorderedElementsAre("h264", "aac"));
   EXPECT_EQ(probe.width, 640);
   EXPECT_NEAR(probe.duration, 3.0, 0.3);
   ExpectDecodesCleanly(dir.file("out.flv"));
@@ -300,7 +300,7 @@ TEST_F(ScriptedServerTest, PingsAndLargerChunkSizeDoNotDisturbPublishing) {
           message.payload.size() > 5 && message.payload[0] == 0x17 && message.payload[1] == 0;
     }
   }
-  EXPECT_THAT(pongs, testing::ElementsAre(1000, 2000, 3000));
+  EXPECT_THAT(pongs, ::testing::ElementsAre(1000, 2000, 3000));
   EXPECT_GE(video, 55u);
   EXPECT_TRUE(sequenceHeader);
 }
