@@ -14,6 +14,8 @@
 #include "api/reachability.h"
 #include "platform/http_test_support.h"
 #include "platform/local_notifications.h"
+#include "platform/media_log.h"
+#include "platform/media_sample_writer.h"
 
 namespace nembra {
 namespace {
@@ -126,6 +128,7 @@ class Gate {
 class UploadingHandlerTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    setMediaLogLevel(MediaLogLevel::Errors);
     FileSystem::shared().setRoot(scratch_.path() + "/root");
     serve();
     server_.start();
@@ -813,6 +816,66 @@ TEST_F(UploadingHandlerTest, CoversAreFetchedOnceAndMustBePictures) {
   EXPECT_EQ(badError->kind, ErrorKind::Media);
   EXPECT_EQ(count("GET /v1/applications/app1/videos/v1/image"), 1u);
   EXPECT_FALSE(handler().thumbCache().objectForKey("bad"));
+}
+
+TEST_F(UploadingHandlerTest, ADownloadThatCannotBeWrittenLeavesNothing) {
+  // A cache root under a plain file: nothing can be created there.
+  std::string blocker = makeFile("blocker");
+  nembra_->cacheConfig().setCacheRoot(blocker + "/cache/");
+  OptionalError error;
+  bool answered = false;
+  handler().downloadWithType(VIDEO, "v1",
+                             [&](const std::optional<std::string>& path, const OptionalError& e) {
+                               EXPECT_FALSE(path);
+                               error = e;
+                               answered = true;
+                             });
+  ASSERT_TRUE(pumpUntil([&] { return answered; }));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->kind, ErrorKind::File) << error->message;
+  EXPECT_TRUE(fs::is_regular_file(blocker));
+}
+
+TEST_F(UploadingHandlerTest, ALocalCoverIsGrabbedOnceAtMost1920By1080) {
+  std::string video = scratch_.path() + "/wide.mp4";
+  ASSERT_FALSE(MediaSampleWriter::writeVideo(video, 0.5, 2560, 1440));
+  StillImagePtr first, second;
+  handler().getImageForVideoByPath(video, [&](StillImagePtr image, const OptionalError& error) {
+    EXPECT_FALSE(error);
+    first = image;
+  });
+  ASSERT_TRUE(pumpUntil([&] { return first != nullptr; }));
+  EXPECT_EQ(first->width, 1920);
+  EXPECT_EQ(first->height, 1080);
+  EXPECT_EQ(first->format, "jpeg");
+  // Found in the cache: answered at once, the same picture.
+  handler().getImageForVideoByPath(
+      video, [&](StillImagePtr image, const OptionalError&) { second = image; });
+  EXPECT_EQ(second, first);
+}
+
+TEST_F(UploadingHandlerTest, ConversionUploadsTheSmallMp4AndKeepsTheSource) {
+  std::string source = scratch_.path() + "/big.mov";
+  ASSERT_FALSE(MediaSampleWriter::writeVideo(source, 1.0, 1280, 720));
+  const auto sourceSize = fs::file_size(source);
+  auto outcome = std::make_shared<Outcome>();
+  handler().convertToMp4WithPath(
+      source, Json::object(), nullptr, nullptr,
+      [outcome](const std::optional<Json>&, const HttpResponse&, const OptionalError& e) {
+        ++outcome->confirms;
+        outcome->confirmError = e;
+      });
+  ASSERT_TRUE(pumpUntil([&] { return outcome->confirms == 1; }, milliseconds(60000)));
+  EXPECT_FALSE(outcome->confirmError);
+  std::string form;
+  for (const auto& request : server_.requests()) {
+    if (request.target.rfind("/storage", 0) == 0) form = request.body;
+  }
+  EXPECT_LT(form.size(), sourceSize);
+  EXPECT_LT(form.find("moov"), form.find("mdat")) << "the upload starts with its index";
+  EXPECT_TRUE(fs::exists(source));
+  EXPECT_FALSE(fs::exists(FileSystem::shared().documentsDirectory() + "/video.mp4"))
+      << "the converted file goes once confirmed";
 }
 
 }  // namespace

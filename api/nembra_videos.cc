@@ -130,8 +130,17 @@ NembraVideos::TaskHandle NembraVideos::update(const Video& video, VideoCallback 
 NembraVideos::TaskHandle NembraVideos::destroy(const std::string& token,
                                                const std::string& streamToken,
                                                JsonCallback callback) {
-  return application_.uploadingHandler().deleteWithType(VIDEO, token, streamToken,
-                                                        std::move(callback));
+  OptionalError refused = MediaToken::check(token, "video token");
+  if (!refused && !streamToken.empty()) refused = MediaToken::check(streamToken, "stream token");
+  if (refused) {
+    application_.mainQueue().async([callback, refused] {
+      if (callback) callback(std::nullopt, HttpResponse{}, refused);
+    });
+    return nullptr;
+  }
+  std::string path = "/" + token;
+  if (!streamToken.empty()) path += "/streams/" + streamToken;
+  return application_.connect().deleteJsonWithPath(baseUrl(path), nullptr, std::move(callback));
 }
 
 NembraVideos::TaskHandle NembraVideos::createEmptyVideoWithData(const Json& data,

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "api/cache_config.h"
+#include "api/media_type.h"
+#include "api/nembra.h"
 #include "api/upload_flow.h"
 
 namespace nembra {
@@ -72,6 +74,16 @@ TEST(UploadFlowTest, RefusesMovesTheTableDoesNotList) {
   EXPECT_FALSE(confirming.transit(UploadEvent::Cancel)) << "storage already holds the file";
   ASSERT_TRUE(confirming.transit(UploadEvent::Confirmed));
   EXPECT_FALSE(confirming.transit(UploadEvent::Confirmed));
+}
+
+TEST(UploadFromPathTest, TheLowerCasedExtensionPicksTheType) {
+  const std::pair<const char*, int> cases[] = {
+      {"/a/clip.MOV", VIDEO}, {"file:///a/b.avi", VIDEO}, {"x.mp4", VIDEO},
+      {"/a/song.Mp3", AUDIO}, {"b.wav", AUDIO},           {"c.aac", AUDIO},
+      {"/p/pic.JPEG", IMAGE}, {"d.png", IMAGE},           {"e.bmp", IMAGE},
+      {"f.jpg", IMAGE},       {"/a.mp4/notes.txt", 0},    {"/a/no-extension", 0},
+      {"/dir.jpg/", 0},       {"archive.mp4.gz", 0}};
+  for (const auto& [path, type] : cases) EXPECT_EQ(Nembra::mediaTypeForPath(path), type) << path;
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include "api/console_log.h"
 #include "api/nembra.h"
+#include "platform/media_log.h"
 
 namespace nembra {
 
@@ -24,6 +25,8 @@ Nembra& CliContext::nembra() {
   nembra_->setLogSink([](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); });
   // Helpers without an application object (file copies, reachability) print only on request.
   setConsoleLogEnabled(options.debug);
+  // FFmpeg's own chatter (encoder statistics) only with --debug; errors always.
+  setMediaLogLevel(options.debug ? MediaLogLevel::Info : MediaLogLevel::Errors);
   return *nembra_;
 }
 

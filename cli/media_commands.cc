@@ -22,8 +22,8 @@
 #include "api/video.h"
 #include "cli/cli_context.h"
 #include "platform/file_system.h"
-#include "platform/media_log.h"
 #include "platform/image_codec.h"
+#include "platform/media_log.h"
 
 namespace nembra {
 
@@ -385,13 +385,17 @@ void registerVideoExtras(CLI::App& group, CliContext& context, int& exitCode,
     }
     StillImagePtr cover;
     if (!args->cover.empty()) {
-      std::ifstream in(args->cover, std::ios::binary);
-      std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), {});
-      ImageInfo info;
-      if (!in.eof() || bytes.empty()) {
-        exitCode = fail("videos create", "cannot read the cover " + args->cover, 2);
+      OptionalError readError;
+      auto text = FileSystem::readFile(args->cover, &readError);
+      if (!text || text->empty()) {
+        exitCode = fail("videos create",
+                        "cannot read the cover " + args->cover +
+                            (readError ? ": " + readError->message : ": it is empty"),
+                        2);
         return;
       }
+      std::vector<uint8_t> bytes(text->begin(), text->end());
+      ImageInfo info;
       if (auto bad = makeFfmpegImageCodec()->inspect(bytes, info)) {
         exitCode = fail("videos create", args->cover + ": " + bad->message, 2);
         return;
@@ -468,7 +472,6 @@ void registerVideoExtras(CLI::App& group, CliContext& context, int& exitCode,
 }  // namespace
 
 void registerMediaCommands(CLI::App& app, CliContext& context, int& exitCode) {
-
   // Kept for the program's life: the subcommands' callbacks point into them.
   static ResourceCommands<Video, NembraVideos> videos(context, "videos", VIDEO, &Nembra::videos);
   static ResourceCommands<Audio, NembraAudios> audios(context, "audios", AUDIO, &Nembra::audios);

@@ -98,7 +98,8 @@ std::string statusLine(const LivePublisherStats& stats) {
   std::snprintf(text, sizeof(text),
                 "elapsed %s  media %s  frames %llu video / %llu audio  bitrate %.0f kbit/s  "
                 "queue %zu",
-                minutesAndSeconds(stats.elapsed).c_str(), minutesAndSeconds(stats.mediaTime).c_str(),
+                minutesAndSeconds(stats.elapsed).c_str(),
+                minutesAndSeconds(stats.mediaTime).c_str(),
                 static_cast<unsigned long long>(stats.sent.videoFrames),
                 static_cast<unsigned long long>(stats.sent.audioFrames), kilobitsPerSecond(stats),
                 stats.queueDepth);
@@ -189,7 +190,7 @@ int runStream(const StreamOptions& options, CliContext& context) {
   const auto plainInterval = std::chrono::seconds(1);
   while (!publisher.done()) {
     if (interruptSignal != 0) publisher.requestStop();
-    std::this_thread::sleep_for(kStatusInterval);
+    if (publisher.waitDone(kStatusInterval)) break;
     const auto now = std::chrono::steady_clock::now();
     if (terminal) {
       std::cout << "\r" << statusLine(publisher.stats()) << "\x1b[K" << std::flush;
@@ -223,8 +224,8 @@ int runStream(const StreamOptions& options, CliContext& context) {
         interrupted ? "stopped after" : "published",
         static_cast<unsigned long long>(stats.sent.videoFrames),
         static_cast<unsigned long long>(stats.sent.audioFrames),
-        static_cast<unsigned long long>(stats.sent.bytes), minutesAndSeconds(stats.mediaTime).c_str(),
-        stats.elapsed, kilobitsPerSecond(stats));
+        static_cast<unsigned long long>(stats.sent.bytes),
+        minutesAndSeconds(stats.mediaTime).c_str(), stats.elapsed, kilobitsPerSecond(stats));
   }
   std::fflush(stdout);
   if (!failure.empty()) {

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 
 #include "platform/frame_grabber.h"
 #include "platform/media_probe.h"
@@ -57,6 +58,10 @@ LocalService::LocalService(ServiceOptions options, Log log)
     };
   }
   dataDir_ = options_.dataDir.empty() ? defaultDataDirectory() : options_.dataDir;
+  // Absolute: the ingest's nginx reads paths relative to its own prefix, not to ours.
+  std::error_code ec;
+  auto absolute = std::filesystem::absolute(dataDir_, ec);
+  if (!ec) dataDir_ = absolute.lexically_normal().string();
 }
 
 LocalService::~LocalService() { stop(); }

@@ -124,8 +124,10 @@ void MediaRoutes::updateStream(RestRequest& request) {
   auto view = library_.updateStream(authed->auth.application, kind_, request.path(name_),
                                     request.path("stream"), authed->params);
   if (!view) return ServiceReply::error(request.response, view.error());
-  ServiceReply::json(request.response, 200,
-                     json_.stream(*view, *view->stream(request.path("stream"))));
+  const StreamRecord* stream = view->stream(request.path("stream"));
+  // Deleted by another request in between: gone, as far as this one can tell.
+  if (!stream) return ServiceReply::error(request.response, 404, "stream not found");
+  ServiceReply::json(request.response, 200, json_.stream(*view, *stream));
 }
 
 void MediaRoutes::destroyStream(RestRequest& request) {

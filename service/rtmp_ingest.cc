@@ -23,6 +23,16 @@ bool isExecutable(const fs::path& path) {
   return fs::is_regular_file(path, ec) && ::access(path.c_str(), X_OK) == 0;
 }
 
+// A path as an nginx configuration string: quoted, so spaces and ';' stay inside it.
+std::string quoted(const std::string& text) {
+  std::string out = "\"";
+  for (char c : text) {
+    if (c == '"' || c == '\\') out.push_back('\\');
+    out.push_back(c);
+  }
+  return out + "\"";
+}
+
 std::string tail(const std::string& path, size_t bytes) {
   std::ifstream in(path, std::ios::binary);
   std::stringstream text;
@@ -111,9 +121,9 @@ OptionalError RtmpIngest::start(const std::string& host, int port, const std::st
          << "daemon off;\n"
          << "master_process off;\n"
          << "worker_processes 1;\n"
-         << "error_log " << dir << "/logs/error.log info;\n"
-         << "pid " << pidFile << ";\n"
-         << "load_module " << *module << ";\n"
+         << "error_log " << quoted(dir + "/logs/error.log") << " info;\n"
+         << "pid " << quoted(pidFile) << ";\n"
+         << "load_module " << quoted(*module) << ";\n"
          << "events { worker_connections 1024; }\n"
          << "rtmp {\n"
          << "  server {\n"
@@ -124,7 +134,7 @@ OptionalError RtmpIngest::start(const std::string& host, int port, const std::st
          << "    application record {\n"
          << "      live on;\n"
          << "      record all;\n"
-         << "      record_path " << dir << "/records;\n"
+         << "      record_path " << quoted(dir + "/records") << ";\n"
          << "      record_unique on;\n"
          << "      record_suffix .flv;\n"
          << "      on_publish " << hooks << "/publish;\n"

@@ -202,8 +202,10 @@ void VideosRoutes::updateStream(RestRequest& request) {
   auto view = library_.updateStream(authed->auth.application, MediaKind::Video,
                                     request.path("video"), request.path("stream"), authed->params);
   if (!view) return ServiceReply::error(request.response, view.error());
-  ServiceReply::json(request.response, 200,
-                     json_.stream(*view, *view->stream(request.path("stream"))));
+  const StreamRecord* stream = view->stream(request.path("stream"));
+  // Deleted by another request in between: gone, as far as this one can tell.
+  if (!stream) return ServiceReply::error(request.response, 404, "stream not found");
+  ServiceReply::json(request.response, 200, json_.stream(*view, *stream));
 }
 
 void VideosRoutes::destroyStream(RestRequest& request) {

@@ -129,7 +129,9 @@ void LivePublisher::enqueue(Queued item) {
   changed_.wait(lock, [this] { return queue_.size() < options_.queueLimit || stopping(); });
   if (stopping()) return;
   queue_.push_back(std::move(item));
-  changed_.notify_all();
+  // Only the first item wakes the sender: it takes everything queued at once, so samples that
+  // come in quick succession cost no thread switch each.
+  if (queue_.size() == 1) changed_.notify_all();
 }
 
 bool LivePublisher::capture(MediaSourceItem& item) {
@@ -183,20 +185,18 @@ void LivePublisher::captureLoop() {
 
 void LivePublisher::sendLoop() {
   setCurrentThreadName("nembra.publish.send");
-  for (;;) {
-    Queued item;
+  std::deque<Queued> batch;
+  bool running = true;
+  while (running) {
     {
       std::unique_lock lock(mutex_);
       changed_.wait_for(lock, kSendPoll,
                         [this] { return !queue_.empty() || captureEnded_ || stopping(); });
-      if (stopping()) break;
-      if (queue_.empty()) {
-        if (captureEnded_) break;
-      } else {
-        item = std::move(queue_.front());
-        queue_.pop_front();
-        changed_.notify_all();
-      }
+      if (stopping() || (queue_.empty() && captureEnded_)) break;
+      const bool captureWaiting = queue_.size() >= options_.queueLimit;
+      batch.swap(queue_);
+      inFlight_ = batch.size();
+      if (captureWaiting) changed_.notify_all();
     }
     // The send path cannot see a lost peer; the receiving thread can.
     if (!streamer_->isReceiving()) {
@@ -204,28 +204,43 @@ void LivePublisher::sendLoop() {
       fail("connection lost: " + (reason.empty() ? std::string("receiver stopped") : reason));
       break;
     }
-    if (auto* video = std::get_if<EncodedVideoSample>(&item.sample)) {
-      if (!streamer_->putVideoSample(*video)) {
-        fail("can't send video");
-        break;
-      }
-      const double latency = std::chrono::duration<double>(Clock::now() - item.captured).count();
+    for (; !batch.empty() && running; batch.pop_front()) {
+      running = send(batch.front()) && !stopping();
       std::lock_guard lock(mutex_);
-      latencies_.push_back(latency);
-      mediaTime_ = std::max(mediaTime_, video->pts);
-    } else if (auto* audio = std::get_if<EncodedAudioSample>(&item.sample)) {
-      if (!streamer_->putAudioSample(audio->data, audio->asc, audio->pts)) {
-        fail("can't send audio");
-        break;
-      }
-      std::lock_guard lock(mutex_);
-      mediaTime_ = std::max(mediaTime_, audio->pts);
+      --inFlight_;
     }
   }
   std::lock_guard lock(mutex_);
   queue_.clear();
+  inFlight_ = 0;
   done_.store(true);
   changed_.notify_all();
+}
+
+bool LivePublisher::send(Queued& item) {
+  if (auto* video = std::get_if<EncodedVideoSample>(&item.sample)) {
+    if (!streamer_->putVideoSample(*video)) {
+      fail("can't send video");
+      return false;
+    }
+    const double latency = std::chrono::duration<double>(Clock::now() - item.captured).count();
+    std::lock_guard lock(mutex_);
+    latencies_.push_back(latency);
+    mediaTime_ = std::max(mediaTime_, video->pts);
+  } else if (auto* audio = std::get_if<EncodedAudioSample>(&item.sample)) {
+    if (!streamer_->putAudioSample(audio->data, audio->asc, audio->pts)) {
+      fail("can't send audio");
+      return false;
+    }
+    std::lock_guard lock(mutex_);
+    mediaTime_ = std::max(mediaTime_, audio->pts);
+  }
+  return true;
+}
+
+bool LivePublisher::waitDone(std::chrono::milliseconds timeout) const {
+  std::unique_lock lock(mutex_);
+  return changed_.wait_for(lock, timeout, [this] { return done_.load(); });
 }
 
 void LivePublisher::finish() {
@@ -249,7 +264,7 @@ LivePublisherStats LivePublisher::stats() const {
   std::lock_guard lock(mutex_);
   if (startedAt_) stats.elapsed = std::chrono::duration<double>(Clock::now() - *startedAt_).count();
   stats.mediaTime = mediaTime_;
-  stats.queueDepth = queue_.size();
+  stats.queueDepth = queue_.size() + inFlight_;
   if (streamer_) stats.sent = streamer_->counters();
   return stats;
 }

@@ -67,6 +67,8 @@ class LivePublisher {
   // True once the stream has ended by itself (source ended, duration reached), failed or was
   // stopped, and the sender is idle.
   bool done() const { return done_.load(); }
+  // Waits up to |timeout| for done(); returns it.
+  bool waitDone(std::chrono::milliseconds timeout) const;
   // Why the stream failed: a server error, the connection lost (with the receiver's message),
   // a source or encoder failure. Empty while fine and after a requested stop.
   std::string failure() const;
@@ -91,6 +93,8 @@ class LivePublisher {
 
   void captureLoop();
   void sendLoop();
+  // False when the sample could not be sent (the failure is recorded).
+  bool send(Queued& item);
   // False once the item is past the duration or a stop came while pacing.
   bool capture(MediaSourceItem& item);
   void enqueue(Queued item);
@@ -107,8 +111,9 @@ class LivePublisher {
   Clock::time_point captureTime_;  // capture thread: when the item being encoded was due
 
   mutable std::mutex mutex_;
-  std::condition_variable changed_;
+  mutable std::condition_variable changed_;
   std::deque<Queued> queue_;       // guarded by mutex_
+  size_t inFlight_ = 0;            // taken by the sender, not sent yet; guarded by mutex_
   bool captureEnded_ = false;      // guarded by mutex_
   bool publishStarted_ = false;    // guarded by mutex_
   std::string failure_;            // guarded by mutex_

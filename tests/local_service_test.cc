@@ -76,7 +76,7 @@ class LocalServiceTest : public ::testing::Test {
     service_.reset();
     options.port = 0;
     options.rtmpPort = options.rtmpPort == 1935 ? 0 : options.rtmpPort;
-    options.dataDir = data_.path();
+    if (options.dataDir.empty()) options.dataDir = data_.path();
     service_ = std::make_unique<LocalService>(options, [this](const std::string& line) {
       std::lock_guard lock(logMutex_);
       log_ += line + "\n";
@@ -713,6 +713,8 @@ TEST_F(LocalServiceTest, LivePublishIsRecordedAndBecomesTheVideosFile) {
   }
   ServiceOptions options;
   options.rtmpPort = testing::freeTcpPort();
+  // nginx gets its paths from a configuration file: they must survive a space.
+  options.dataDir = data_.path() + "/with space";
   startService(options);
   ASSERT_EQ(service_->rtmpPort(), options.rtmpPort) << logText();
 

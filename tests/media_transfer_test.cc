@@ -20,7 +20,9 @@
 #include "api/nembra_videos.h"
 #include "api/reachability.h"
 #include "platform/child_process.h"
+#include "platform/media_log.h"
 #include "platform/media_sample_writer.h"
+#include "platform/media_test_files.h"
 #include "tests/test_support.h"
 
 namespace nembra {
@@ -34,6 +36,11 @@ using testing::ServeProcess;
 using testing::TempDir;
 
 constexpr const char* kApp = "app1";
+// The encoders' own chatter would bury the test output.
+[[maybe_unused]] const bool kQuietMedia = [] {
+  setMediaLogLevel(MediaLogLevel::Errors);
+  return true;
+}();
 
 std::unique_ptr<ServeProcess> startService(const std::string& dataDir,
                                            std::vector<std::string> extraArgs = {}) {
@@ -50,6 +57,22 @@ std::unique_ptr<ServeProcess> startService(const std::string& dataDir,
 void writeBytes(const std::string& path, size_t size) {
   std::ofstream out(path, std::ios::binary);
   for (size_t i = 0; i < size; ++i) out.put(static_cast<char>((i * 131 + i / 7) % 251));
+}
+
+// A playable video of about 3.5 MB per second: noise does not compress, so a throttled service
+// takes a while to receive it.
+std::string noisyVideo(testing::MediaTestFiles& files, const std::string& name, double seconds) {
+  return files.make(
+      name, {"-f",       "lavfi",
+             "-i",       "testsrc2=size=320x240:rate=25:duration=" + std::to_string(seconds),
+             "-f",       "lavfi",
+             "-i",       "sine=duration=" + std::to_string(seconds),
+             "-vf",      "noise=alls=60:allf=t",
+             "-c:v",     "libx264",
+             "-preset",  "ultrafast",
+             "-pix_fmt", "yuv420p",
+             "-qp",      "0",
+             "-c:a",     "aac"});
 }
 
 struct NetworkSource : NetworkInterfaceSource {
@@ -291,12 +314,14 @@ INSTANTIATE_TEST_SUITE_P(
 // ---- Reachability -----------------------------------------------------------------------
 
 TEST(ReachabilityTransferTest, ANetworkLossHoldsTheTransferUntilItReturns) {
+  if (!testing::MediaTestFiles::haveFfmpeg()) GTEST_SKIP() << "ffmpeg is not installed";
   TempDir scratch;
-  // 1.5 MB at 300 kB/s: about five seconds of transfer to interrupt.
+  testing::MediaTestFiles media;
+  // About 1.7 MB at 300 kB/s: several seconds of transfer to interrupt.
   auto service = startService(scratch.file("data"), {"--throttle", "300000"});
   ASSERT_TRUE(service);
-  std::string file = scratch.file("slow.mp4");
-  writeBytes(file, 1500000);
+  std::string file = noisyVideo(media, "slow.mp4", 0.5);
+  ASSERT_FALSE(file.empty());
   const std::string original = readFile(file);
   Sdk sdk(scratch.file("home"), service->baseUrl());
   sdk.nembra().uploadingHandler().uploadWithType(VIDEO, file, Json::object());
@@ -321,11 +346,15 @@ TEST(ReachabilityTransferTest, ANetworkLossHoldsTheTransferUntilItReturns) {
 // ---- Surviving the process --------------------------------------------------------------
 
 TEST(ResumeTest, AnUploadKilledMidTransferIsFinishedByALaterRun) {
+  if (!testing::MediaTestFiles::haveFfmpeg()) GTEST_SKIP() << "ffmpeg is not installed";
   TempDir scratch;
+  testing::MediaTestFiles media;
   auto service = startService(scratch.file("data"), {"--throttle", "400000"});
   ASSERT_TRUE(service);
   std::string file = scratch.file("long take.mp4");
-  writeBytes(file, 2000000);
+  std::string made = noisyVideo(media, "take.mp4", 0.5);
+  ASSERT_FALSE(made.empty());
+  fs::copy_file(made, file);
   const std::string original = readFile(file);
   const std::string home = scratch.file("home");
   const std::vector<std::string> environment = {"NEMBRA_HOME=" + home};
