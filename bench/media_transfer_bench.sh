@@ -42,8 +42,14 @@ mapfile -t FORM < <(curl_form)
 URL=${FORM[-1]#URL=}
 unset 'FORM[-1]'
 curl_wall=$(wall curl -s -o /dev/null "${FORM[@]}" -F "file=@$WORK/big.mp4;type=video/mp4" "$URL")
+# Random bytes are not playable: the service stores them, then turns the confirm down, which
+# costs it one probe. The transfer is what is measured.
 /usr/bin/time -v -o "$WORK/time.txt" "$NEMBRA" --server "$SERVER" --token "$APP" upload \
-  "$WORK/big.mp4" >"$WORK/upload.out" 2>"$WORK/upload.err"
+  "$WORK/big.mp4" >"$WORK/upload.out" 2>"$WORK/upload.err" || true
+if ! grep -q "answered HTTP 422" "$WORK/upload.err" && ! [ -s "$WORK/upload.out" ]; then
+  cat "$WORK/upload.err" >&2
+  exit 1
+fi
 nembra_wall=$(awk -F': ' '/Elapsed \(wall clock\)/ {n=split($2,t,":"); s=0; for(i=1;i<=n;i++) s=s*60+t[i]; print s}' "$WORK/time.txt")
 rss_kb=$(awk -F': ' '/Maximum resident set size/ {print $2}' "$WORK/time.txt")
 printf "curl:   %.2f s\nnembra: %.2f s (%.2fx curl), peak RSS %d MB\n" "$curl_wall" "$nembra_wall" \
@@ -65,10 +71,10 @@ curl_many() {
   wait
 }
 curl_wall=$(wall curl_many)
-nembra_many() { cli upload --parallel 100 "$WORK"/small/*.mp4 >"$WORK/many.out" 2>&1; }
+nembra_many() { cli upload --parallel 100 "$WORK"/small/*.mp4 >"$WORK/many.out" 2>&1 || true; }
 nembra_wall=$(wall nembra_many)
 printf "curl (storage posts only): %.2f s\nnembra (upload URL, storage post, confirm): %.2f s\n" \
   "$curl_wall" "$nembra_wall"
 
 echo "== trimCacheWithType over 100,000 files"
-"$BUILD/media_transfer_bench" --benchmark_filter=100000 2>/dev/null | grep -E "^BM_"
+"$BUILD/bench/media_transfer_bench" --benchmark_filter=100000 2>/dev/null | grep -E "^BM_"
