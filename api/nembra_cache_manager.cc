@@ -8,7 +8,6 @@
 #include "api/media_token.h"
 #include "api/media_type.h"
 #include "api/nembra.h"
-#include "api/utils.h"
 
 namespace nembra {
 
@@ -92,6 +91,7 @@ void NembraCacheManager::trimCache(const std::string& extension, const std::stri
   struct Entry {
     std::string path;
     std::chrono::system_clock::time_point created;
+    uint64_t size;
   };
   const std::string suffix = "." + extension;
   std::vector<Entry> entries;
@@ -100,10 +100,14 @@ void NembraCacheManager::trimCache(const std::string& extension, const std::stri
   if (ec) return;
   const auto epoch = std::chrono::system_clock::time_point{};
   for (; it != std::filesystem::directory_iterator(); it.increment(ec)) {
-    std::string name = it->path().filename().string();
-    if (!endsWith(name, suffix)) continue;
-    std::string path = it->path().string();
-    entries.push_back({path, getFileCreationDateWithDefaultDate(path, epoch)});
+    // The whole path ends as its name does: no need to split the name off. A directory is never
+    // a cached file (its type comes with the listing, at no cost).
+    const std::string& path = it->path().native();
+    std::error_code typeError;
+    if (!endsWith(path, suffix) || it->is_directory(typeError)) continue;
+    // One look at each file: a directory of many files is trimmed in well under a second.
+    auto facts = FileSystem::sizeAndCreationDate(path);
+    entries.push_back({path, facts ? facts->created : epoch, facts ? facts->size : 0});
   }
   if (ec) return;
   std::stable_sort(entries.begin(), entries.end(),
@@ -111,11 +115,16 @@ void NembraCacheManager::trimCache(const std::string& extension, const std::stri
 
   const int64_t limit = application_.cacheConfig().maxCacheSize();
   application_.log("maxCacheSize: " + std::to_string(limit));
-  // Unsigned: sizes are never negative, and a negative limit then keeps nothing.
+  // A negative limit keeps nothing.
   uint64_t total = 0;
+  bool crossed = limit < 0;
   for (const Entry& entry : entries) {
-    total += getFileSize(entry.path);
-    if (limit < 0 || total > static_cast<uint64_t>(limit)) removeFile(entry.path);
+    // Once the limit is crossed every older file goes, whatever its size.
+    if (!crossed) {
+      total += entry.size;
+      crossed = total > static_cast<uint64_t>(limit);
+    }
+    if (crossed) FileSystem::removeItem(entry.path);
   }
 }
 

@@ -44,7 +44,7 @@ class NembraCacheManager {
   // than CacheConfig's limit, and deletes the rest: the file whose size crosses the limit goes
   // with every older one. Files of other extensions are neither counted nor deleted. A file whose
   // creation date cannot be read counts as created at the epoch, an unreadable size as 0. A
-  // directory that cannot be listed is left alone.
+  // directory that cannot be listed is left alone; directories in it are not cache files.
   void trimCache(const std::string& extension, const std::string& directory);
 
   bool fileExists(const std::string& path);

@@ -5,6 +5,7 @@ set(NEMBRA_WARNINGS -Wall -Wextra -Wpedantic)
 if(NEMBRA_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
   add_link_options(-fsanitize=address,undefined)
+  set(NEMBRA_TEST_ENVIRONMENT "UBSAN_OPTIONS=print_stacktrace=1")
 endif()
 
 # Collects the sources of a module directory: every .cc except tests and fuzzers.
@@ -42,8 +43,8 @@ function(nembra_unit_tests name)
   target_compile_options(${name} PRIVATE ${NEMBRA_WARNINGS})
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name}
-    DISCOVERY_MODE PRE_TEST
-    PROPERTIES LABELS unit TIMEOUT 120)
+    DISCOVERY_MODE PRE_TEST NO_PRETTY_VALUES
+    PROPERTIES LABELS unit TIMEOUT 120 ENVIRONMENT "${NEMBRA_TEST_ENVIRONMENT}")
 endfunction()
 
 # nembra_fuzzer(NAME SOURCE src DEPS dep... CORPUS dir) builds a fuzz target. With NEMBRA_FUZZ it
@@ -58,7 +59,8 @@ function(nembra_fuzzer name)
   else()
     add_executable(${name} ${ARG_SOURCE} ${PROJECT_SOURCE_DIR}/fuzz/replay_main.cc)
     add_test(NAME ${name}_corpus COMMAND ${name} ${ARG_CORPUS})
-    set_tests_properties(${name}_corpus PROPERTIES LABELS fuzz TIMEOUT 120)
+    set_tests_properties(${name}_corpus PROPERTIES LABELS fuzz TIMEOUT 120
+                         ENVIRONMENT "${NEMBRA_TEST_ENVIRONMENT}")
   endif()
   target_link_libraries(${name} PRIVATE ${ARG_DEPS})
 endfunction()
@@ -71,7 +73,7 @@ function(nembra_integration_test name)
   target_compile_options(${name} PRIVATE ${NEMBRA_WARNINGS})
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name}
-    DISCOVERY_MODE PRE_TEST
+    DISCOVERY_MODE PRE_TEST NO_PRETTY_VALUES
     PROPERTIES LABELS integration TIMEOUT 300
     WORKING_DIRECTORY ${PROJECT_BINARY_DIR})
 endfunction()

@@ -282,6 +282,20 @@ std::optional<FileSystem::TimePoint> FileSystem::creationDate(const std::string&
   return TimePoint(std::chrono::duration_cast<TimePoint::duration>(since));
 }
 
+std::optional<FileSystem::SizeAndCreation> FileSystem::sizeAndCreationDate(const std::string& path,
+                                                                           OptionalError* error) {
+  struct statx stx {};
+  if (::statx(AT_FDCWD, path.c_str(), AT_STATX_SYNC_AS_STAT, STATX_BTIME | STATX_MTIME | STATX_SIZE,
+              &stx) != 0) {
+    store(error, fileError("cannot read the attributes of " + path, errno));
+    return std::nullopt;
+  }
+  const statx_timestamp& ts = (stx.stx_mask & STATX_BTIME) ? stx.stx_btime : stx.stx_mtime;
+  auto since = std::chrono::seconds(ts.tv_sec) + std::chrono::nanoseconds(ts.tv_nsec);
+  return SizeAndCreation{static_cast<uint64_t>(stx.stx_size),
+                         TimePoint(std::chrono::duration_cast<TimePoint::duration>(since))};
+}
+
 std::optional<std::string> FileSystem::readFile(const std::string& path, OptionalError* error) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {

@@ -60,6 +60,13 @@ class FileSystem {
   // The birth time where the file system records one, else the last modification time.
   static std::optional<TimePoint> creationDate(const std::string& path,
                                                OptionalError* error = nullptr);
+  // Size and creationDate in one look at the file, for callers that go through many files.
+  struct SizeAndCreation {
+    uint64_t size = 0;
+    TimePoint created;
+  };
+  static std::optional<SizeAndCreation> sizeAndCreationDate(const std::string& path,
+                                                            OptionalError* error = nullptr);
   static std::optional<std::string> readFile(const std::string& path,
                                              OptionalError* error = nullptr);
   // Replaces |path| with |contents| so that a reader, or the file after a crash, holds either

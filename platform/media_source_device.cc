@@ -1,5 +1,6 @@
 #include "platform/media_source_device.h"
 
+#include <algorithm>
 #include <mutex>
 #include <thread>
 
@@ -46,12 +47,15 @@ std::unique_ptr<MediaSourceDevice> MediaSourceDevice::openTestPattern(int width,
     error = Error::invalidArgument("test pattern needs a positive size and frame rate");
     return nullptr;
   }
-  // Two outputs of one graph: out0 the pictures, out1 a tone that beeps once a second, so that
-  // audio and video drift would be visible in a recording.
-  const std::string graph = "testsrc2=size=" + std::to_string(width) + "x" +
-                            std::to_string(height) + ":rate=" + std::to_string(fps) +
-                            "[out0];sine=frequency=440:beep_factor=4:sample_rate=44100[out1]";
-  error = source->addInput("lavfi", graph, {}, false, false);
+  // Pictures and a tone that beeps once a second, so that audio and video drift would be visible
+  // in a recording. Two graphs rather than one with two outputs: FFmpeg's lavfi input leaks the
+  // frames it peeked at when a multi-output graph is closed.
+  const std::string pictures = "testsrc2=size=" + std::to_string(width) + "x" +
+                               std::to_string(height) + ":rate=" + std::to_string(fps);
+  error = source->addInput("lavfi", pictures, {}, false, false);
+  if (!error)
+    error = source->addInput("lavfi", "sine=frequency=440:beep_factor=4:sample_rate=44100", {},
+                             false, false);
   if (error) return nullptr;
   source->describe();
   source->info_.description = "lavfi testsrc2+sine";
@@ -190,9 +194,25 @@ int MediaSourceDevice::pump(Input& input) {
           stamp(input, decoder.context, frame->best_effort_timestamp, decoder.streamIndex);
       pending_.emplace_back(decoder.video ? RawMediaFrame::Kind::Video : RawMediaFrame::Kind::Audio,
                             frame, pts);
+      input.lastPts = pts;
     }
   }
   return 0;
+}
+
+MediaSourceDevice::Input& MediaSourceDevice::nextInput() {
+  const bool mediaTimed = std::none_of(inputs_.begin(), inputs_.end(),
+                                       [](const Input& input) { return input.stampOnArrival; });
+  if (mediaTimed) {
+    Input* behind = nullptr;
+    for (Input& input : inputs_) {
+      if (!input.ended && (!behind || input.lastPts < behind->lastPts)) behind = &input;
+    }
+    if (behind) return *behind;
+  }
+  Input& input = inputs_[nextInput_];
+  nextInput_ = (nextInput_ + 1) % inputs_.size();
+  return input;
 }
 
 bool MediaSourceDevice::read(MediaSourceItem& item, OptionalError& error) {
@@ -210,8 +230,7 @@ bool MediaSourceDevice::read(MediaSourceItem& item, OptionalError& error) {
     bool anyOpen = false;
     bool anyProgress = false;
     for (size_t n = 0; n < inputs_.size() && pending_.empty(); ++n) {
-      Input& input = inputs_[nextInput_];
-      nextInput_ = (nextInput_ + 1) % inputs_.size();
+      Input& input = nextInput();
       if (input.ended) continue;
       anyOpen = true;
       const int rc = pump(input);

@@ -50,6 +50,7 @@ class MediaSourceDevice final : public MediaSource {
     std::vector<Decoder> decoders;
     bool stampOnArrival = false;
     bool ended = false;
+    double lastPts = 0;  // of the newest item it delivered
   };
 
   MediaSourceDevice();
@@ -62,6 +63,9 @@ class MediaSourceDevice final : public MediaSource {
   double stamp(const Input& input, const AVCodecContext* context, int64_t timestamp,
                int streamIndex) const;
   void describe();
+  // The input to read next: the one furthest behind in media time when every input is timed by
+  // its own media clock (so that audio and pictures stay interleaved), else each in turn.
+  Input& nextInput();
 
   static int interruptCallback(void* opaque);
 

@@ -124,11 +124,12 @@ class LocalServiceTest : public ::testing::Test {
 
   TempDir data_{"nembra-service"};
   testing::MediaTestFiles media_;
+  // Before the service: its threads may log until it is gone.
+  std::mutex logMutex_;
+  std::string log_;
   std::unique_ptr<LocalService> service_;
   std::unique_ptr<httplib::Client> client_;
   std::string session_;
-  std::mutex logMutex_;
-  std::string log_;
 };
 
 // ----- Session and authentication -------------------------------------------------------------
