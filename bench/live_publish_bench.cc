@@ -22,7 +22,7 @@
 #include "platform/child_process.h"
 #include "platform/media_encoder_x264.h"
 #include "platform/media_source_device.h"
-#include "platform/media_source_logging.h"
+#include "platform/media_log.h"
 #include "streaming/live_publisher.h"
 #include "streaming/stream_log.h"
 
@@ -217,7 +217,7 @@ void BM_GlassToServerLatency720p30(benchmark::State& state) {
   LocalNginx nginx;
   if (!nginx.ok()) return state.SkipWithError("nginx with the RTMP module did not start");
   StreamLog::SetSink([](const std::string&) {});
-  setMediaLogVerbose(false);
+  setMediaLogLevel(MediaLogLevel::Errors);
   for (auto _ : state) {
     OptionalError error;
     auto source = MediaSourceDevice::openTestPattern(1280, 720, 30, error);

@@ -14,7 +14,7 @@
 #include "nembra/json.h"
 #include "platform/media_source_device.h"
 #include "platform/media_source_file.h"
-#include "platform/media_source_logging.h"
+#include "platform/media_log.h"
 #include "streaming/live_publisher.h"
 #include "streaming/stream_log.h"
 #include "streaming/uri.h"
@@ -128,7 +128,7 @@ int runStream(const StreamOptions& options, CliContext& context) {
   StreamLog::SetSink([debug = context.options.debug](const std::string& line) {
     if (debug) std::fprintf(stderr, "%s\n", line.c_str());
   });
-  setMediaLogVerbose(context.options.debug);
+  setMediaLogLevel(context.options.debug ? MediaLogLevel::Info : MediaLogLevel::Errors);
 
   LivePublisherOptions publish;
   if (!options.size.empty() && !parseSize(options.size, publish.width, publish.height)) {
