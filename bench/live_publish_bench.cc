@@ -20,8 +20,8 @@
 #include <thread>
 
 #include "platform/child_process.h"
+#include "platform/media_backend.h"
 #include "platform/media_encoder_x264.h"
-#include "platform/media_source_device.h"
 #include "platform/media_log.h"
 #include "streaming/live_publisher.h"
 #include "streaming/stream_log.h"
@@ -220,7 +220,7 @@ void BM_GlassToServerLatency720p30(benchmark::State& state) {
   setMediaLogLevel(MediaLogLevel::Errors);
   for (auto _ : state) {
     OptionalError error;
-    auto source = MediaSourceDevice::openTestPattern(1280, 720, 30, error);
+    auto source = openTestPatternSource(1280, 720, 30, error);
     if (!source) return state.SkipWithError(error->message.c_str());
     LivePublisherOptions options;
     options.targetAddress = nginx.url("latency");

@@ -196,7 +196,6 @@ Figures runLoad(const Options& options, const std::string& url, pid_t servicePid
   CURLM* multi = curl_multi_init();
   // One connection per handle, each kept open for the handle's next request.
   curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, static_cast<long>(options.connections));
-  curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, static_cast<long>(options.connections));
   std::vector<Connection> connections(options.connections);
   auto send = [&](Connection& connection) {
     connection.bytes = 0;

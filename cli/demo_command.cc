@@ -20,10 +20,10 @@
 #include "api/nembra_videos.h"
 #include "cli/cli_context.h"
 #include "platform/file_system.h"
+#include "platform/media_backend.h"
 #include "platform/media_log.h"
 #include "platform/media_probe.h"
 #include "platform/media_sample_writer.h"
-#include "platform/media_source_device.h"
 #include "streaming/live_publisher.h"
 #include "streaming/stream_log.h"
 
@@ -355,7 +355,7 @@ class DemoRun {
               << "\n";
 
     OptionalError sourceError;
-    auto source = MediaSourceDevice::openTestPattern(640, 360, 30, sourceError);
+    auto source = openTestPatternSource(640, 360, 30, sourceError);
     if (!source) {
       std::cout << "    cannot open the test pattern: " << sourceError->message << "\n";
       return Outcome::Failed;

@@ -12,8 +12,7 @@
 
 #include "cli/cli_context.h"
 #include "nembra/json.h"
-#include "platform/media_source_device.h"
-#include "platform/media_source_file.h"
+#include "platform/media_backend.h"
 #include "platform/media_log.h"
 #include "streaming/live_publisher.h"
 #include "streaming/stream_log.h"
@@ -111,12 +110,12 @@ std::unique_ptr<MediaSource> openSource(const StreamOptions& options, int width,
   OptionalError failure;
   std::unique_ptr<MediaSource> source;
   if (options.source == "lavfi") {
-    source = MediaSourceDevice::openTestPattern(width > 0 ? width : 1280, height > 0 ? height : 720,
-                                                options.fps > 0 ? options.fps : 30, failure);
+    source = openTestPatternSource(width > 0 ? width : 1280, height > 0 ? height : 720,
+                                   options.fps > 0 ? options.fps : 30, failure);
   } else if (options.source.rfind("/dev/video", 0) == 0) {
-    source = MediaSourceDevice::openCamera(options.source, width, height, options.fps, failure);
+    source = openCameraSource(options.source, width, height, options.fps, failure);
   } else {
-    source = MediaSourceFile::open(options.source, failure);
+    source = openMediaFileSource(options.source, failure);
   }
   if (failure) error = failure->message;
   return source;

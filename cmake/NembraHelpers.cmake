@@ -22,9 +22,13 @@ function(nembra_module_tests out_var)
 endfunction()
 
 # nembra_library(NAME DEPS dep...) builds the module in the current directory.
+# EXCLUDE names sources (relative to the directory) that belong to another target.
 function(nembra_library name)
-  cmake_parse_arguments(ARG "" "" "DEPS;PRIVATE_DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "DEPS;PRIVATE_DEPS;EXCLUDE" ${ARGN})
   nembra_module_sources(srcs)
+  foreach(excluded ${ARG_EXCLUDE})
+    list(REMOVE_ITEM srcs ${CMAKE_CURRENT_SOURCE_DIR}/${excluded})
+  endforeach()
   add_library(${name} STATIC ${srcs})
   target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
   target_compile_options(${name} PRIVATE ${NEMBRA_WARNINGS})

@@ -1,3 +1,4 @@
+#include "platform/ffmpeg_media_backend.h"
 #include "platform/frame_grabber.h"
 
 #include <algorithm>
@@ -220,7 +221,7 @@ void fitInside(int width, int height, int maxWidth, int maxHeight, int& fitWidth
   if (maxHeight > 0) fitHeight = std::min(fitHeight, maxHeight / 2 * 2);
 }
 
-std::unique_ptr<FrameGrabber> makeFfmpegFrameGrabber() {
+std::unique_ptr<FrameGrabber> newFfmpegFrameGrabber() {
   return std::make_unique<FfmpegFrameGrabber>();
 }
 

@@ -1,3 +1,4 @@
+#include "platform/ffmpeg_media_backend.h"
 #include "platform/image_codec.h"
 
 #include <algorithm>
@@ -151,6 +152,6 @@ class FfmpegImageCodec final : public ImageCodec {
 
 }  // namespace
 
-std::unique_ptr<ImageCodec> makeFfmpegImageCodec() { return std::make_unique<FfmpegImageCodec>(); }
+std::unique_ptr<ImageCodec> newFfmpegImageCodec() { return std::make_unique<FfmpegImageCodec>(); }
 
 }  // namespace nembra

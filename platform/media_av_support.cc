@@ -43,4 +43,11 @@ AvInput openAvInput(const std::string& path, std::string& error) {
   return input;
 }
 
+RawMediaFrame wrapAvFrame(RawMediaFrame::Kind kind, AVFrame* frame, double pts) {
+  RawMediaFrame::Shape shape;
+  if (frame) shape = {frame->width, frame->height, frame->nb_samples, frame->sample_rate};
+  return RawMediaFrame(
+      kind, frame, [](AVFrame* owned) { av_frame_free(&owned); }, shape, pts);
+}
+
 }  // namespace nembra

@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "platform/media_source_raw_frame.h"
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
@@ -35,6 +37,9 @@ using AvInput = std::unique_ptr<AVFormatContext, AvInputCloser>;
 using AvCodecContext = std::unique_ptr<AVCodecContext, AvCodecContextFreer>;
 using AvFrame = std::unique_ptr<AVFrame, AvFrameFreer>;
 using AvPacket = std::unique_ptr<AVPacket, AvPacketFreer>;
+
+// Wraps |frame| (owned from here) for the encoders, with its shape read from it.
+RawMediaFrame wrapAvFrame(RawMediaFrame::Kind kind, AVFrame* frame, double pts);
 
 // Opens |path| and reads its stream parameters; on failure |error| holds the reason.
 AvInput openAvInput(const std::string& path, std::string& error);

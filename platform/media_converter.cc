@@ -1,3 +1,4 @@
+#include "platform/ffmpeg_media_backend.h"
 #include "platform/media_converter.h"
 
 #include <algorithm>
@@ -39,7 +40,7 @@ class FfmpegMediaConverter final : public MediaConverter {
     FrameGrabOptions options;
     options.maxWidth = 64;
     options.maxHeight = 64;
-    return !makeFfmpegFrameGrabber()->grab(path, options, frame);
+    return !newFfmpegFrameGrabber()->grab(path, options, frame);
   }
 
   OptionalError convert(const std::string& inputPath, const std::string& outputPath,
@@ -118,7 +119,7 @@ class FfmpegMediaConverter final : public MediaConverter {
 
 }  // namespace
 
-std::unique_ptr<MediaConverter> makeFfmpegMediaConverter() {
+std::unique_ptr<MediaConverter> newFfmpegMediaConverter() {
   return std::make_unique<FfmpegMediaConverter>();
 }
 

@@ -4,6 +4,7 @@
 
 #include <cmath>
 
+#include "platform/media_av_support.h"
 #include "platform/media_encoder_aac.h"
 #include "platform/media_encoder_h264_units.h"
 #include "platform/media_encoder_x264.h"
@@ -34,7 +35,7 @@ RawMediaFrame Picture(int width, int height, AVPixelFormat format, int shade, do
       }
     }
   }
-  return RawMediaFrame(RawMediaFrame::Kind::Video, frame, pts);
+  return wrapAvFrame(RawMediaFrame::Kind::Video, frame, pts);
 }
 
 RawMediaFrame Tone(int sampleRate, int samples, int offset) {
@@ -48,7 +49,7 @@ RawMediaFrame Tone(int sampleRate, int samples, int offset) {
   for (int i = 0; i < samples; ++i) {
     pcm[i] = static_cast<int16_t>(8000 * std::sin(2 * M_PI * 440 * (offset + i) / sampleRate));
   }
-  return RawMediaFrame(RawMediaFrame::Kind::Audio, frame, static_cast<double>(offset) / sampleRate);
+  return wrapAvFrame(RawMediaFrame::Kind::Audio, frame, static_cast<double>(offset) / sampleRate);
 }
 
 TEST(MediaEncoderX264Test, BaselineKeyFramesEveryTwoSecondsInLengthPrefixedForm) {

@@ -1,5 +1,5 @@
-// How much the media libraries (FFmpeg) write to standard error on their own. Process-wide: a
-// host sets it once, before media work starts.
+// How much the media libraries (FFmpeg) write to standard error on their own. Process-wide; a
+// level set before the media plug-in is loaded applies once it is.
 #pragma once
 
 namespace nembra {

@@ -1,3 +1,4 @@
+#include "platform/ffmpeg_media_backend.h"
 #include "platform/media_probe.h"
 
 #include <sys/stat.h>
@@ -60,6 +61,6 @@ class FfmpegMediaProbe final : public MediaProbe {
 
 }  // namespace
 
-std::unique_ptr<MediaProbe> makeFfmpegMediaProbe() { return std::make_unique<FfmpegMediaProbe>(); }
+std::unique_ptr<MediaProbe> newFfmpegMediaProbe() { return std::make_unique<FfmpegMediaProbe>(); }
 
 }  // namespace nembra

@@ -1,3 +1,4 @@
+#include "platform/ffmpeg_media_backend.h"
 #include "platform/media_remuxer.h"
 
 #include <cstdio>
@@ -109,7 +110,7 @@ class FfmpegMediaRemuxer final : public MediaRemuxer {
 
 }  // namespace
 
-std::unique_ptr<MediaRemuxer> makeFfmpegMediaRemuxer() {
+std::unique_ptr<MediaRemuxer> newFfmpegMediaRemuxer() {
   return std::make_unique<FfmpegMediaRemuxer>();
 }
 

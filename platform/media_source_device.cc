@@ -192,8 +192,8 @@ int MediaSourceDevice::pump(Input& input) {
       }
       const double pts =
           stamp(input, decoder.context, frame->best_effort_timestamp, decoder.streamIndex);
-      pending_.emplace_back(decoder.video ? RawMediaFrame::Kind::Video : RawMediaFrame::Kind::Audio,
-                            frame, pts);
+      pending_.push_back(wrapAvFrame(
+          decoder.video ? RawMediaFrame::Kind::Video : RawMediaFrame::Kind::Audio, frame, pts));
       input.lastPts = pts;
     }
   }

@@ -66,6 +66,9 @@ class TcpSocket {
   virtual TcpIoResult receiveAll(std::span<uint8_t> buffer) = 0;
   // True when a receive would not block: data, end of stream or an error is pending.
   virtual bool waitReadable(std::chrono::milliseconds timeout) = 0;
+  // Makes a waitReadable in progress, or the next one, return false at once: how an owner
+  // that is closing stops its receiving thread without waiting out the poll.
+  virtual void interruptWait() = 0;
   virtual size_t bytesAvailable() = 0;
   virtual void close() = 0;
   virtual bool isOpen() const = 0;

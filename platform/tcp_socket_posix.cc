@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -74,7 +75,12 @@ size_t tcpSkipSentBytes(std::span<iovec> buffers, size_t first, size_t sent) {
 
 std::unique_ptr<TcpSocket> createTcpSocket() { return std::make_unique<TcpSocketPosix>(); }
 
-TcpSocketPosix::~TcpSocketPosix() { close(); }
+TcpSocketPosix::TcpSocketPosix() : wakeFd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+TcpSocketPosix::~TcpSocketPosix() {
+  close();
+  if (wakeFd_ >= 0) ::close(wakeFd_);
+}
 
 TcpConnectStatus TcpSocketPosix::connect(const std::string& host, uint16_t port,
                                          const TcpTimeouts& timeouts) {
@@ -180,11 +186,22 @@ TcpIoResult TcpSocketPosix::receiveAll(std::span<uint8_t> buffer) {
 }
 
 bool TcpSocketPosix::waitReadable(std::chrono::milliseconds timeout) {
-  pollfd waiter{fd_.load(), POLLIN, 0};
+  pollfd waiters[2] = {{fd_.load(), POLLIN, 0}, {wakeFd_, POLLIN, 0}};
   pollCalls_.fetch_add(1, std::memory_order_relaxed);
-  const int rc = ::poll(&waiter, 1, ToPollTimeout(timeout));
+  const int rc = ::poll(waiters, wakeFd_ >= 0 ? 2 : 1, ToPollTimeout(timeout));
+  if (rc > 0 && (waiters[1].revents & POLLIN)) {
+    uint64_t signals = 0;
+    [[maybe_unused]] ssize_t drained = ::read(wakeFd_, &signals, sizeof signals);
+    return false;
+  }
   // An interrupted wait counts as a timeout: callers wait in a loop.
   return rc > 0;
+}
+
+void TcpSocketPosix::interruptWait() {
+  if (wakeFd_ < 0) return;
+  const uint64_t one = 1;
+  [[maybe_unused]] ssize_t written = ::write(wakeFd_, &one, sizeof one);
 }
 
 size_t TcpSocketPosix::bytesAvailable() {

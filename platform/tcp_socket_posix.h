@@ -13,7 +13,7 @@ namespace nembra {
 
 class TcpSocketPosix : public TcpSocket {
  public:
-  TcpSocketPosix() = default;
+  TcpSocketPosix();
   ~TcpSocketPosix() override;
   TcpSocketPosix(const TcpSocketPosix&) = delete;
   TcpSocketPosix& operator=(const TcpSocketPosix&) = delete;
@@ -24,6 +24,7 @@ class TcpSocketPosix : public TcpSocket {
   TcpIoResult receiveSome(std::span<uint8_t> buffer) override;
   TcpIoResult receiveAll(std::span<uint8_t> buffer) override;
   bool waitReadable(std::chrono::milliseconds timeout) override;
+  void interruptWait() override;
   size_t bytesAvailable() override;
   void close() override;
   bool isOpen() const override;
@@ -31,6 +32,7 @@ class TcpSocketPosix : public TcpSocket {
 
  private:
   std::atomic<int> fd_{-1};
+  int wakeFd_ = -1;  // an eventfd that interruptWait signals
   std::atomic<uint64_t> sendCalls_{0};
   std::atomic<uint64_t> receiveCalls_{0};
   std::atomic<uint64_t> pollCalls_{0};

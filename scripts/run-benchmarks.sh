@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Runs every Google Benchmark binary of a build (BUILD_DIR/bench/*_bench) one after another and
-# keeps each one's output under BUILD_DIR/bench-results/. Extra arguments go to every binary
-# (e.g. --benchmark_filter=Chunk). Usage: scripts/run-benchmarks.sh BUILD_DIR [ARGS...]
+# Runs every benchmark binary of a build (BUILD_DIR/bench/*_bench) one after another, then the
+# benchmark scripts listed below, and keeps each one's output under BUILD_DIR/bench-results/.
+# Extra arguments go to every binary (e.g. --benchmark_filter=Chunk), not to the scripts.
+# Usage: scripts/run-benchmarks.sh BUILD_DIR [ARGS...]
 set -euo pipefail
 
 if [ $# -lt 1 ]; then
@@ -24,6 +25,18 @@ for bench in "${benches[@]}"; do
   name=$(basename "$bench")
   echo "=== $name"
   if ! "$bench" "$@" 2>&1 | tee "$results/$name.txt"; then
+    echo "run-benchmarks: $name FAILED" >&2
+    failed=1
+  fi
+done
+
+# Scripts that time the built tools against system ones; each takes the build directory.
+scripts=(service_storage_bench.sh)
+source_dir=$(cd "$(dirname "$0")/.." && pwd)
+for script in "${scripts[@]}"; do
+  name=${script%.sh}
+  echo "=== $name"
+  if ! "$source_dir/bench/$script" "$build_dir" 2>&1 | tee "$results/$name.txt"; then
     echo "run-benchmarks: $name FAILED" >&2
     failed=1
   fi

@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-#include "platform/media_encoder_aac.h"
+#include "platform/media_backend.h"
 #include "streaming/stream_log.h"
 
 namespace nembra {
@@ -18,7 +18,7 @@ AACEncoder::AACEncoder(int sampleRate, int channels, int bitrate,
     return;
   }
   OptionalError error;
-  backend_ = MediaEncoderAAC::create({sampleRate, channels, bitrate}, error);
+  backend_ = createAacEncoder({sampleRate, channels, bitrate}, error);
   if (error) {
     initializationError_ = error->message;
     StreamLog::Write("AAC encoder initialization failed: " + error->message);

@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "platform/media_encoder_x264.h"
+#include "platform/media_backend.h"
 #include "streaming/stream_log.h"
 
 namespace nembra {
@@ -16,7 +16,7 @@ H264Encoder::H264Encoder(int width, int height, int bitrate, int framerate,
     return;
   }
   OptionalError error;
-  backend_ = MediaEncoderX264::create({width, height, bitrate, framerate}, error);
+  backend_ = createH264Encoder({width, height, bitrate, framerate}, error);
   if (error) {
     initializationError_ = error->message;
     StreamLog::Write("H.264 encoder initialization failed: " + error->message);

@@ -64,6 +64,8 @@ size_t NetworkConnection::DataSizeInReceiveBuffer() { return socket_->bytesAvail
 
 void NetworkConnection::Close() { socket_->close(); }
 
+void NetworkConnection::InterruptWait() { socket_->interruptWait(); }
+
 bool NetworkConnection::IsOpen() const { return socket_->isOpen(); }
 
 }  // namespace nembra

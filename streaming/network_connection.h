@@ -41,6 +41,8 @@ class NetworkConnection {
   size_t ReceiveSome(uint8_t* buffer, size_t capacity);
   // Waits up to |timeout| until a receive would not block (data, end of stream or error).
   bool WaitForData(std::chrono::milliseconds timeout);
+  // Makes a WaitForData in progress (or the next one) return false at once.
+  void InterruptWait();
   // Bytes that can be received without blocking.
   size_t DataSizeInReceiveBuffer();
 

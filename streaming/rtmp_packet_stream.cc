@@ -28,6 +28,7 @@ RTMPPacketStream::RTMPPacketStream(NetworkConnection& connection,
 
 RTMPPacketStream::~RTMPPacketStream() {
   stop_.store(true);
+  connection_.InterruptWait();
   if (receiver_.joinable()) {
     if (receiver_.get_id() == std::this_thread::get_id()) {
       // Destroyed from its own packet receiver, which is not allowed: at least do not deadlock.
@@ -80,6 +81,9 @@ void RTMPPacketStream::PutFrameImpl(RTMPPacket packet) {
 void RTMPPacketStream::CloseImpl() {
   StreamLog::Write("closing packet stream");
   stop_.store(true);
+  // Joined rather than left to end by itself, so that it never outlives the stream; woken so
+  // that closing does not wait out its poll.
+  connection_.InterruptWait();
   if (receiver_.joinable() && receiver_.get_id() != std::this_thread::get_id()) {
     receiver_.join();
   }

@@ -1,4 +1,4 @@
-#include "platform/media_sample_writer.h"
+#include "platform/ffmpeg_media_backend.h"
 
 #include <cmath>
 #include <cstdio>
@@ -59,7 +59,7 @@ OptionalError writeTone(MediaEncodeSink& sink, double seconds) {
 
 }  // namespace
 
-OptionalError MediaSampleWriter::writeVideo(const std::string& path, double seconds, int width,
+OptionalError ffmpegWriteVideoSample(const std::string& path, double seconds, int width,
                                             int height) {
   EncodeSettings settings;
   settings.format = "mp4";
@@ -87,7 +87,7 @@ OptionalError MediaSampleWriter::writeVideo(const std::string& path, double seco
   return sink->finish();
 }
 
-OptionalError MediaSampleWriter::writeAudio(const std::string& path, double seconds) {
+OptionalError ffmpegWriteAudioSample(const std::string& path, double seconds) {
   EncodeSettings settings;
   settings.format = "adts";
   settings.sampleRate = kSampleRate;
@@ -97,7 +97,7 @@ OptionalError MediaSampleWriter::writeAudio(const std::string& path, double seco
   return sink->finish();
 }
 
-OptionalError MediaSampleWriter::writePicture(const std::string& path, int width, int height) {
+OptionalError ffmpegWritePictureSample(const std::string& path, int width, int height) {
   const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_MJPEG);
   if (!codec) return Error::media("this FFmpeg has no JPEG encoder");
   AvFrame picture(av_frame_alloc());
