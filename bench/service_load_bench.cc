@@ -1,7 +1,8 @@
 // Load on the local service's REST API: one video's JSON fetched over many concurrent keep-alive
 // connections (libcurl multi, one thread), for a fixed time after a warm-up. Prints requests per
 // second, p50 / p99 / max latency and the failed requests, beside the targets (>= 5,000 req/s,
-// p99 <= 20 ms on two cores).
+// p99 <= 20 ms on two cores). A latency runs from the request handed to libcurl to its answer
+// read back, as the client sees it; the window counts the answers that arrive within it.
 //
 // By default it starts `nembra serve` (the tool built beside this binary) on a free port with a
 // fresh data directory and stops it at the end; --server points it at a running service instead.

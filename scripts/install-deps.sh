@@ -15,6 +15,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   # real peers for the integration tests and benchmarks
   nginx libnginx-mod-rtmp ffmpeg curl strace time
+  # what the benchmark scripts use to read forms and do sums
+  jq bc
 )
 
 missing=()

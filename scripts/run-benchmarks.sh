@@ -31,7 +31,7 @@ for bench in "${benches[@]}"; do
 done
 
 # Scripts that time the built tools against system ones; each takes the build directory.
-scripts=(service_storage_bench.sh)
+scripts=(service_storage_bench.sh media_transfer_bench.sh)
 source_dir=$(cd "$(dirname "$0")/.." && pwd)
 for script in "${scripts[@]}"; do
   name=${script%.sh}
