@@ -104,9 +104,6 @@ std::unique_ptr<ImageCodec> makeFfmpegImageCodec() {
   return MediaBackend::shared().makeImageCodec();
 }
 
-std::unique_ptr<MediaSource> openMediaFileSource(const std::string& path, OptionalError& error) {
-  return MediaBackend::shared().openFile(path, error);
-}
 std::unique_ptr<MediaSource> openTestPatternSource(int width, int height, int fps,
                                                    OptionalError& error) {
   return MediaBackend::shared().openTestPattern(width, height, fps, error);

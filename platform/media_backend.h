@@ -62,8 +62,6 @@ class MediaBackend {
   static bool loaded();
 };
 
-// A media file whose H.264 and AAC pass through untouched (any container FFmpeg reads).
-std::unique_ptr<MediaSource> openMediaFileSource(const std::string& path, OptionalError& error);
 // FFmpeg's testsrc2 pictures and a beeping sine tone, timed by the filter graph.
 std::unique_ptr<MediaSource> openTestPatternSource(int width, int height, int fps,
                                                    OptionalError& error);
