@@ -1020,13 +1020,15 @@ const TrackBoxes* chooseTrack(const std::vector<TrackBoxes>& tracks, uint32_t ha
 }  // namespace
 
 Mp4ByteSource Mp4ByteSource::memory(std::span<const uint8_t> bytes) {
+  // A copy: the source may outlive the caller's buffer (a media source keeps reading from it).
+  auto owned = std::make_shared<const std::vector<uint8_t>>(bytes.begin(), bytes.end());
   Mp4ByteSource source;
-  source.size = bytes.size();
-  source.readAt = [bytes](uint64_t offset, std::span<uint8_t> out) -> OptionalError {
-    if (offset > bytes.size() || out.size() > bytes.size() - offset) {
+  source.size = owned->size();
+  source.readAt = [owned](uint64_t offset, std::span<uint8_t> out) -> OptionalError {
+    if (offset > owned->size() || out.size() > owned->size() - offset) {
       return Error::media("read past the end of the data");
     }
-    if (!out.empty()) std::memcpy(out.data(), bytes.data() + offset, out.size());
+    if (!out.empty()) std::memcpy(out.data(), owned->data() + offset, out.size());
     return std::nullopt;
   };
   return source;

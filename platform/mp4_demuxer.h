@@ -23,7 +23,7 @@ struct Mp4ByteSource {
   // Fills |out| with the bytes at |offset|; an error when they cannot all be read.
   std::function<OptionalError(uint64_t offset, std::span<uint8_t> out)> readAt;
 
-  // A source over |bytes|, which must outlive it.
+  // A source over a copy of |bytes|.
   static Mp4ByteSource memory(std::span<const uint8_t> bytes);
 };
 

@@ -181,7 +181,10 @@ INSTANTIATE_TEST_SUITE_P(
 // ---- hand-built files ----
 
 void Put(Bytes& out, uint64_t value, int size) {
-  for (int i = size - 1; i >= 0; --i) out.push_back(static_cast<uint8_t>(value >> (8 * i)));
+  // Fields wider than the value (reserved runs of zeros) get leading zero bytes.
+  for (int i = size - 1; i >= 0; --i) {
+    out.push_back(i >= 8 ? 0 : static_cast<uint8_t>(value >> (8 * i)));
+  }
 }
 
 Bytes Cat(std::initializer_list<Bytes> parts) {
