@@ -89,6 +89,11 @@ void registerServeCommand(CLI::App& app, CliContext& /*context*/, int& exitCode)
   serve->add_option("--port", options.port, "HTTP port; 0 picks a free one")
       ->capture_default_str()
       ->check(CLI::Range(0, 65535));
+  serve
+      ->add_option("--storage-port", options.storagePort,
+                   "Port of the storage endpoint (signed uploads); 0 picks a free one")
+      ->capture_default_str()
+      ->check(CLI::Range(0, 65535));
   serve->add_option("--port-file", arguments->portFile,
                     "Write the HTTP port to this file once serving");
   serve->add_option("--data", options.dataDir,

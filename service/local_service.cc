@@ -29,7 +29,9 @@
 #include "service/session_registry.h"
 #include "service/storage_policy_signer.h"
 #include "service/storage_policy_verifier.h"
+#include "service/storage_server.h"
 #include "service/storage_upload_receiver.h"
+#include "service/tcp_listener.h"
 #include "service/token_rules.h"
 #include "service/videos_routes.h"
 
@@ -103,8 +105,8 @@ OptionalError LocalService::open() {
   sessions_ = std::make_unique<SessionRegistry>(*store_, options_.tokens);
   analyzer_ = std::make_unique<MediaAnalyzer>(makeFfmpegMediaProbe(), makeFfmpegFrameGrabber());
   std::string base = options_.publicBaseUrl(port_);
-  signer_ =
-      std::make_unique<StoragePolicySigner>(credentials, kBucket, base + "/storage/" + kBucket);
+  std::string storageUrl = options_.publicBaseUrl(storagePort_) + "/storage/" + kBucket;
+  signer_ = std::make_unique<StoragePolicySigner>(credentials, kBucket, storageUrl);
   verifier_ = std::make_unique<StoragePolicyVerifier>(credentials);
   library_ = std::make_unique<MediaLibrary>(*store_, *directory_, *analyzer_, *signer_, options_);
   faults_ = std::make_unique<FaultInjection>(options_.faults);
@@ -125,7 +127,7 @@ OptionalError LocalService::open() {
                 "/record/_definst_";
     }
   }
-  json_ = std::make_unique<MediaJson>(PublicUrls::fromBase(base, rtmpUrl));
+  json_ = std::make_unique<MediaJson>(PublicUrls::fromBase(base, storageUrl, rtmpUrl));
   gate_ = std::make_unique<RestAuthGate>(*sessions_, options_);
   cdn_ =
       std::make_unique<CdnFileServer>(*library_, *sessions_, *faults_, options_.cdnMaxAgeSeconds);
@@ -141,7 +143,6 @@ OptionalError LocalService::open() {
   videos_->registerRoutes(*routes_);
   audios_->registerRoutes(*routes_);
   images_->registerRoutes(*routes_);
-  storage_->registerRoutes(*routes_);
   cdn_->registerRoutes(*routes_);
   ingest_->registerRoutes(*routes_);
   return std::nullopt;
@@ -157,30 +158,26 @@ void LocalService::installServer() {
   server.set_read_timeout(60);
   server.set_write_timeout(60);
 
-  server.set_pre_routing_handler([this](const httplib::Request& request,
-                                        httplib::Response& response) {
-    // A multipart Content-Type would make the server library parse the body itself (with a
-    // stricter reader than clients need); the routes read such bodies, so the type moves aside.
-    auto& headers = const_cast<httplib::Headers&>(request.headers);
-    headers.erase(RestRequest::kMultipartTypeHeader);
-    auto type = headers.find("Content-Type");
-    if (type != headers.end() && startsWithNoCase(type->second, "multipart/")) {
-      std::string value = type->second;
-      headers.erase(type);
-      headers.emplace(RestRequest::kMultipartTypeHeader, value);
-    }
-    if (request.path.rfind("/rtmp-hooks/", 0) == 0)
-      return httplib::Server::HandlerResponse::Unhandled;
-    faults_->delay();
-    if (!faults_->shouldFail()) return httplib::Server::HandlerResponse::Unhandled;
-    response.set_header("Connection", "close");
-    if (request.path.rfind("/storage/", 0) == 0) {
-      ServiceReply::storageError(response, {503, "SlowDown", "Please reduce your request rate."});
-    } else {
-      ServiceReply::error(response, 503, "the service is failing this request on purpose");
-    }
-    return httplib::Server::HandlerResponse::Handled;
-  });
+  server.set_pre_routing_handler(
+      [this](const httplib::Request& request, httplib::Response& response) {
+        // A multipart Content-Type would make the server library parse the body itself (with a
+        // stricter reader than clients need); the routes read such bodies, so the type moves aside.
+        auto& headers = const_cast<httplib::Headers&>(request.headers);
+        headers.erase(RestRequest::kMultipartTypeHeader);
+        auto type = headers.find("Content-Type");
+        if (type != headers.end() && startsWithNoCase(type->second, "multipart/")) {
+          std::string value = type->second;
+          headers.erase(type);
+          headers.emplace(RestRequest::kMultipartTypeHeader, value);
+        }
+        if (request.path.rfind("/rtmp-hooks/", 0) == 0)
+          return httplib::Server::HandlerResponse::Unhandled;
+        faults_->delay();
+        if (!faults_->shouldFail()) return httplib::Server::HandlerResponse::Unhandled;
+        response.set_header("Connection", "close");
+        ServiceReply::error(response, 503, "the service is failing this request on purpose");
+        return httplib::Server::HandlerResponse::Handled;
+      });
   server.set_exception_handler(
       [](const httplib::Request&, httplib::Response& response, std::exception_ptr error) {
         std::string what = "unknown";
@@ -231,9 +228,15 @@ OptionalError LocalService::start() {
   // The server library's default also sets SO_REUSEPORT, which lets a second service bind the
   // same port and silently take half its connections. Only SO_REUSEADDR is wanted: a restart
   // must not wait for the old connections' TIME_WAIT.
-  server_->set_socket_options([](socket_t socket) {
+  //
+  // The socket is kept to raise the backlog the server library listens with (5, compiled into
+  // it) once it is bound: a burst of connections would overflow that and wait seconds for the
+  // clients' SYN retries. The last socket it tried is the one it bound.
+  listenSocket_ = -1;
+  server_->set_socket_options([this](socket_t socket) {
     int yes = 1;
     ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+    listenSocket_ = socket;
   });
   server_->set_tcp_nodelay(true);  // before binding: accepted sockets inherit it
   if (options_.port == 0) {
@@ -246,12 +249,23 @@ OptionalError LocalService::start() {
     return Error::transport("cannot listen on " + options_.host + ":" +
                             std::to_string(options_.port) + " (in use, or not an address here)");
   }
+  // Linux takes a new backlog for a socket that listens already.
+  if (listenSocket_ >= 0) ::listen(listenSocket_, SOMAXCONN);
+  auto storageListener = TcpListener::open(options_.host, options_.storagePort);
+  if (!storageListener) {
+    server_.reset();
+    return storageListener.error();
+  }
+  storagePort_ = (*storageListener)->port();
   if (auto error = open()) {
     ingest_.reset();
     server_.reset();
     return error;
   }
   installServer();
+  size_t threads = static_cast<size_t>(std::max(1, options_.httpThreads));
+  storageServer_ = std::make_unique<StorageServer>(*storage_, *faults_, threads);
+  storageServer_->start(std::move(*storageListener));
   listener_ = std::thread([this] {
     setCurrentThreadName("com.nembra.service.listen");
     server_->listen_after_bind();
@@ -264,6 +278,7 @@ OptionalError LocalService::start() {
 void LocalService::stop() {
   if (faults_) faults_->stopTransfers();
   if (ingest_) ingest_->stop();
+  if (storageServer_) storageServer_->stop();
   if (server_) server_->stop();
   if (listener_.joinable()) listener_.join();
 }

@@ -1,11 +1,13 @@
 // The local media service `nembra serve` runs: one HTTP server for the REST API (API base and
-// "/embed" dev base), storage ("/storage"), CDN ("/cdn") and files ("/files"), with the RTMP
-// ingest beside it when asked for and installed. Everything lives under the data directory and
-// survives restarts.
+// "/embed" dev base), CDN ("/cdn") and files ("/files"); the storage endpoint of signed uploads
+// ("/storage/BUCKET") on a port of its own, served by its own server built for large bodies; and
+// the RTMP ingest beside them when asked for and installed. Everything lives under the data
+// directory and survives restarts.
 //
 // Threading: construct, start() and stop() from one owner thread. Requests are served on the
-// HTTP worker threads "nembra.http.N", the listener on "com.nembra.service.listen"; the log
-// callback may be called from any of them.
+// HTTP worker threads "nembra.http.N", the listener on "com.nembra.service.listen"; storage
+// uploads on "storage.conn.N", their listener on "com.nembra.storage.listen". The log callback
+// may be called from any of them.
 #pragma once
 
 #include <functional>
@@ -37,6 +39,7 @@ class RtmpIngest;
 class SessionRegistry;
 class StoragePolicySigner;
 class StoragePolicyVerifier;
+class StorageServer;
 class StorageUploadReceiver;
 class VideosRoutes;
 
@@ -51,13 +54,16 @@ class LocalService {
   LocalService(const LocalService&) = delete;
   LocalService& operator=(const LocalService&) = delete;
 
-  // Opens the data directory, binds the port (a free one when the port is 0), starts the RTMP
+  // Opens the data directory, binds the ports (free ones when 0), starts the RTMP
   // ingest when asked for, and serves. An error when any of it fails; nothing keeps running then.
   OptionalError start();
-  // Stops the ingest and the server; requests in progress finish. Safe to call twice.
+  // Stops the ingest and the servers: API requests in progress finish, storage uploads in
+  // progress are cut. Safe to call twice.
   void stop();
 
   int port() const { return port_; }
+  // The storage endpoint's port.
+  int storagePort() const { return storagePort_; }
   // The RTMP port, 0 when no ingest runs.
   int rtmpPort() const;
   const PublicUrls& urls() const;
@@ -71,6 +77,8 @@ class LocalService {
   Log log_;
   std::string dataDir_;
   int port_ = 0;
+  int storagePort_ = 0;
+  int listenSocket_ = -1;  // the API server's, while start() binds it
 
   std::unique_ptr<DataDirectory> directory_;
   std::unique_ptr<MediaStore> store_;
@@ -92,6 +100,7 @@ class LocalService {
   std::unique_ptr<RouteTable> routes_;
   std::unique_ptr<httplib::Server> server_;
   std::thread listener_;
+  std::unique_ptr<StorageServer> storageServer_;
 };
 
 }  // namespace nembra

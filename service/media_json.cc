@@ -61,8 +61,9 @@ Summary summarize(const MediaView& view) {
 
 }  // namespace
 
-PublicUrls PublicUrls::fromBase(const std::string& base, const std::string& rtmp) {
-  return PublicUrls{base, base + "/embed", base + "/cdn", base + "/files", base + "/storage", rtmp};
+PublicUrls PublicUrls::fromBase(const std::string& base, const std::string& storage,
+                                const std::string& rtmp) {
+  return PublicUrls{base, base + "/embed", base + "/cdn", base + "/files", storage, rtmp};
 }
 
 MediaJson::MediaJson(PublicUrls urls) : urls_(std::move(urls)) {}

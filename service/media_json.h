@@ -20,10 +20,11 @@ struct PublicUrls {
   std::string devApi;   // base + "/embed"
   std::string cdn;      // base + "/cdn"
   std::string files;    // base + "/files"
-  std::string storage;  // signed uploads
+  std::string storage;  // signed uploads: the storage endpoint's URL, on a port of its own
   std::string rtmp;     // the ingest, "rtmp://host:port/record/_definst_"; empty without one
 
-  static PublicUrls fromBase(const std::string& base, const std::string& rtmp);
+  static PublicUrls fromBase(const std::string& base, const std::string& storage,
+                             const std::string& rtmp);
 };
 
 class MediaJson {

@@ -47,7 +47,7 @@ void expectNoJsonBooleans(const Json& json, const std::string& where) {
   }
 }
 
-const PublicUrls kUrls = PublicUrls::fromBase("http://h:1", "");
+const PublicUrls kUrls = PublicUrls::fromBase("http://h:1", "http://h:2/storage/b", "");
 
 TEST(MediaJsonTest, VideoFillsEveryKeyOfTheModel) {
   Json json = MediaJson(kUrls).video(sampleView(MediaKind::Video));

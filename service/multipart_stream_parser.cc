@@ -1,5 +1,7 @@
 #include "service/multipart_stream_parser.h"
 
+#include <string.h>  // memmem
+
 #include <algorithm>
 #include <cctype>
 
@@ -141,14 +143,49 @@ bool MultipartStreamParser::parseHeaders(std::string_view block, MultipartPart& 
 MultipartStreamParser::Status MultipartStreamParser::fail(std::string message) {
   error_ = std::move(message);
   status_ = Status::Malformed;
-  pending_.clear();
   return status_;
+}
+
+size_t MultipartStreamParser::findDelimiter(std::string_view text) const {
+  // memmem skips ahead by the delimiter's length on most bytes, where a search for its first
+  // byte (CR) stops every few hundred bytes of binary data.
+  const void* found =
+      ::memmem(text.data(), text.size(), bodyDelimiter_.data(), bodyDelimiter_.size());
+  return found ? static_cast<size_t>(static_cast<const char*>(found) - text.data())
+               : std::string_view::npos;
 }
 
 MultipartStreamParser::Status MultipartStreamParser::feed(const char* data, size_t size) {
   if (status_ != Status::Ok) return status_;
-  pending_.append(data, size);
-  return process();
+  std::string_view input(data, size);
+  const size_t delimiter = bodyDelimiter_.size();
+  // Within a part's body only the few bytes held back can join the new ones into a delimiter.
+  // When they do not, the new bytes are parsed where they lie instead of being copied behind
+  // the held ones first: for a large file that copy would be one more pass over every byte.
+  if (state_ == State::Body && pending_.size() < delimiter && size >= 2 * delimiter) {
+    std::string seam = pending_;
+    seam.append(input.substr(0, delimiter));
+    if (findDelimiter(seam) == std::string_view::npos) {
+      std::string held = std::move(pending_);
+      pending_.clear();
+      if (!held.empty() && callbacks_.onPartData &&
+          !callbacks_.onPartData(held.data(), held.size())) {
+        status_ = Status::Stopped;
+        return status_;
+      }
+      size_t consumed = process(input);
+      if (status_ == Status::Ok) pending_.assign(input.substr(consumed));
+      return status_;
+    }
+  }
+  pending_.append(input);
+  size_t consumed = process(pending_);
+  if (status_ == Status::Ok) {
+    pending_.erase(0, consumed);
+  } else {
+    pending_.clear();
+  }
+  return status_;
 }
 
 MultipartStreamParser::Status MultipartStreamParser::finish() {
@@ -156,18 +193,21 @@ MultipartStreamParser::Status MultipartStreamParser::finish() {
   return status_;
 }
 
-MultipartStreamParser::Status MultipartStreamParser::process() {
+size_t MultipartStreamParser::process(std::string_view input) {
   size_t consumed = 0;
   auto done = [&](Status status) {
-    pending_.erase(0, consumed);
     status_ = status;
-    return status;
+    return consumed;
+  };
+  auto malformed = [&](std::string message) {
+    fail(std::move(message));
+    return consumed;
   };
   for (;;) {
-    std::string_view rest(pending_.data() + consumed, pending_.size() - consumed);
+    std::string_view rest = input.substr(consumed);
     switch (state_) {
       case State::Preamble: {
-        size_t found = rest.find(bodyDelimiter_);
+        size_t found = findDelimiter(rest);
         if (found == std::string_view::npos) {
           // Only the tail can still be the start of a delimiter.
           if (rest.size() >= bodyDelimiter_.size())
@@ -187,9 +227,10 @@ MultipartStreamParser::Status MultipartStreamParser::process() {
         }
         size_t padding = 0;
         while (padding < rest.size() && (rest[padding] == ' ' || rest[padding] == '\t')) ++padding;
-        if (padding > kMaxPadding) return fail("too much padding after a boundary");
+        if (padding > kMaxPadding) return malformed("too much padding after a boundary");
         if (rest.size() - padding < 2) return done(Status::Ok);
-        if (rest.substr(padding, 2) != "\r\n") return fail("a boundary is not followed by CRLF");
+        if (rest.substr(padding, 2) != "\r\n")
+          return malformed("a boundary is not followed by CRLF");
         consumed += padding + 2;
         state_ = State::Headers;
         break;
@@ -197,15 +238,15 @@ MultipartStreamParser::Status MultipartStreamParser::process() {
       case State::Headers: {
         size_t end = rest.find("\r\n\r\n");
         bool empty = rest.substr(0, 2) == "\r\n";
-        if (empty) return fail("a part has no headers");
+        if (empty) return malformed("a part has no headers");
         if (end == std::string_view::npos) {
-          if (rest.size() > kMaxHeaderBytes) return fail("part headers are too large");
+          if (rest.size() > kMaxHeaderBytes) return malformed("part headers are too large");
           return done(Status::Ok);
         }
-        if (end > kMaxHeaderBytes) return fail("part headers are too large");
+        if (end > kMaxHeaderBytes) return malformed("part headers are too large");
         MultipartPart part;
         if (!parseHeaders(rest.substr(0, end), part)) {
-          return fail("a part has no form-data Content-Disposition with a name");
+          return malformed("a part has no form-data Content-Disposition with a name");
         }
         consumed += end + 4;
         state_ = State::Body;
@@ -213,7 +254,7 @@ MultipartStreamParser::Status MultipartStreamParser::process() {
         break;
       }
       case State::Body: {
-        size_t found = rest.find(bodyDelimiter_);
+        size_t found = findDelimiter(rest);
         size_t emit = found;
         if (found == std::string_view::npos) {
           size_t keep = std::min(rest.size(), bodyDelimiter_.size() - 1);
@@ -231,7 +272,7 @@ MultipartStreamParser::Status MultipartStreamParser::process() {
         break;
       }
       case State::Epilogue:
-        consumed = pending_.size();
+        consumed = input.size();
         return done(Status::Done);
     }
   }

@@ -70,8 +70,10 @@ class MultipartStreamParser {
  private:
   enum class State { Preamble, AfterDelimiter, Headers, Body, Epilogue };
 
-  Status process();
+  // Parses what it can of |input|, setting status_; returns how much of it was used.
+  size_t process(std::string_view input);
   Status fail(std::string message);
+  size_t findDelimiter(std::string_view text) const;
   bool parseHeaders(std::string_view block, MultipartPart& part);
 
   const std::string bodyDelimiter_;  // CRLF "--" boundary
@@ -79,7 +81,7 @@ class MultipartStreamParser {
   State state_ = State::Preamble;
   Status status_ = Status::Ok;
   std::string error_;
-  std::string pending_;  // bytes received and not yet consumed
+  std::string pending_;  // bytes received and not yet consumed (a delimiter's length, in a body)
 };
 
 }  // namespace nembra

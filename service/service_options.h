@@ -17,6 +17,7 @@ struct FaultOptions {
 struct ServiceOptions {
   std::string host = "127.0.0.1";
   int port = 8080;                  // 0 picks a free port
+  int storagePort = 0;              // the storage endpoint's own port; 0 picks a free one
   std::string dataDir;              // empty: defaultDataDirectory()
   int rtmpPort = 1935;              // 0: no RTMP ingest
   std::vector<std::string> tokens;  // empty: any application token is served

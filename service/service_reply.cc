@@ -42,11 +42,13 @@ void ServiceReply::error(httplib::Response& response, const Error& error) {
 
 void ServiceReply::storageError(httplib::Response& response, const StorageError& error) {
   response.status = error.status;
-  std::string body = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Error><Code>" +
-                     xmlEscape(error.code) + "</Code><Message>" + xmlEscape(error.message) +
-                     "</Message><RequestId>" + randomHex(8) +
-                     "</RequestId><HostId>nembra-local</HostId></Error>";
-  response.set_content(body, "application/xml");
+  response.set_content(storageErrorBody(error), "application/xml");
+}
+
+std::string ServiceReply::storageErrorBody(const StorageError& error) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Error><Code>" + xmlEscape(error.code) +
+         "</Code><Message>" + xmlEscape(error.message) + "</Message><RequestId>" + randomHex(8) +
+         "</RequestId><HostId>nembra-local</HostId></Error>";
 }
 
 std::string ServiceReply::xmlEscape(const std::string& text) {

@@ -24,6 +24,8 @@ class ServiceReply {
 
   // <Error><Code>…</Code><Message>…</Message><RequestId>…</RequestId><HostId>…</HostId></Error>
   static void storageError(httplib::Response& response, const StorageError& error);
+  // The XML document of storageError(), for servers that write their own answers.
+  static std::string storageErrorBody(const StorageError& error);
 
   static const char* reasonPhrase(int status);
   static std::string xmlEscape(const std::string& text);

@@ -19,32 +19,23 @@ StorageUploadReceiver::StorageUploadReceiver(MediaLibrary& library,
       faults_(faults),
       options_(options) {}
 
-void StorageUploadReceiver::registerRoutes(RouteTable& routes) {
-  routes.add("POST", "/storage/:bucket", [this](RestRequest& r) { receive(r); });
-}
-
-void StorageUploadReceiver::receive(RestRequest& request) {
-  httplib::Response& response = request.response;
-  // Whatever is refused before the body is read leaves it unread: the connection ends with the
-  // answer.
-  auto refuse = [&](StorageError error) {
-    response.set_header("Connection", "close");
-    ServiceReply::storageError(response, error);
+StorageVerdict StorageUploadReceiver::receive(const StoragePost& post) {
+  auto refuse = [](StorageError error) {
+    return StorageVerdict{StorageVerdict::Kind::Refused, std::move(error)};
   };
-  if (request.path("bucket") != bucket_) {
+  if (post.bucket != bucket_) {
     return refuse({404, "NoSuchBucket", "The specified bucket does not exist"});
   }
-  auto boundary = MultipartStreamParser::boundaryFromContentType(request.contentType());
-  if (!boundary || !request.hasBody()) {
+  auto boundary = MultipartStreamParser::boundaryFromContentType(post.contentType);
+  if (!boundary || !post.hasBody) {
     return refuse({400, "MalformedPOSTRequest",
                    "The body of your POST request is not well-formed multipart/form-data."});
   }
   // The form's own fields add a few kilobytes to the largest file a policy can allow.
   uint64_t ceiling = options_.maxUploadBytes + UploadSpool::kMaxFieldBytes + 64 * 1024;
-  if (auto length = request.declaredLength(); length && *length > ceiling) {
+  if (post.declaredLength && *post.declaredLength > ceiling) {
     return refuse({400, "EntityTooLarge", "Your proposed upload exceeds the maximum allowed size"});
   }
-
   std::optional<StorageError> refusal;
   std::optional<UploadTicket> ticket;
   StoragePolicyGrant grant;
@@ -63,11 +54,11 @@ void StorageUploadReceiver::receive(RestRequest& request) {
   };
 
   UploadSpool spool(library_.directory(), faults_);
-  switch (spool.receive(request, *boundary, "file", gate)) {
+  switch (spool.receive(post.read, *boundary, "file", gate)) {
     case UploadSpool::Outcome::Stored:
       break;
     case UploadSpool::Outcome::Cut:
-      return FaultInjection::cutConnection(response);
+      return StorageVerdict{StorageVerdict::Kind::Cut, {}};
     case UploadSpool::Outcome::Refused:
       return refuse(*refusal);
     case UploadSpool::Outcome::TooLarge:
@@ -104,7 +95,7 @@ void StorageUploadReceiver::receive(RestRequest& request) {
     return refuse(
         {status, status == 409 ? "OperationAborted" : "InvalidRequest", stored.error().message});
   }
-  response.status = 204;
+  return StorageVerdict{};
 }
 
 }  // namespace nembra

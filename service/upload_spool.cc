@@ -2,16 +2,10 @@
 
 #include <chrono>
 #include <cstdio>
-#include <memory>
+
+#include "service/upload_file_writer.h"
 
 namespace nembra {
-namespace {
-
-struct FileCloser {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
-}  // namespace
 
 UploadSpool::UploadSpool(const DataDirectory& directory, const FaultInjection& faults)
     : directory_(directory), faults_(faults) {}
@@ -32,7 +26,13 @@ UploadSpool::Outcome UploadSpool::receive(const RestRequest& request, const std:
     message_ = "the request has no body";
     return Outcome::Malformed;
   }
-  std::unique_ptr<std::FILE, FileCloser> file;
+  return receive([&](const BodyReceiver& receiver) { return (*request.reader)(receiver); },
+                 boundary, fileField, gate);
+}
+
+UploadSpool::Outcome UploadSpool::receive(const BodyReader& read, const std::string& boundary,
+                                          const std::string& fileField, const FileGate& gate) {
+  UploadFileWriter file;
   bool inFile = false;
   bool sawFile = false;
   uint64_t fileLimit = 0;
@@ -53,14 +53,11 @@ UploadSpool::Outcome UploadSpool::receive(const RestRequest& request, const std:
       }
       fileLimit = *limit;
       filePath_ = directory_.newTemporaryPath(".part");
-      file.reset(std::fopen(filePath_.c_str(), "wb"));
-      if (!file) {
-        message_ = "cannot create " + filePath_;
+      if (!file.open(filePath_)) {
+        message_ = file.error();
         stop = Outcome::WriteFailed;
         return false;
       }
-      // Large writes: fewer system calls per gigabyte.
-      std::setvbuf(file.get(), nullptr, _IOFBF, 1 << 20);
       inFile = true;
       return true;
     }
@@ -77,8 +74,8 @@ UploadSpool::Outcome UploadSpool::receive(const RestRequest& request, const std:
         stop = Outcome::TooLarge;
         return false;
       }
-      if (std::fwrite(data, 1, size, file.get()) != size) {
-        message_ = "cannot write the upload to disk";
+      if (!file.write(data, size)) {
+        message_ = file.error();
         stop = Outcome::WriteFailed;
         return false;
       }
@@ -98,8 +95,8 @@ UploadSpool::Outcome UploadSpool::receive(const RestRequest& request, const std:
   callbacks.onPartEnd = [&] {
     if (inFile) {
       inFile = false;
-      if (std::fflush(file.get()) != 0 || std::fclose(file.release()) != 0) {
-        message_ = "cannot write the upload to disk";
+      if (!file.close()) {
+        message_ = file.error();
         stop = Outcome::WriteFailed;
         return false;
       }
@@ -113,7 +110,7 @@ UploadSpool::Outcome UploadSpool::receive(const RestRequest& request, const std:
   MultipartStreamParser parser(boundary, std::move(callbacks));
   auto start = std::chrono::steady_clock::now();
   uint64_t bodyBytes = 0;
-  bool read = (*request.reader)([&](const char* data, size_t size) {
+  bool completed = read([&](const char* data, size_t size) {
     bodyBytes += size;
     if (faults_.cutsUploadAt(bodyBytes)) {
       stop = Outcome::Cut;
@@ -128,14 +125,15 @@ UploadSpool::Outcome UploadSpool::receive(const RestRequest& request, const std:
     if (status == MultipartStreamParser::Status::Stopped) return false;
     return faults_.pace(start, bodyBytes);
   });
-  file.reset();
+  // An upload cut short leaves its file open: closed here, before it is removed.
+  file.close();
   auto failed = [&](Outcome outcome) {
     if (!filePath_.empty()) std::remove(filePath_.c_str());
     filePath_.clear();
     return outcome;
   };
   if (stop) return failed(*stop);
-  if (!read) {
+  if (!completed) {
     message_ = "the body ended before its declared length";
     return failed(Outcome::ReadFailed);
   }

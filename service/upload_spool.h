@@ -3,7 +3,7 @@
 // kept (small), and the file part's bytes go to disk as they arrive. Nothing is buffered beyond
 // one block, whatever the file's size.
 //
-// Threading: one spool per request, on the HTTP worker thread serving it.
+// Threading: one spool per request, on the thread serving it.
 #pragma once
 
 #include <cstdint>
@@ -38,6 +38,11 @@ class UploadSpool {
   using FileGate = std::function<std::optional<uint64_t>(
       const std::vector<std::pair<std::string, std::string>>& fields)>;
 
+  // Hands the body to |receiver| block by block until it ends (true) or the receiver or the
+  // connection stops it (false).
+  using BodyReceiver = std::function<bool(const char* data, size_t size)>;
+  using BodyReader = std::function<bool(const BodyReceiver& receiver)>;
+
   UploadSpool(const DataDirectory& directory, const FaultInjection& faults);
   // Removes the temporary file unless it was taken.
   ~UploadSpool();
@@ -48,6 +53,9 @@ class UploadSpool {
   // named |fileField|. Fields are limited to 64 KiB in all.
   Outcome receive(const RestRequest& request, const std::string& boundary,
                   const std::string& fileField, const FileGate& gate);
+  // The same for a body that |read| delivers; the caller knows there is one.
+  Outcome receive(const BodyReader& read, const std::string& boundary, const std::string& fileField,
+                  const FileGate& gate);
 
   const std::vector<std::pair<std::string, std::string>>& fields() const { return fields_; }
   const std::string& filePath() const { return filePath_; }

@@ -3,14 +3,19 @@
 // ffmpeg publishing over RTMP, and as the `nembra serve` process scripts run.
 #include "service/local_service.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <future>
 #include <nlohmann/json.hpp>
+#include <random>
 #include <thread>
 
 #include "api/nembra.h"
@@ -45,6 +50,40 @@ std::string sdkForm(const std::vector<std::pair<std::string, std::string>>& para
 }
 
 Json parse(const std::string& body) { return Json::parse(body, nullptr, false); }
+
+// Sends |request| to 127.0.0.1:|port| byte for byte, closes the sending side, and returns all
+// the server answers until it closes the connection: what no HTTP library would send.
+std::string rawExchange(int port, const std::string& request) {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  if (fd < 0) return "";
+  timeval timeout{20, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  std::string answer;
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
+      ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
+          static_cast<ssize_t>(request.size())) {
+    ::shutdown(fd, SHUT_WR);
+    char buffer[4096];
+    for (ssize_t got; (got = ::recv(fd, buffer, sizeof(buffer), 0)) > 0;)
+      answer.append(buffer, got);
+  }
+  ::close(fd);
+  return answer;
+}
+
+// The status codes of the answers in |raw|, in order (interim ones included).
+std::vector<int> statusCodes(const std::string& raw) {
+  std::vector<int> codes;
+  for (size_t at = 0; at < raw.size(); at = raw.find('\n', at) + 1) {
+    if (raw.compare(at, 9, "HTTP/1.1 ") == 0) codes.push_back(std::atoi(raw.c_str() + at + 9));
+    if (raw.find('\n', at) == std::string::npos) break;
+  }
+  return codes;
+}
 
 // An answer, or status 0 when none came: a failed exchange fails the test's expectations
 // instead of crashing the binary.
@@ -345,10 +384,13 @@ class StorageUploadTest : public LocalServiceTest {
   }
 
   // A browser-style POST of |fields| (in order) and the file, by curl.
+  // |curlOptions| go before the form.
   testing::CommandResult curlUpload(const Json& urlData, const std::string& file,
                                     const std::string& mime,
-                                    std::function<void(std::vector<std::string>&)> edit = {}) {
+                                    std::function<void(std::vector<std::string>&)> edit = {},
+                                    const std::vector<std::string>& curlOptions = {}) {
     std::vector<std::string> argv = {*curl_, "-sS", "-o", "-", "-w", "\n%{http_code}"};
+    argv.insert(argv.end(), curlOptions.begin(), curlOptions.end());
     std::vector<std::string> form;
     for (const auto& [name, value] : urlData["fields"].items()) {
       form.push_back(name + "=" + value.get<std::string>());
@@ -477,6 +519,211 @@ TEST_F(StorageUploadTest, SdkUploadWithTheSignedFieldsIsAccepted) {
   auto future = done->get_future();
   ASSERT_EQ(future.wait_for(60s), std::future_status::ready);
   EXPECT_EQ(future.get(), 204);
+}
+
+// A file of |size| random bytes: it compresses to nothing and hides no boundary by chance.
+std::string randomFile(const TempDir& dir, const std::string& name, size_t size) {
+  std::string bytes(size, '\0');
+  std::mt19937_64 random(size);
+  for (auto& c : bytes) c = static_cast<char>(random());
+  std::string path = dir.file(name);
+  writeFile(path, bytes);
+  return path;
+}
+
+// The media files stored under |dataDir| (the upload spool's directory left aside).
+std::vector<fs::path> storedFiles(const std::string& dataDir) {
+  std::vector<fs::path> files;
+  for (const auto& entry : fs::recursive_directory_iterator(dataDir + "/media")) {
+    if (entry.is_regular_file()) files.push_back(entry.path());
+  }
+  return files;
+}
+
+TEST_F(StorageUploadTest, TheStorageUrlIsTheStorageEndpointsOwnPort) {
+  Json urlData = parse(post(videos() + "/videos-upload-url?create_stream=true")->body)["url_data"];
+  std::string expected =
+      "http://127.0.0.1:" + std::to_string(service_->storagePort()) + "/storage/nembra-media";
+  EXPECT_EQ(urlData["url"], expected);
+  EXPECT_EQ(service_->urls().storage, expected);
+  EXPECT_NE(service_->storagePort(), service_->port());
+  // One storage endpoint only: the API's port has none.
+  EXPECT_EQ(reply(client_->Post("/storage/nembra-media", "x", "text/plain"))->status, 404);
+}
+
+TEST_F(StorageUploadTest, LargeFileWithExpectContinueByCurl) {
+  TempDir scratch("nembra-storage-large");
+  const size_t size = 48u << 20;
+  std::string file = randomFile(scratch, "large.bin", size);
+  Json urlData = parse(post(videos() + "/videos-upload-url?create_stream=true")->body)["url_data"];
+  // The answers' heads go to the output too, the interim one included.
+  auto stored =
+      curlUpload(urlData, file, "video/mp4", {}, {"-D", "-", "-H", "Expect: 100-continue"});
+  ASSERT_EQ(httpCode(stored), 204) << stored.output;
+  EXPECT_EQ(stored.output.find("HTTP/1.1 100 Continue\r\n"), 0u) << stored.output;
+  auto files = storedFiles(data_.path());
+  ASSERT_EQ(files.size(), 1u);
+  EXPECT_EQ(fs::file_size(files[0]), size);
+  EXPECT_TRUE(readFile(files[0].string()) == readFile(file)) << "the stored bytes differ";
+  EXPECT_TRUE(fs::is_empty(data_.path() + "/tmp"));
+}
+
+TEST_F(StorageUploadTest, ChunkedBodiesAreAcceptedByteExact) {
+  TempDir scratch("nembra-storage-chunked");
+  std::string file = randomFile(scratch, "chunked.bin", 3u << 20);
+  Json urlData = parse(post(videos() + "/videos-upload-url?create_stream=true")->body)["url_data"];
+  auto stored = curlUpload(urlData, file, "video/mp4", {}, {"-H", "Transfer-Encoding: chunked"});
+  ASSERT_EQ(httpCode(stored), 204) << stored.output;
+  auto files = storedFiles(data_.path());
+  ASSERT_EQ(files.size(), 1u);
+  EXPECT_TRUE(readFile(files[0].string()) == readFile(file)) << "the stored bytes differ";
+}
+
+TEST_F(StorageUploadTest, UploadsLargerThanTheLimitAreRefusedBeforeTheirBody) {
+  ServiceOptions options;
+  options.maxUploadBytes = 256 * 1024;
+  startService(options);
+  session_.clear();
+  TempDir scratch("nembra-storage-limit");
+  std::string file = randomFile(scratch, "big.bin", 4u << 20);
+  Json urlData = parse(post(videos() + "/videos-upload-url?create_stream=true")->body)["url_data"];
+  // Declared too large: refused at once; curl, waiting to continue, never sends the file.
+  auto declared = curlUpload(urlData, file, "video/mp4");
+  EXPECT_EQ(httpCode(declared), 400) << declared.output;
+  EXPECT_NE(declared.output.find("<Code>EntityTooLarge</Code>"), std::string::npos)
+      << declared.output;
+  // Undeclared (chunked): refused as the file passes the limit.
+  auto undeclared =
+      curlUpload(urlData, file, "video/mp4", {}, {"-H", "Transfer-Encoding: chunked"});
+  EXPECT_EQ(httpCode(undeclared), 400) << undeclared.output;
+  EXPECT_NE(undeclared.output.find("<Code>EntityTooLarge</Code>"), std::string::npos)
+      << undeclared.output;
+  EXPECT_TRUE(storedFiles(data_.path()).empty());
+  EXPECT_TRUE(fs::is_empty(data_.path() + "/tmp"));
+}
+
+TEST_F(StorageUploadTest, ACutUploadLosesItsConnectionAndStoresNothing) {
+  ServiceOptions options;
+  options.faults.cutUploadAfter = 64 * 1024;
+  startService(options);
+  session_.clear();
+  TempDir scratch("nembra-storage-cut");
+  std::string file = randomFile(scratch, "cut.bin", 1u << 20);
+  Json body = parse(post(videos() + "/videos-upload-url?create_stream=true")->body);
+  auto cut = curlUpload(body["url_data"], file, "video/mp4");
+  EXPECT_NE(cut.exitCode, 0) << cut.output;
+  EXPECT_NE(httpCode(cut), 204) << cut.output;
+  EXPECT_TRUE(storedFiles(data_.path()).empty());
+  EXPECT_TRUE(fs::is_empty(data_.path() + "/tmp"));
+  std::string confirm = videos() + "/" + body["video"]["token"].get<std::string>() + "/streams/" +
+                        body["stream"]["token"].get<std::string>() + "/confirm-video";
+  EXPECT_EQ(post(confirm)->status, 409);  // nothing arrived
+}
+
+TEST_F(StorageUploadTest, InjectedFailuresAnswerSlowDown) {
+  ServiceOptions options;
+  options.faults.failRate = 1.0;
+  startService(options);
+  std::string answer = rawExchange(service_->storagePort(),
+                                   "POST /storage/nembra-media HTTP/1.1\r\nHost: h\r\n"
+                                   "Content-Type: multipart/form-data; boundary=b\r\n"
+                                   "Content-Length: 10\r\n\r\n0123456789");
+  EXPECT_EQ(statusCodes(answer), std::vector<int>{503}) << answer;
+  EXPECT_NE(answer.find("<Code>SlowDown</Code>"), std::string::npos) << answer;
+}
+
+TEST_F(StorageUploadTest, TheEndpointAnswersOtherRequestsWithS3Errors) {
+  const int port = service_->storagePort();
+  struct Case {
+    const char* what;
+    std::string request;
+    int status;
+    const char* code;
+  };
+  std::vector<Case> cases = {
+      {"GET", "GET /storage/nembra-media HTTP/1.1\r\nHost: h\r\n\r\n", 405, "MethodNotAllowed"},
+      {"PUT", "PUT /storage/nembra-media/key HTTP/1.1\r\nHost: h\r\nContent-Length: 1\r\n\r\nx",
+       404, "NoSuchKey"},
+      {"other path", "POST /videos HTTP/1.1\r\nHost: h\r\nContent-Length: 0\r\n\r\n", 404,
+       "NoSuchKey"},
+      {"other bucket",
+       "POST /storage/other HTTP/1.1\r\nHost: h\r\nContent-Type: multipart/form-data; "
+       "boundary=b\r\nContent-Length: 4\r\n\r\n--b-",
+       404, "NoSuchBucket"},
+      {"not multipart",
+       "POST /storage/nembra-media HTTP/1.1\r\nHost: h\r\nContent-Type: text/plain\r\n"
+       "Content-Length: 2\r\n\r\nhi",
+       400, "MalformedPOSTRequest"},
+      {"broken multipart",
+       "POST /storage/nembra-media HTTP/1.1\r\nHost: h\r\nContent-Type: multipart/form-data; "
+       "boundary=b\r\nContent-Length: 12\r\n\r\nno delimiter",
+       400, "MalformedPOSTRequest"},
+      {"short body",
+       "POST /storage/nembra-media HTTP/1.1\r\nHost: h\r\nContent-Type: multipart/form-data; "
+       "boundary=b\r\nContent-Length: 100\r\n\r\n--b\r\n",
+       400, "IncompleteBody"},
+      {"garbage", "\x16\x03\x01\x02\xff nonsense\r\n\r\n", 400, "BadRequest"},
+      {"no Host", "POST /storage/nembra-media HTTP/1.1\r\n\r\n", 400, "BadRequest"},
+      {"huge head", "GET / HTTP/1.1\r\nX: " + std::string(20000, 'a') + "\r\n\r\n", 431,
+       "RequestHeaderSectionTooLarge"},
+      {"broken chunk size",
+       "POST /storage/nembra-media HTTP/1.1\r\nHost: h\r\nContent-Type: multipart/form-data; "
+       "boundary=b\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n",
+       400, "IncompleteBody"},
+  };
+  for (const auto& c : cases) {
+    std::string answer = rawExchange(port, c.request);
+    EXPECT_EQ(statusCodes(answer), std::vector<int>{c.status}) << c.what << ": " << answer;
+    EXPECT_NE(answer.find(std::string("<Code>") + c.code + "</Code>"), std::string::npos)
+        << c.what << ": " << answer;
+    EXPECT_NE(answer.find("Content-Type: application/xml"), std::string::npos) << c.what;
+  }
+  EXPECT_TRUE(fs::is_empty(data_.path() + "/tmp"));
+}
+
+TEST_F(StorageUploadTest, OneConnectionCarriesSeveralUploads) {
+  std::string file = media_.video("keepalive.mp4", "64x48", 0.4, false);
+  std::string request;
+  const std::string boundary = "nembra-test-boundary";
+  for (int i = 0; i < 2; ++i) {
+    Json urlData =
+        parse(post(videos() + "/videos-upload-url?create_stream=true")->body)["url_data"];
+    std::string body;
+    for (const auto& [name, value] : urlData["fields"].items()) {
+      body += "--" + boundary + "\r\nContent-Disposition: form-data; name=\"" + name +
+              "\"\r\n\r\n" + value.get<std::string>() + "\r\n";
+    }
+    body += "--" + boundary +
+            "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"v.mp4\"\r\n"
+            "Content-Type: video/mp4\r\n\r\n" +
+            readFile(file) + "\r\n--" + boundary + "--\r\n";
+    request +=
+        "POST /storage/nembra-media HTTP/1.1\r\nHost: h\r\nContent-Type: "
+        "multipart/form-data; boundary=" +
+        boundary + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+  }
+  // Both requests in one go: the second is read from what followed the first body.
+  std::string answer = rawExchange(service_->storagePort(), request);
+  EXPECT_EQ(statusCodes(answer), (std::vector<int>{204, 204})) << answer;
+  auto stored = storedFiles(data_.path());
+  EXPECT_EQ(std::count_if(stored.begin(), stored.end(),
+                          [&](const fs::path& path) { return readFile(path) == readFile(file); }),
+            2);
+}
+
+TEST_F(LocalServiceTest, ListenersTakeABurstOfConnections) {
+  auto ss = findProgram("ss");
+  if (!ss) GTEST_SKIP() << "ss is not installed";
+  // A listening socket's Send-Q is its backlog.
+  for (int port : {service_->port(), service_->storagePort()}) {
+    auto listed = runCommand({*ss, "-ltnH", "sport = :" + std::to_string(port)});
+    ASSERT_EQ(listed.exitCode, 0) << listed.output;
+    std::istringstream fields(listed.output);
+    std::string state, receiveQueue;
+    int backlog = 0;
+    fields >> state >> receiveQueue >> backlog;
+    EXPECT_GE(backlog, 128) << port << ": " << listed.output;
+  }
 }
 
 // ----- CDN ------------------------------------------------------------------------------------
@@ -637,14 +884,14 @@ TEST_F(LocalServiceTest, RestartKeepsSessionsMediaFilesAndSignedForms) {
   EXPECT_EQ(reply(cdn.Get("/cdn/v1/applications/app1/videos/" + v + "/video.mp4"))->body,
             readFile(file));
   // A form signed before the restart still verifies (the secret is kept), though its URL
-  // named the old port.
+  // named the old storage port.
   auto curl = findProgram("curl");
   if (!curl) return;
   std::vector<std::string> argv = {*curl, "-sS", "-o", "/dev/null", "-w", "%{http_code}"};
   for (const auto& [name, value] : upload["url_data"]["fields"].items()) {
     argv.insert(argv.end(), {"--form-string", name + "=" + value.get<std::string>()});
   }
-  argv.insert(argv.end(), {"-F", "file=@" + file, base() + "/storage/nembra-media"});
+  argv.insert(argv.end(), {"-F", "file=@" + file, service_->urls().storage});
   EXPECT_EQ(runCommand(argv).output, "204");
 }
 
