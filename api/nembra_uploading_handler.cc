@@ -169,10 +169,7 @@ NembraUploadingHandler::NembraUploadingHandler(Nembra& application, Seams seams)
                    ? UploadJournal::directoryFor(fs_, application.token())
                    : seams_.journalDirectory),
       reachability_(ReachabilityManager::shared().reachability().shared_from_this()),
-      center_(&NotificationCenter::defaultCenter()) {
-  if (!seams_.frameGrabber) seams_.frameGrabber = makeFfmpegFrameGrabber();
-  if (!seams_.converter) seams_.converter = makeFfmpegMediaConverter();
-}
+      center_(&NotificationCenter::defaultCenter()) {}
 
 NembraUploadingHandler::~NembraUploadingHandler() {
   *alive_ = false;
@@ -573,7 +570,7 @@ void NembraUploadingHandler::convertToMp4WithPath(const std::string& path, const
   // Converting a file onto itself would delete it first: it goes as it is.
   const bool sameFile = std::filesystem::equivalent(path, target, ec);
   if (!sameFile && FileSystem::fileExists(target)) FileSystem::removeItem(target);
-  MediaConverter* converter = seams_.converter.get();
+  MediaConverter* converter = &mediaConverter();
   background_.async(
       [this, converter, path, target, sameFile, data, callback, progress, confirmCallback] {
         std::string upload = path;
@@ -854,6 +851,18 @@ HttpClient& NembraUploadingHandler::downloadClient() {
   return *seams_.downloadClient;
 }
 
+// The media seams are made on first use: a process that only moves files never loads the
+// media libraries.
+FrameGrabber& NembraUploadingHandler::frameGrabber() {
+  if (!seams_.frameGrabber) seams_.frameGrabber = makeFfmpegFrameGrabber();
+  return *seams_.frameGrabber;
+}
+
+MediaConverter& NembraUploadingHandler::mediaConverter() {
+  if (!seams_.converter) seams_.converter = makeFfmpegMediaConverter();
+  return *seams_.converter;
+}
+
 ImageCodec& NembraUploadingHandler::imageCodec() {
   if (!seams_.imageCodec) seams_.imageCodec = makeFfmpegImageCodec();
   return *seams_.imageCodec;
@@ -996,7 +1005,7 @@ void NembraUploadingHandler::grabCover(const std::string& path, ThumbnailCache& 
     return;
   }
   std::weak_ptr<bool> alive = alive_;
-  FrameGrabber* grabber = seams_.frameGrabber.get();
+  FrameGrabber* grabber = &frameGrabber();
   background_.async([this, alive, &cache, grabber, path, callback] {
     FrameGrabOptions options;
     options.atSeconds = 0;

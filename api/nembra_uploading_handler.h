@@ -219,6 +219,9 @@ class NembraUploadingHandler {
   TaskHandle refuse(Error error, JsonCallback callback);
   std::string uploadUrlFor(int type);
   std::string confirmUrlFor(const Transfer& transfer);
+  // Made on first use, on the main queue.
+  FrameGrabber& frameGrabber();
+  MediaConverter& mediaConverter();
   ImageCodec& imageCodec();
   HttpClient& downloadClient();
 
