@@ -1,9 +1,8 @@
-#include "platform/ffmpeg_media_backend.h"
-
 #include <cmath>
 #include <cstdio>
 #include <fstream>
 
+#include "platform/ffmpeg_media_backend.h"
 #include "platform/media_av_support.h"
 #include "platform/media_encode_sink.h"
 
@@ -60,7 +59,7 @@ OptionalError writeTone(MediaEncodeSink& sink, double seconds) {
 }  // namespace
 
 OptionalError ffmpegWriteVideoSample(const std::string& path, double seconds, int width,
-                                            int height) {
+                                     int height) {
   EncodeSettings settings;
   settings.format = "mp4";
   settings.width = width & ~1;

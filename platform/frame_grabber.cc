@@ -1,9 +1,9 @@
-#include "platform/ffmpeg_media_backend.h"
 #include "platform/frame_grabber.h"
 
 #include <algorithm>
 #include <cmath>
 
+#include "platform/ffmpeg_media_backend.h"
 #include "platform/media_av_support.h"
 
 extern "C" {

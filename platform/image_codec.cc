@@ -1,9 +1,9 @@
-#include "platform/ffmpeg_media_backend.h"
 #include "platform/image_codec.h"
 
 #include <algorithm>
 #include <cstring>
 
+#include "platform/ffmpeg_media_backend.h"
 #include "platform/media_av_support.h"
 
 extern "C" {

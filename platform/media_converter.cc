@@ -1,10 +1,10 @@
-#include "platform/ffmpeg_media_backend.h"
 #include "platform/media_converter.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <vector>
 
+#include "platform/ffmpeg_media_backend.h"
 #include "platform/frame_grabber.h"
 #include "platform/media_av_support.h"
 #include "platform/media_encode_sink.h"

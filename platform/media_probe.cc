@@ -1,4 +1,3 @@
-#include "platform/ffmpeg_media_backend.h"
 #include "platform/media_probe.h"
 
 #include <sys/stat.h>
@@ -6,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/ffmpeg_media_backend.h"
 #include "platform/media_av_support.h"
 
 namespace nembra {

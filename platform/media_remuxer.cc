@@ -1,10 +1,10 @@
-#include "platform/ffmpeg_media_backend.h"
 #include "platform/media_remuxer.h"
 
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
+#include "platform/ffmpeg_media_backend.h"
 #include "platform/media_av_support.h"
 
 namespace nembra {
