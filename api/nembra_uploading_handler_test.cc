@@ -12,6 +12,7 @@
 #include "api/nembra_cache_manager.h"
 #include "api/nembra_connect.h"
 #include "api/reachability.h"
+#include "platform/fake_network_interfaces.h"
 #include "platform/http_test_support.h"
 #include "platform/local_notifications.h"
 #include "platform/media_log.h"
@@ -62,35 +63,13 @@ const std::string kPng(
     "\x00\x00\x49\x45\x4e\x44\xae\x42\x60\x82",
     70);
 
-struct NetworkSource : NetworkInterfaceSource {
-  NetworkSnapshot snapshot() override {
-    std::lock_guard lock(mutex);
-    return current;
-  }
-  void startWatching(std::function<void()> onChange) override {
-    std::lock_guard lock(mutex);
-    watcher = std::move(onChange);
-  }
-  void stopWatching() override {
-    std::lock_guard lock(mutex);
-    watcher = nullptr;
-  }
-  void set(bool wired, bool cellular) {
-    NetworkSnapshot next;
-    if (wired) next.push_back({"eth0", true, false, false, true, false, false});
-    if (cellular) next.push_back({"wwan0", true, false, true, true, false, false});
-    std::function<void()> notify;
-    {
-      std::lock_guard lock(mutex);
-      current = next;
-      notify = watcher;
-    }
-    if (notify) notify();
-  }
-  std::mutex mutex;
-  NetworkSnapshot current = {{"eth0", true, false, false, true, false, false}};
-  std::function<void()> watcher;
-};
+// The network as the tests set it: wired and cellular links up or down.
+NetworkSnapshot links(bool wired, bool cellular) {
+  NetworkSnapshot links;
+  if (wired) links.push_back(FakeNetworkInterfaces::wired());
+  if (cellular) links.push_back(FakeNetworkInterfaces::cellular());
+  return links;
+}
 
 // Holds storage answers until released, so a transfer stays in flight for as long as a test
 // needs it.
@@ -288,7 +267,8 @@ class UploadingHandlerTest : public ::testing::Test {
   NotificationCenter center_{main_};
   HttpTestServer server_;
   Gate gate_;
-  std::shared_ptr<NetworkSource> network_ = std::make_shared<NetworkSource>();
+  std::shared_ptr<FakeNetworkInterfaces> network_ =
+      std::make_shared<FakeNetworkInterfaces>(links(true, false));
   std::shared_ptr<Reachability> reachability_;
   std::shared_ptr<NembraUploadingDelegate> delegate_ = std::make_shared<NembraUploadingDelegate>();
   std::unique_ptr<Nembra> nembra_;
@@ -638,20 +618,20 @@ TEST_F(UploadingHandlerTest, LosingTheNetworkSuspendsAndItsReturnResumes) {
   auto task = handler().uploadTask();
   ASSERT_TRUE(task);
 
-  network_->set(false, false);
+  network_->change(links(false, false));
   ASSERT_TRUE(pumpUntil([&] { return task->state() == HttpTaskState::Suspended; }));
   gate_.open();
   main_.runUntil([] { return false; }, milliseconds(500));
   EXPECT_EQ(outcome->confirms, 0) << "a suspended transfer takes no answer";
 
-  network_->set(true, false);
+  network_->change(links(true, false));
   ASSERT_TRUE(pumpUntil([&] { return outcome->confirms == 1; }));
   EXPECT_FALSE(outcome->confirmError);
 }
 
 TEST_F(UploadingHandlerTest, WifiOnlyHoldsATransferWhileOnlyCellularIsUp) {
   nembra_->uploadingConfig().setShouldUseWifiOnly(true);
-  network_->set(false, true);
+  network_->change(links(false, true));
   std::string path = makeFile("a.mp4");
   auto outcome = std::make_shared<Outcome>();
   upload(VIDEO, path, outcome);
@@ -660,7 +640,7 @@ TEST_F(UploadingHandlerTest, WifiOnlyHoldsATransferWhileOnlyCellularIsUp) {
   EXPECT_EQ(count("POST /storage"), 0u);
   EXPECT_EQ(events_.back(), "preparing");
 
-  network_->set(true, true);
+  network_->change(links(true, true));
   ASSERT_TRUE(pumpUntil([&] { return outcome->confirms == 1; }));
   EXPECT_EQ(count("POST /storage"), 1u);
 }

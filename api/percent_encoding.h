@@ -18,4 +18,12 @@ enum class PercentEncodingSet {
 // Encodes every byte outside |set| as %XX (upper-case hex), UTF-8 bytes one by one.
 std::string percentEncode(std::string_view text, PercentEncodingSet set);
 
+// The value of a hexadecimal digit of either case, or -1 for any other character.
+constexpr int hexDigitValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
 }  // namespace nembra

@@ -4,6 +4,7 @@
 
 #include <mutex>
 
+#include "platform/fake_network_interfaces.h"
 #include "platform/network_interfaces.h"
 
 namespace nembra {
@@ -24,17 +25,14 @@ TEST_P(NetworkStatusForFlagsTest, MapsFlagsToStatus) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, NetworkStatusForFlagsTest,
-    testing::Values(FlagCase{0, NotReachable}, FlagCase{kReachable, ReachableViaWiFi},
-                    FlagCase{kReachable | kConnectionRequired, NotReachable},
-                    FlagCase{kReachable | kConnectionRequired | kConnectionOnTraffic,
-                             ReachableViaWiFi},
-                    FlagCase{kReachable | kConnectionRequired | kConnectionOnDemand,
-                             ReachableViaWiFi},
-                    FlagCase{kReachable | kConnectionRequired | kConnectionOnTraffic |
-                                 kInterventionRequired,
-                             NotReachable},
-                    FlagCase{kReachable | kIsWWAN, ReachableViaWWAN},
-                    FlagCase{kIsWWAN, NotReachable}));
+    testing::Values(
+        FlagCase{0, NotReachable}, FlagCase{kReachable, ReachableViaWiFi},
+        FlagCase{kReachable | kConnectionRequired, NotReachable},
+        FlagCase{kReachable | kConnectionRequired | kConnectionOnTraffic, ReachableViaWiFi},
+        FlagCase{kReachable | kConnectionRequired | kConnectionOnDemand, ReachableViaWiFi},
+        FlagCase{kReachable | kConnectionRequired | kConnectionOnTraffic | kInterventionRequired,
+                 NotReachable},
+        FlagCase{kReachable | kIsWWAN, ReachableViaWWAN}, FlagCase{kIsWWAN, NotReachable}));
 
 TEST(ReachabilityTest, LocalWiFiNeedsReachableAndDirect) {
   EXPECT_EQ(Reachability::localWiFiStatusForFlags(kReachable | kIsDirect), ReachableViaWiFi);
@@ -43,44 +41,15 @@ TEST(ReachabilityTest, LocalWiFiNeedsReachableAndDirect) {
 }
 
 TEST(ReachabilityTest, FlagStatusLineNamesEachBit) {
-  EXPECT_EQ(Reachability::flagStatusLine(kIsWWAN | kReachable | kTransientConnection |
-                                             kIsLocalAddress | kIsDirect,
-                                         "networkStatusForFlags"),
+  EXPECT_EQ(Reachability::flagStatusLine(
+                kIsWWAN | kReachable | kTransientConnection | kIsLocalAddress | kIsDirect,
+                "networkStatusForFlags"),
             "Reachability Flag Status: WR t----ld networkStatusForFlags\n");
   EXPECT_EQ(Reachability::flagStatusLine(kConnectionRequired | kConnectionOnTraffic |
                                              kInterventionRequired | kConnectionOnDemand,
                                          "localWiFiStatusForFlags"),
             "Reachability Flag Status: -- -cCiD-- localWiFiStatusForFlags\n");
 }
-
-class FakeInterfaces : public NetworkInterfaceSource {
- public:
-  NetworkSnapshot snapshot() override {
-    std::lock_guard lock(mutex);
-    return current;
-  }
-  void startWatching(std::function<void()> onChange) override {
-    std::lock_guard lock(mutex);
-    watcher = std::move(onChange);
-  }
-  void stopWatching() override {
-    std::lock_guard lock(mutex);
-    watcher = nullptr;
-  }
-  void change(NetworkSnapshot next) {
-    std::function<void()> notify;
-    {
-      std::lock_guard lock(mutex);
-      current = std::move(next);
-      notify = watcher;
-    }
-    if (notify) notify();
-  }
-
-  std::mutex mutex;
-  NetworkSnapshot current;
-  std::function<void()> watcher;
-};
 
 NetworkInterface loopback() {
   NetworkInterface i;
@@ -104,23 +73,23 @@ NetworkInterface modem() {
 }
 
 TEST(ReachabilityTest, InternetStatusFollowsUsableInterfaces) {
-  auto fake = std::make_shared<FakeInterfaces>();
+  auto fake = std::make_shared<FakeNetworkInterfaces>();
   auto internet = Reachability::reachabilityForInternetConnection();
   internet->setInterfaceSource(fake);
 
-  fake->current = {loopback()};
+  fake->set({loopback()});
   EXPECT_EQ(internet->currentReachabilityStatus(), NotReachable);
-  fake->current = {loopback(), ethernet(/*up=*/false)};
+  fake->set({loopback(), ethernet(/*up=*/false)});
   EXPECT_EQ(internet->currentReachabilityStatus(), NotReachable);
-  fake->current = {loopback(), modem()};
+  fake->set({loopback(), modem()});
   EXPECT_EQ(internet->currentReachabilityStatus(), ReachableViaWWAN);
-  fake->current = {loopback(), modem(), ethernet()};
+  fake->set({loopback(), modem(), ethernet()});
   EXPECT_EQ(internet->currentReachabilityStatus(), ReachableViaWiFi);
 
   auto local = Reachability::reachabilityForLocalWiFi();
   local->setInterfaceSource(fake);
   EXPECT_EQ(local->currentReachabilityStatus(), ReachableViaWiFi);
-  fake->current = {loopback(), modem()};
+  fake->set({loopback(), modem()});
   EXPECT_EQ(local->currentReachabilityStatus(), NotReachable);
 
   auto localhost = Reachability::reachabilityWithAddress("127.0.0.1");
@@ -131,8 +100,8 @@ TEST(ReachabilityTest, InternetStatusFollowsUsableInterfaces) {
 TEST(ReachabilityTest, PostsOneNotificationPerStatusChangeOnTheMainQueue) {
   MainQueue main;
   NotificationCenter center(main);
-  auto fake = std::make_shared<FakeInterfaces>();
-  fake->current = {loopback(), ethernet()};
+  auto fake = std::make_shared<FakeNetworkInterfaces>();
+  fake->set({loopback(), ethernet()});
   auto internet = Reachability::reachabilityForInternetConnection();
   internet->setInterfaceSource(fake);
   internet->setNotificationCenter(center);

@@ -11,6 +11,7 @@
 #include <random>
 
 #include "api/console_log.h"
+#include "api/percent_encoding.h"
 
 namespace nembra {
 
@@ -89,13 +90,6 @@ uint32_t randomBelowMax() {
   thread_local std::mt19937 generator{std::random_device{}()};
   std::uniform_int_distribution<uint32_t> distribution(0, 4294967294u);
   return distribution(generator);
-}
-
-int hexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
 }
 
 }  // namespace
@@ -256,8 +250,8 @@ std::optional<std::string> Utils::pathFromFileUrl(const std::string& url) {
   std::string path;
   for (size_t i = 0; i < encoded.size(); ++i) {
     int high = -1, low = -1;
-    if (encoded[i] == '%' && i + 2 < encoded.size() && (high = hexDigit(encoded[i + 1])) >= 0 &&
-        (low = hexDigit(encoded[i + 2])) >= 0) {
+    if (encoded[i] == '%' && i + 2 < encoded.size() &&
+        (high = hexDigitValue(encoded[i + 1])) >= 0 && (low = hexDigitValue(encoded[i + 2])) >= 0) {
       path += static_cast<char>(high * 16 + low);
       i += 2;
     } else {

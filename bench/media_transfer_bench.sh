@@ -7,33 +7,8 @@
 set -euo pipefail
 
 BUILD=${1:-build}
-NEMBRA=$(realpath "$BUILD/nembra")
-WORK=$(mktemp -d /tmp/nembra-transfer-bench-XXXXXX)
-trap 'kill $SERVE_PID 2>/dev/null || true; wait 2>/dev/null || true; rm -rf "$WORK"' EXIT
-APP=bench
-
-"$NEMBRA" serve --port 0 --port-file "$WORK/port" --data "$WORK/data" --rtmp-port 0 \
-  --max-upload $((2 << 30)) >"$WORK/serve.log" 2>&1 &
-SERVE_PID=$!
-for _ in $(seq 100); do [ -s "$WORK/port" ] && break; sleep 0.1; done
-SERVER="http://127.0.0.1:$(cat "$WORK/port")"
-export NEMBRA_HOME="$WORK/home"
-cli() { "$NEMBRA" --server "$SERVER" --token "$APP" "$@"; }
-
-# A fresh upload URL of the service, as the SDK asks for it; prints curl's -F arguments.
-curl_form() {
-  cli --json request POST "/v1/applications/$APP/videos/videos-upload-url?create_stream=true" |
-    jq -r '.body.url_data as $d | ($d.fields | to_entries[] | "-F\n\(.key)=\(.value)"), "URL=\($d.url)"'
-}
-
-# Seconds of wall time of "$@".
-wall() {
-  local start end
-  start=$(date +%s.%N)
-  "$@"
-  end=$(date +%s.%N)
-  echo "$end - $start" | bc
-}
+source "$(dirname "$0")/bench_service.sh"
+start_service "$BUILD" transfer
 
 echo "== 1 GiB upload"
 head -c $((1 << 30)) /dev/urandom >"$WORK/big.mp4"

@@ -9,37 +9,8 @@ set -euo pipefail
 
 BUILD=${1:-build}
 RUNS=${RUNS:-3}
-NEMBRA=$(realpath "$BUILD/nembra")
-WORK=$(mktemp -d /tmp/nembra-storage-bench-XXXXXX)
-trap 'kill $SERVE_PID 2>/dev/null || true; wait 2>/dev/null || true; rm -rf "$WORK"' EXIT
-APP=bench
-
-"$NEMBRA" serve --port 0 --port-file "$WORK/port" --data "$WORK/data" --rtmp-port 0 \
-  --max-upload $((2 << 30)) >"$WORK/serve.log" 2>&1 &
-SERVE_PID=$!
-for _ in $(seq 100); do [ -s "$WORK/port" ] && break; sleep 0.1; done
-if ! [ -s "$WORK/port" ]; then
-  cat "$WORK/serve.log" >&2
-  exit 1
-fi
-SERVER="http://127.0.0.1:$(cat "$WORK/port")"
-export NEMBRA_HOME="$WORK/home"
-
-# A fresh upload URL of the service, as the SDK asks for it; prints curl's -F arguments.
-curl_form() {
-  "$NEMBRA" --server "$SERVER" --token "$APP" --json request POST \
-    "/v1/applications/$APP/videos/videos-upload-url?create_stream=true" |
-    jq -r '.body.url_data as $d | ($d.fields | to_entries[] | "-F\n\(.key)=\(.value)"), "URL=\($d.url)"'
-}
-
-# Seconds of wall time of "$@".
-wall() {
-  local start end
-  start=$(date +%s.%N)
-  "$@"
-  end=$(date +%s.%N)
-  awk -v a="$start" -v b="$end" 'BEGIN {printf "%.3f", b - a}'
-}
+source "$(dirname "$0")/bench_service.sh"
+start_service "$BUILD" storage
 
 # The sum, or the ratio, of two numbers.
 add() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.3f", a + b}'; }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <variant>
 
 #include "nembra/error.h"
@@ -28,6 +29,22 @@ struct MediaSourceInfo {
 };
 
 using MediaSourceItem = std::variant<EncodedVideoSample, EncodedAudioSample, RawMediaFrame>;
+
+// What a file source does with one demuxed sample: |convert| fills a Sample from it and
+// returns false for a sample with nothing to send (or sets |error| when the file is broken).
+enum class SampleStep { Delivered, Skipped, Failed };
+
+template <typename Sample, typename Convert>
+SampleStep deliverSample(double pts, const OptionalError& error, MediaSourceItem& item,
+                         Convert convert) {
+  Sample sample;
+  const bool usable = convert(sample);
+  if (error) return SampleStep::Failed;
+  if (!usable) return SampleStep::Skipped;
+  sample.pts = pts;
+  item = std::move(sample);
+  return SampleStep::Delivered;
+}
 
 // Threading: read() is called from one thread (the capture thread); interrupt() may be called
 // from any thread. No callbacks.

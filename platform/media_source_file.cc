@@ -182,28 +182,16 @@ bool MediaSourceFile::read(MediaSourceItem& item, OptionalError& error) {
     const double seconds = secondsOf(*packet_);
     if (startTime_ < 0) startTime_ = seconds;
     const double pts = std::max(0.0, seconds - startTime_);
-    if (packet_->stream_index == videoStream_) {
-      EncodedVideoSample sample;
-      const bool usable = convertVideo(*packet_, sample, error);
-      if (error) {
-        finished_ = true;
-        break;
-      }
-      if (!usable) continue;
-      sample.pts = pts;
-      item = std::move(sample);
-      return true;
-    }
-    EncodedAudioSample sample;
-    const bool usable = convertAudio(*packet_, sample, error);
-    if (error) {
-      finished_ = true;
-      break;
-    }
-    if (!usable) continue;
-    sample.pts = pts;
-    item = std::move(sample);
-    return true;
+    const SampleStep step =
+        packet_->stream_index == videoStream_
+            ? deliverSample<EncodedVideoSample>(
+                  pts, error, item,
+                  [&](auto& sample) { return convertVideo(*packet_, sample, error); })
+            : deliverSample<EncodedAudioSample>(pts, error, item, [&](auto& sample) {
+                return convertAudio(*packet_, sample, error);
+              });
+    if (step == SampleStep::Delivered) return true;
+    if (step == SampleStep::Failed) finished_ = true;
   }
   return false;
 }

@@ -241,28 +241,15 @@ bool MediaSourceMp4::read(MediaSourceItem& item, OptionalError& error) {
       break;
     }
     const double pts = std::max(0.0, mp4.time - demuxer_->startTime());
-    if (mp4.video) {
-      EncodedVideoSample sample;
-      const bool usable = convertVideo(bytes, sample, error);
-      if (error) {
-        finished_ = true;
-        break;
-      }
-      if (!usable) continue;
-      sample.pts = pts;
-      item = std::move(sample);
-      return true;
-    }
-    EncodedAudioSample sample;
-    const bool usable = convertAudio(bytes, sample, error);
-    if (error) {
-      finished_ = true;
-      break;
-    }
-    if (!usable) continue;
-    sample.pts = pts;
-    item = std::move(sample);
-    return true;
+    const SampleStep step =
+        mp4.video ? deliverSample<EncodedVideoSample>(
+                        pts, error, item,
+                        [&](auto& sample) { return convertVideo(bytes, sample, error); })
+                  : deliverSample<EncodedAudioSample>(pts, error, item, [&](auto& sample) {
+                      return convertAudio(bytes, sample, error);
+                    });
+    if (step == SampleStep::Delivered) return true;
+    if (step == SampleStep::Failed) finished_ = true;
   }
   return false;
 }

@@ -3,18 +3,9 @@
 #include <algorithm>
 #include <cstring>
 
+#include "api/percent_encoding.h"
+
 namespace nembra {
-namespace {
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-}  // namespace
-
 ChunkedBodyDecoder::Status ChunkedBodyDecoder::fail(std::string message) {
   state_ = State::Failed;
   error_ = std::move(message);
@@ -39,9 +30,9 @@ bool ChunkedBodyDecoder::readLine(const char* data, size_t size, size_t& positio
 bool ChunkedBodyDecoder::parseSizeLine() {
   size_t digits = 0;
   uint64_t value = 0;
-  while (digits < line_.size() && hexValue(line_[digits]) >= 0) {
+  while (digits < line_.size() && hexDigitValue(line_[digits]) >= 0) {
     if (digits == kMaxSizeDigits) return false;
-    value = value * 16 + static_cast<uint64_t>(hexValue(line_[digits]));
+    value = value * 16 + static_cast<uint64_t>(hexDigitValue(line_[digits]));
     ++digits;
   }
   if (digits == 0) return false;

@@ -1,16 +1,8 @@
 #include "service/form_params.h"
 
+#include "api/percent_encoding.h"
+
 namespace nembra {
-namespace {
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-}  // namespace
 
 std::optional<std::string> percentDecode(std::string_view text) {
   std::string out;
@@ -20,8 +12,8 @@ std::optional<std::string> percentDecode(std::string_view text) {
       out.push_back(text[i]);
       continue;
     }
-    int high = i + 1 < text.size() ? hexValue(text[i + 1]) : -1;
-    int low = i + 2 < text.size() ? hexValue(text[i + 2]) : -1;
+    int high = i + 1 < text.size() ? hexDigitValue(text[i + 1]) : -1;
+    int low = i + 2 < text.size() ? hexDigitValue(text[i + 2]) : -1;
     if (high < 0 || low < 0) return std::nullopt;
     out.push_back(static_cast<char>(high * 16 + low));
     i += 2;

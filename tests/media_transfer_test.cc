@@ -20,6 +20,7 @@
 #include "api/nembra_videos.h"
 #include "api/reachability.h"
 #include "platform/child_process.h"
+#include "platform/fake_network_interfaces.h"
 #include "platform/media_log.h"
 #include "platform/media_sample_writer.h"
 #include "platform/media_test_files.h"
@@ -75,34 +76,6 @@ std::string noisyVideo(testing::MediaTestFiles& files, const std::string& name, 
              "-c:a",     "aac"});
 }
 
-struct NetworkSource : NetworkInterfaceSource {
-  NetworkSnapshot snapshot() override {
-    std::lock_guard lock(mutex);
-    return current;
-  }
-  void startWatching(std::function<void()> onChange) override {
-    std::lock_guard lock(mutex);
-    watcher = std::move(onChange);
-  }
-  void stopWatching() override {
-    std::lock_guard lock(mutex);
-    watcher = nullptr;
-  }
-  void setUp(bool up) {
-    std::function<void()> notify;
-    {
-      std::lock_guard lock(mutex);
-      current = up ? NetworkSnapshot{{"eth0", true, false, false, true, false, false}}
-                   : NetworkSnapshot{};
-      notify = watcher;
-    }
-    if (notify) notify();
-  }
-  std::mutex mutex;
-  NetworkSnapshot current = {{"eth0", true, false, false, true, false, false}};
-  std::function<void()> watcher;
-};
-
 // The SDK in this process, talking to the service, with its uploading delegate recorded.
 class Sdk {
  public:
@@ -157,7 +130,9 @@ class Sdk {
     return path;
   }
 
-  void setNetwork(bool up) { network_->setUp(up); }
+  void setNetwork(bool up) {
+    network_->change(up ? NetworkSnapshot{FakeNetworkInterfaces::wired()} : NetworkSnapshot{});
+  }
 
   std::vector<std::string> verified;
   std::vector<std::string> transferErrors;
@@ -167,7 +142,8 @@ class Sdk {
  private:
   MainQueue main_;
   NotificationCenter center_{main_};
-  std::shared_ptr<NetworkSource> network_ = std::make_shared<NetworkSource>();
+  std::shared_ptr<FakeNetworkInterfaces> network_ =
+      std::make_shared<FakeNetworkInterfaces>(NetworkSnapshot{FakeNetworkInterfaces::wired()});
   std::shared_ptr<Reachability> reachability_ = Reachability::reachabilityForInternetConnection();
   std::shared_ptr<NembraUploadingDelegate> delegate_ = std::make_shared<NembraUploadingDelegate>();
   std::unique_ptr<Nembra> nembra_;
