@@ -1,10 +1,6 @@
 #include "api/nembra_connect.h"
 
-#include <cerrno>
-#include <chrono>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <istream>
 #include <ostream>
 #include <random>
@@ -14,7 +10,7 @@
 #include "api/nembra_uploading_handler.h"
 #include "api/percent_encoding.h"
 #include "api/utils.h"
-#include "platform/file_system.h"
+#include "platform/http_body_file.h"
 #include "platform/http_curl_client.h"
 
 namespace nembra {
@@ -26,8 +22,6 @@ constexpr const char* kWakeupSessionIdentifier = "uploadingSession";
 constexpr const char* kFormContentType = "application/x-www-form-urlencoded";
 // What a missing text prints as in the log lines.
 constexpr const char* kNullText = "(null)";
-// Upload body names count whole seconds from 2001-01-01 UTC, as they always have.
-constexpr int64_t kAbsoluteTimeEpochOffset = 978307200;
 
 std::string queryString(const Json& parameters) {
   std::string query;
@@ -111,55 +105,55 @@ bool hasScheme(const std::string& path) {
   return path.find("https://") != std::string::npos || path.find("http://") != std::string::npos;
 }
 
-Error fileError(const std::string& what, const std::string& path, int code) {
-  return Error::file(what + " " + path + ": " + std::strerror(code), code);
+// The multipart body around the file's bytes: the form fields and the file part's header before
+// them, the closing line after.
+struct MultipartFrame {
+  std::string head;
+  std::string tail;
+};
+
+MultipartFrame multipartFrame(const std::string& boundary, const Json& parameters,
+                              const std::string& name, const std::string& fileName,
+                              const std::string& contentType) {
+  MultipartFrame frame;
+  if (parameters.is_object()) {
+    for (const auto& entry : parameters.items()) {
+      frame.head += "--" + boundary + "\r\n";
+      frame.head += "Content-Disposition: form-data; name=\"" + entry.key() + "\"\r\n\r\n";
+      frame.head += Utils::textualForm(entry.value()) + "\r\n";
+    }
+  }
+  frame.head += "--" + boundary + "\r\n";
+  // The ";" after the file name is part of the layout the storage side has always accepted.
+  frame.head +=
+      "Content-Disposition: form-data; name=\"" + name + "\"; filename=\"" + fileName + "\";\r\n";
+  frame.head += "Content-Type: " + contentType + "\r\n\r\n";
+  frame.tail = "\r\n--" + boundary + "--\r\n";
+  return frame;
 }
 
-// Writes an upload body to |bodyPath| from the file at |sourcePath|; |write| lays it out.
-// On failure nothing is left at |bodyPath| and the source is untouched.
-template <typename Writer>
-OptionalError writeUploadBody(const std::string& bodyPath, const std::string& sourcePath,
-                              Writer write, int64_t& length) {
-  std::error_code ec;
-  if (!std::filesystem::is_regular_file(sourcePath, ec)) {
-    return Error::file("the file to upload " + sourcePath + " does not exist or is not a file",
-                       ec ? ec.value() : 0);
-  }
-  if (std::filesystem::equivalent(sourcePath, bodyPath, ec)) {
-    return Error::file("the file to upload " + sourcePath +
-                       " is where its upload body would be written");
-  }
-  std::ifstream in(sourcePath, std::ios::binary);
-  if (!in) return fileError("cannot open the file to upload", sourcePath, errno);
-  // A body of the same name from an upload started in the same second goes on being sent: that
-  // upload holds its file open, and this one gets a new file under the name.
-  std::filesystem::remove(bodyPath, ec);
-  std::ofstream out(bodyPath, std::ios::binary | std::ios::trunc);
-  if (!out) return fileError("cannot create the upload body", bodyPath, errno);
-  length = write(in, out);
-  out.flush();
-  int code = errno;
+// The multipart body of an upload of |filePath|, laid out as it is sent: the file goes out
+// straight from where it is, with no copy of it made first.
+std::pair<std::unique_ptr<HttpBodyFile>, OptionalError> openUploadBody(const std::string& filePath,
+                                                                       MultipartFrame frame) {
   OptionalError error;
-  if (in.bad()) {
-    error = fileError("cannot read the file to upload", sourcePath, code);
-  } else if (!out) {
-    error = fileError("cannot write the upload body", bodyPath, code);
-  }
-  out.close();
-  if (error) std::filesystem::remove(bodyPath, ec);
-  return error;
+  auto body = HttpBodyFile::open(filePath, error, std::move(frame.head), std::move(frame.tail));
+  return {std::move(body), std::move(error)};
 }
+
+HttpHeaders multipartHeaders(int64_t length) {
+  return {{"Content-Type", std::string("multipart/form-data; boundary=") + NembraConnect::kMultipartBoundary},
+          {"Content-Length", std::to_string(length)}};
+}
+
 
 }  // namespace
 
 NembraConnect::NembraConnect(Nembra& application)
     : application_(application), client_(std::make_unique<CurlHttpClient>()) {}
 
-NembraConnect::NembraConnect(Nembra& application, std::unique_ptr<HttpClient> client,
-                             std::string temporaryDirectory)
-    : application_(application),
-      temporaryDirectory_(std::move(temporaryDirectory)),
-      client_(std::move(client)) {}
+NembraConnect::NembraConnect(Nembra& application, std::unique_ptr<HttpClient> client)
+    : application_(application), client_(std::move(client)) {}
 
 NembraConnect::~NembraConnect() = default;
 
@@ -371,7 +365,7 @@ NembraConnect::TaskHandle NembraConnect::backgroundUploadWithPath(
     const std::string& file, DataCallback callback, ProgressCallback progress) {
   if (!data.is_null() && !data.is_object()) {
     HttpRequest request{"POST", path, {}, std::nullopt};
-    return startUpload(std::move(request), identifier, "",
+    return startUpload(std::move(request), identifier, nullptr,
                        Error::invalidArgument("the parameters of the upload to " + path +
                                               " must be a JSON object, not " + data.type_name()),
                        std::move(callback), std::move(progress));
@@ -384,20 +378,12 @@ NembraConnect::TaskHandle NembraConnect::backgroundUploadWithPath(
         request.method = "POST";
         request.url =
             (hasScheme(path) ? path : videoCollectionUrl(path)) + "?" + queryString(completed);
-        std::string bodyPath = uploadBodyPath("mp4");
-        int64_t length = 0;
-        OptionalError error = writeUploadBody(
-            bodyPath, file,
-            [](std::istream& in, std::ostream& out) {
-              return createBodyWithBoundaryStreamed(kMultipartBoundary, in, out, "video.mp4");
-            },
-            length);
-        request.headers = {
-            {"Content-Type", std::string("multipart/form-data; boundary=") + kMultipartBoundary},
-            {"Content-Length", std::to_string(length)}};
+        auto [body, error] = openUploadBody(
+            file, multipartFrame(kMultipartBoundary, nullptr, "file", "video.mp4", "video/mp4"));
+        request.headers = multipartHeaders(body ? body->size() : 0);
         application_.log("background request from file");
-        return startUpload(std::move(request), identifier, bodyPath, std::move(error), callback,
-                           progress);
+        return startUpload(std::move(request), identifier, std::move(body), std::move(error),
+                           callback, progress);
       });
 }
 
@@ -408,7 +394,7 @@ NembraConnect::TaskHandle NembraConnect::uploadFileWithPath(
   if (!parameters.is_null() && !parameters.is_object()) {
     HttpRequest request{"POST", path, {}, std::nullopt};
     return startUpload(
-        std::move(request), identifier, "",
+        std::move(request), identifier, nullptr,
         Error::invalidArgument("the form fields of the upload to " + path +
                                " must be a JSON object, not " + parameters.type_name()),
         std::move(callback), std::move(progress));
@@ -422,22 +408,14 @@ NembraConnect::TaskHandle NembraConnect::uploadFileWithPath(
         request.method = "POST";
         request.url =
             (hasScheme(path) ? path : videoCollectionUrl(path)) + "?" + queryString(completed);
-        std::string bodyPath = uploadBodyPath(fileExtension);
-        int64_t length = 0;
         // The form carries the caller's fields only; the session and tokens ride in the query.
-        OptionalError error = writeUploadBody(
-            bodyPath, filePath,
-            [&](std::istream& in, std::ostream& out) {
-              return createBodyWithBoundary(kMultipartBoundary, parameters, in, out, fileName,
-                                            fileName + "." + fileExtension, mimeType);
-            },
-            length);
-        request.headers = {
-            {"Content-Type", std::string("multipart/form-data; boundary=") + kMultipartBoundary},
-            {"Content-Length", std::to_string(length)}};
+        auto [body, error] =
+            openUploadBody(filePath, multipartFrame(kMultipartBoundary, parameters, fileName,
+                                                    fileName + "." + fileExtension, mimeType));
+        request.headers = multipartHeaders(body ? body->size() : 0);
         application_.log("background request from file");
-        return startUpload(std::move(request), identifier, bodyPath, std::move(error), callback,
-                           progress);
+        return startUpload(std::move(request), identifier, std::move(body), std::move(error),
+                           callback, progress);
       });
 }
 
@@ -465,24 +443,10 @@ int64_t NembraConnect::createBodyWithBoundary(const std::string& boundary,
                                               std::istream& inputStream, std::ostream& outputStream,
                                               const std::string& name, const std::string& fileName,
                                               const std::string& contentType) {
-  int64_t written = 0;
-  if (parameters.is_object()) {
-    for (const auto& entry : parameters.items()) {
-      written += streamWriteString("--" + boundary + "\r\n", outputStream);
-      written += streamWriteString(
-          "Content-Disposition: form-data; name=\"" + entry.key() + "\"\r\n\r\n", outputStream);
-      written += streamWriteString(Utils::textualForm(entry.value()) + "\r\n", outputStream);
-    }
-  }
-  written += streamWriteString("--" + boundary + "\r\n", outputStream);
-  // The ";" after the file name is part of the layout the storage side has always accepted.
-  written += streamWriteString(
-      "Content-Disposition: form-data; name=\"" + name + "\"; filename=\"" + fileName + "\";\r\n",
-      outputStream);
-  written += streamWriteString("Content-Type: " + contentType + "\r\n\r\n", outputStream);
+  MultipartFrame frame = multipartFrame(boundary, parameters, name, fileName, contentType);
+  int64_t written = streamWriteString(frame.head, outputStream);
   written += blockCopyFrom(inputStream, outputStream);
-  written += streamWriteString("\r\n--" + boundary + "--\r\n", outputStream);
-  return written;
+  return written + streamWriteString(frame.tail, outputStream);
 }
 
 int64_t NembraConnect::createBodyWithBoundaryStreamed(const std::string& boundary,
@@ -633,7 +597,7 @@ NembraConnect::TaskHandle NembraConnect::startForegroundRequest(HttpRequest requ
 
 NembraConnect::TaskHandle NembraConnect::startUpload(HttpRequest request,
                                                      const std::string& identifier,
-                                                     const std::string& bodyPath,
+                                                     std::unique_ptr<HttpBodyFile> body,
                                                      OptionalError bodyError, DataCallback callback,
                                                      ProgressCallback progress) {
   HttpTaskEvents events;
@@ -643,21 +607,15 @@ NembraConnect::TaskHandle NembraConnect::startUpload(HttpRequest request,
   };
   events.completion = [this](HttpTask& task, Bytes, const HttpResponse&,
                              const OptionalError& error) { URLSession(*client_, task, error); };
-  const bool ownsBody = !bodyError;
-  TaskHandle task = bodyError ? client_->failedTask(request, std::move(*bodyError), events)
-                              : client_->uploadTask(request, bodyPath, events);
+  TaskHandle task = body ? client_->uploadTask(request, std::move(body), events)
+                         : client_->failedTask(request, std::move(*bodyError), events);
   task->setTaskDescription(identifier);
   application_.log("task " + std::to_string(task->taskIdentifier()) + " created");
 
-  auto completion = [this, bodyPath, ownsBody, callback = std::move(callback)](
+  auto completion = [this, callback = std::move(callback)](
                         const Bytes& data, const HttpResponse& response,
                         const OptionalError& error) {
     uploadSemaphore_.release();
-    // The body file is ours alone; the caller's file was only read.
-    if (ownsBody) {
-      std::error_code ec;
-      std::filesystem::remove(bodyPath, ec);
-    }
     if (callback) callback(data, response, error);
   };
   {
@@ -699,16 +657,6 @@ std::string NembraConnect::resolveUrl(const std::string& path) {
 // The video collection URL of the application, as the upload handler builds it.
 std::string NembraConnect::videoCollectionUrl(const std::string& path) {
   return application_.uploadingHandler().getApiUrlWithType(VIDEO, path);
-}
-
-std::string NembraConnect::uploadBodyPath(const std::string& extension) const {
-  std::string directory =
-      temporaryDirectory_ ? *temporaryDirectory_ : FileSystem::shared().temporaryDirectory();
-  auto unixSeconds = std::chrono::duration_cast<std::chrono::seconds>(
-                         std::chrono::system_clock::now().time_since_epoch())
-                         .count();
-  auto seconds = static_cast<int32_t>(unixSeconds - kAbsoluteTimeEpochOffset);
-  return directory + "/" + std::to_string(seconds) + "." + extension;
 }
 
 std::shared_ptr<BackgroundTaskContext> NembraConnect::takeContext(uint64_t taskIdentifier) {

@@ -40,6 +40,7 @@
 
 namespace nembra {
 
+class HttpBodyFile;
 class Nembra;
 
 class NembraConnect {
@@ -71,11 +72,9 @@ class NembraConnect {
   static constexpr const char* kMultipartBoundary = "----WebKitFormBoundaryLEjTQVMVbVg9HRYu";
   static constexpr size_t kCopyBlockSize = 0x10000;
 
-  // Uses the platform HTTP client and the file system's temporary directory.
+  // Uses the platform HTTP client.
   explicit NembraConnect(Nembra& application);
-  // |temporaryDirectory| receives the upload bodies.
-  NembraConnect(Nembra& application, std::unique_ptr<HttpClient> client,
-                std::string temporaryDirectory);
+  NembraConnect(Nembra& application, std::unique_ptr<HttpClient> client);
   // Aborts running requests and uploads without calling their callbacks.
   ~NembraConnect();
 
@@ -180,18 +179,15 @@ class NembraConnect {
  private:
   TaskHandle startForegroundRequest(HttpRequest request, DataCallback callback);
   TaskHandle startUpload(HttpRequest request, const std::string& identifier,
-                         const std::string& bodyPath, OptionalError bodyError,
+                         std::unique_ptr<HttpBodyFile> body, OptionalError bodyError,
                          DataCallback callback, ProgressCallback progress);
   TaskHandle failRequest(const std::string& method, const std::string& path, Error error,
                          DataCallback callback);
   std::string resolveUrl(const std::string& path);
   std::string videoCollectionUrl(const std::string& path);
-  std::string uploadBodyPath(const std::string& extension) const;
   std::shared_ptr<BackgroundTaskContext> takeContext(uint64_t taskIdentifier);
 
   Nembra& application_;
-  // Where upload bodies are written; absent: the file system's temporary directory at the time.
-  const std::optional<std::string> temporaryDirectory_;
 
   mutable std::mutex mutex_;
   std::optional<std::string> serverAuthToken_;  // guarded by mutex_

@@ -160,7 +160,8 @@ OptionalError UploadJournal::write(const UploadJournalEntry& entry) {
     return Error::invalidArgument("\"" + entry.id + "\" is not an upload record id");
   }
   if (auto error = FileSystem::createDirectories(directory_)) return error;
-  return FileSystem::writeFileAtomically(recordPath(entry.id), entry.toJson().dump());
+  return FileSystem::writeFileAtomically(recordPath(entry.id), entry.toJson().dump(),
+                                         FileSystem::Durability::ProcessSafe);
 }
 
 OptionalError UploadJournal::remove(const std::string& id) {

@@ -6,6 +6,11 @@
 // process (or a second flow in this one) cannot claim an upload that is in hand, and the kernel
 // frees the claim when its holder dies, also by SIGKILL.
 //
+// Records survive the death of the process, not a power cut: syncing one waits for every write
+// the file system has pending (right after a large upload, a second or more, on the main queue),
+// and a record lost with the machine costs only an upload that is not restarted by itself; the
+// file is never touched.
+//
 // Threading: every member is safe from any thread.
 #pragma once
 

@@ -90,7 +90,7 @@ void syncDirectory(const fs::path& dir) {
 // under a temporary name. A crash before the link leaves nothing on disk. Returns the
 // temporary name, or nothing when the file system cannot do this (the caller falls back).
 std::optional<std::string> writeUnnamed(const fs::path& target, std::string_view contents,
-                                        mode_t mode, OptionalError& error) {
+                                        mode_t mode, bool sync, OptionalError& error) {
   fs::path dir = target.parent_path();
   int fd = ::open(dir.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, mode);
   if (fd < 0) {
@@ -99,7 +99,7 @@ std::optional<std::string> writeUnnamed(const fs::path& target, std::string_view
     return std::nullopt;
   }
   std::optional<std::string> name;
-  if (::fchmod(fd, mode) != 0 || !writeAll(fd, contents) || ::fsync(fd) != 0) {
+  if (::fchmod(fd, mode) != 0 || !writeAll(fd, contents) || (sync && ::fsync(fd) != 0)) {
     error = fileError("cannot write " + target.string(), errno);
   } else {
     const std::string self = "/proc/self/fd/" + std::to_string(fd);
@@ -119,14 +119,14 @@ std::optional<std::string> writeUnnamed(const fs::path& target, std::string_view
 // The portable way: a named temporary file from the start. Only a crash while writing can
 // leave it behind.
 std::optional<std::string> writeNamed(const fs::path& target, std::string_view contents,
-                                      mode_t mode, OptionalError& error) {
+                                      mode_t mode, bool sync, OptionalError& error) {
   std::string name = temporaryName(target) + "-XXXXXX";
   int fd = ::mkostemp(name.data(), O_CLOEXEC);
   if (fd < 0) {
     error = fileError("cannot create a temporary file in " + target.parent_path().string(), errno);
     return std::nullopt;
   }
-  bool ok = ::fchmod(fd, mode) == 0 && writeAll(fd, contents) && ::fsync(fd) == 0;
+  bool ok = ::fchmod(fd, mode) == 0 && writeAll(fd, contents) && (!sync || ::fsync(fd) == 0);
   int savedErrno = errno;
   ::close(fd);
   if (!ok) {
@@ -320,7 +320,8 @@ std::optional<std::string> FileSystem::readFile(const std::string& path, Optiona
   return contents;
 }
 
-OptionalError FileSystem::writeFileAtomically(const std::string& path, std::string_view contents) {
+OptionalError FileSystem::writeFileAtomically(const std::string& path, std::string_view contents,
+                                              Durability durability) {
   std::error_code ec;
   fs::path target = fs::absolute(fs::path(path), ec);
   if (ec) return fileError("cannot write " + path, ec);
@@ -329,15 +330,16 @@ OptionalError FileSystem::writeFileAtomically(const std::string& path, std::stri
   }
   const mode_t mode = modeFor(target.string());
   OptionalError error;
-  std::optional<std::string> temporary = writeUnnamed(target, contents, mode, error);
-  if (!temporary && !error) temporary = writeNamed(target, contents, mode, error);
+  const bool sync = durability == Durability::Synced;
+  std::optional<std::string> temporary = writeUnnamed(target, contents, mode, sync, error);
+  if (!temporary && !error) temporary = writeNamed(target, contents, mode, sync, error);
   if (!temporary) return error;
   if (::rename(temporary->c_str(), target.c_str()) != 0) {
     int code = errno;
     ::unlink(temporary->c_str());
     return fileError("cannot replace " + path, code);
   }
-  syncDirectory(target.parent_path());
+  if (sync) syncDirectory(target.parent_path());
   return std::nullopt;
 }
 

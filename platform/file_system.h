@@ -69,11 +69,20 @@ class FileSystem {
                                                             OptionalError* error = nullptr);
   static std::optional<std::string> readFile(const std::string& path,
                                              OptionalError* error = nullptr);
+  enum class Durability {
+    // Survives a power loss: the data and the directory are synced before this returns.
+    Synced,
+    // Survives the death of the process only. A sync waits for every write of the file system
+    // before it (a large file just written by anyone costs a second), which a record whose loss
+    // merely repeats some work need not pay.
+    ProcessSafe,
+  };
   // Replaces |path| with |contents| so that a reader, or the file after a crash, holds either
   // the old or the new contents, never a mix: the data is written to an unnamed file in the
-  // same directory, synced, then renamed over |path|, and the directory is synced. On failure
-  // |path| is unchanged and nothing is left behind.
-  static OptionalError writeFileAtomically(const std::string& path, std::string_view contents);
+  // same directory, then renamed over |path|. On failure |path| is unchanged and nothing is
+  // left behind.
+  static OptionalError writeFileAtomically(const std::string& path, std::string_view contents,
+                                           Durability durability = Durability::Synced);
 
  private:
   std::string subdirectory(const char* name, OptionalError* error) const;

@@ -15,6 +15,7 @@
 
 namespace nembra {
 
+class HttpBodyFile;
 class HttpTask;
 
 // Header lines in the order they are sent or were received. Names keep their spelling.
@@ -63,6 +64,10 @@ class HttpClient {
   // what is sent is the file as it is now even if the path is later replaced or removed; a file
   // that cannot be opened makes the task complete with a File error once resumed.
   virtual std::shared_ptr<HttpTask> uploadTask(HttpRequest request, const std::string& filePath,
+                                               HttpTaskEvents events) = 0;
+  // The same with a body file the caller opened (and framed).
+  virtual std::shared_ptr<HttpTask> uploadTask(HttpRequest request,
+                                               std::unique_ptr<HttpBodyFile> body,
                                                HttpTaskEvents events) = 0;
 
   // A task that sends nothing and, once resumed, completes with |error|: lets a caller that

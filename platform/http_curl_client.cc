@@ -59,16 +59,22 @@ std::shared_ptr<HttpTask> CurlHttpClient::uploadTask(HttpRequest request,
   return makeTask(std::move(request), std::move(events), std::move(bodyFile), std::move(error));
 }
 
+std::shared_ptr<HttpTask> CurlHttpClient::uploadTask(HttpRequest request,
+                                                     std::unique_ptr<HttpBodyFile> body,
+                                                     HttpTaskEvents events) {
+  return makeTask(std::move(request), std::move(events), std::move(body), configurationError_);
+}
+
 std::shared_ptr<HttpTask> CurlHttpClient::failedTask(HttpRequest request, Error error,
                                                      HttpTaskEvents events) {
   return makeTask(std::move(request), std::move(events), nullptr, std::move(error));
 }
 
 std::shared_ptr<HttpTask> CurlHttpClient::makeTask(HttpRequest request, HttpTaskEvents events,
-                                                   std::unique_ptr<HttpBodyFile> bodyFile,
+                                                   std::unique_ptr<HttpBodyFile> body,
                                                    OptionalError presetError) {
   return std::make_shared<CurlTransfer>(nextIdentifier_++, std::move(request), std::move(events),
-                                        loop_, settings_, std::move(bodyFile),
+                                        loop_, settings_, std::move(body),
                                         std::move(presetError));
 }
 

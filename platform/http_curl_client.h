@@ -44,12 +44,14 @@ class CurlHttpClient final : public HttpClient {
   std::shared_ptr<HttpTask> dataTask(HttpRequest request, HttpTaskEvents events) override;
   std::shared_ptr<HttpTask> uploadTask(HttpRequest request, const std::string& filePath,
                                        HttpTaskEvents events) override;
+  std::shared_ptr<HttpTask> uploadTask(HttpRequest request, std::unique_ptr<HttpBodyFile> body,
+                                       HttpTaskEvents events) override;
   std::shared_ptr<HttpTask> failedTask(HttpRequest request, Error error,
                                        HttpTaskEvents events) override;
 
  private:
   std::shared_ptr<HttpTask> makeTask(HttpRequest request, HttpTaskEvents events,
-                                     std::unique_ptr<HttpBodyFile> bodyFile,
+                                     std::unique_ptr<HttpBodyFile> body,
                                      OptionalError presetError);
 
   std::shared_ptr<const CurlTransferSettings> settings_;

@@ -20,13 +20,13 @@ std::string trimLineEnd(const char* data, size_t length) {
 CurlTransfer::CurlTransfer(uint64_t identifier, HttpRequest request, HttpTaskEvents events,
                            std::weak_ptr<CurlMultiLoop> loop,
                            std::shared_ptr<const CurlTransferSettings> settings,
-                           std::unique_ptr<HttpBodyFile> bodyFile, OptionalError presetError)
+                           std::unique_ptr<HttpBodyFile> body, OptionalError presetError)
     : identifier_(identifier),
       request_(std::move(request)),
       events_(std::move(events)),
       loop_(std::move(loop)),
       settings_(std::move(settings)),
-      bodyFile_(std::move(bodyFile)),
+      body_(std::move(body)),
       presetError_(std::move(presetError)) {}
 
 CurlTransfer::~CurlTransfer() { release(); }
@@ -133,8 +133,8 @@ CURL* CurlTransfer::open(CurlMultiLoop& loop, OptionalError& error) {
   headerList_ = curl_slist_append(headerList_, "Expect:");
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headerList_);
 
-  const bool hasBody = bodyFile_ || request_.body;
-  if (bodyFile_) {
+  const bool hasBody = body_ || request_.body;
+  if (body_) {
     curl_easy_setopt(easy, CURLOPT_POST, 1L);
     curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(bodyLength()));
     curl_easy_setopt(easy, CURLOPT_READFUNCTION, &CurlTransfer::onRead);
@@ -195,18 +195,35 @@ void CurlTransfer::release() {
 }
 
 int64_t CurlTransfer::bodyLength() const {
-  if (bodyFile_) return bodyFile_->size();
+  if (body_) return body_->size();
   return request_.body ? static_cast<int64_t>(request_.body->size()) : 0;
 }
 
 void CurlTransfer::reportProgress(int64_t totalSent) {
-  if (totalSent <= reportedSent_ || !events_.progress || !runningLoop_) return;
-  int64_t step = totalSent - reportedSent_;
-  reportedSent_ = totalSent;
-  int64_t expected = bodyLength();
-  runningLoop_->deliver([self = shared_from_this(), step, totalSent, expected] {
-    self->events_.progress(*self, step, totalSent, expected);
-  });
+  if (!events_.progress || !runningLoop_) return;
+  if (totalSent > reportedSent_) {
+    reportedSent_ = totalSent;
+    latestSent_.store(totalSent);
+  }
+  if (reportedSent_ <= postedSent_) return;
+  // A wake-up of two threads per block would cost a large upload more than its sends.
+  auto now = std::chrono::steady_clock::now();
+  if (reportedSent_ < bodyLength() && now - progressPosted_ < kProgressInterval) return;
+  if (progressPending_.exchange(true)) return;
+  progressPosted_ = now;
+  postedSent_ = reportedSent_;
+  runningLoop_->deliver(
+      [self = shared_from_this(), expected = bodyLength()] { self->deliverProgress(expected); });
+}
+
+void CurlTransfer::deliverProgress(int64_t expected) {
+  // Cleared before the count is read: a count stored after this read posts an event of its own.
+  progressPending_.store(false);
+  int64_t totalSent = latestSent_.load();
+  if (totalSent <= deliveredSent_) return;
+  int64_t step = totalSent - deliveredSent_;
+  deliveredSent_ = totalSent;
+  events_.progress(*this, step, totalSent, expected);
 }
 
 void CurlTransfer::complete(HttpResponse response, OptionalError error) {
@@ -259,13 +276,13 @@ size_t CurlTransfer::onHeader(char* data, size_t size, size_t count, void* self)
 
 size_t CurlTransfer::onRead(char* buffer, size_t size, size_t count, void* self) {
   auto* transfer = static_cast<CurlTransfer*>(self);
-  size_t got = transfer->bodyFile_->read(buffer, size * count, transfer->bodyError_);
+  size_t got = transfer->body_->read(buffer, size * count, transfer->bodyError_);
   return transfer->bodyError_ ? CURL_READFUNC_ABORT : got;
 }
 
 int CurlTransfer::onSeek(void* self, curl_off_t offset, int origin) {
   auto* transfer = static_cast<CurlTransfer*>(self);
-  if (origin != SEEK_SET || !transfer->bodyFile_->seek(offset)) return CURL_SEEKFUNC_CANTSEEK;
+  if (origin != SEEK_SET || !transfer->body_->seek(offset)) return CURL_SEEKFUNC_CANTSEEK;
   return CURL_SEEKFUNC_OK;
 }
 

@@ -7,6 +7,7 @@
 
 #include <curl/curl.h>
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -33,12 +34,12 @@ struct CurlTransferSettings {
 
 class CurlTransfer final : public HttpTask, public std::enable_shared_from_this<CurlTransfer> {
  public:
-  // |bodyFile|, when given, is sent instead of request.body. A |presetError| makes the task
+  // |body|, when given, is sent instead of request.body. A |presetError| makes the task
   // complete with it as soon as it is resumed, without sending anything.
   CurlTransfer(uint64_t identifier, HttpRequest request, HttpTaskEvents events,
                std::weak_ptr<CurlMultiLoop> loop,
                std::shared_ptr<const CurlTransferSettings> settings,
-               std::unique_ptr<HttpBodyFile> bodyFile, OptionalError presetError);
+               std::unique_ptr<HttpBodyFile> body, OptionalError presetError);
   ~CurlTransfer() override;
 
   uint64_t taskIdentifier() const override { return identifier_; }
@@ -71,6 +72,8 @@ class CurlTransfer final : public HttpTask, public std::enable_shared_from_this<
 
   int64_t bodyLength() const;
   void reportProgress(int64_t totalSent);
+  // Callback queue. Reports what was sent since the last event.
+  void deliverProgress(int64_t expected);
   void complete(HttpResponse response, OptionalError error);
   Error transportError(CURLcode result) const;
 
@@ -87,7 +90,7 @@ class CurlTransfer final : public HttpTask, public std::enable_shared_from_this<
   std::string description_;                         // guarded by mutex_
 
   // Network thread only from here on.
-  std::unique_ptr<HttpBodyFile> bodyFile_;
+  std::unique_ptr<HttpBodyFile> body_;
   OptionalError presetError_;
   OptionalError bodyError_;
   CurlMultiLoop* runningLoop_ = nullptr;
@@ -96,6 +99,15 @@ class CurlTransfer final : public HttpTask, public std::enable_shared_from_this<
   std::vector<uint8_t> received_;
   HttpHeaders receivedHeaders_;
   int64_t reportedSent_ = 0;
+  // Progress crosses to the callback queue at most once per kProgressInterval, and one event
+  // at a time: while one is on its way, later counts only raise latestSent_, which that event
+  // reads when it runs. The last count always goes.
+  static constexpr std::chrono::milliseconds kProgressInterval{20};
+  std::chrono::steady_clock::time_point progressPosted_;
+  int64_t postedSent_ = 0;
+  std::atomic<int64_t> latestSent_{0};
+  std::atomic<bool> progressPending_{false};
+  int64_t deliveredSent_ = 0;  // callback queue only
   bool completed_ = false;
   char errorBuffer_[CURL_ERROR_SIZE] = {};
 };
