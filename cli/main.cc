@@ -13,6 +13,9 @@ int main(int argc, char** argv) {
                "token with --token (or NEMBRA_TOKEN); `nembra serve` runs one locally."};
   app.set_help_all_flag("--help-all", "Show help for every subcommand");
   app.require_subcommand(1);
+  // Subcommands inherit it: the options above may also come after a subcommand
+  // (`nembra videos list --json`).
+  app.fallthrough();
 
   app.add_option("--token", options.token, "Application token")->envname("NEMBRA_TOKEN");
   app.add_option("--server", options.server,

@@ -179,7 +179,13 @@ class UploadRun {
   void end(FileUpload& upload, const std::string& error) {
     if (upload.ended) return;
     upload.ended = true;
+    // The link is the SDK's business: messages name the file the user gave.
     upload.error = error;
+    if (!upload.handed.empty() && upload.handed != upload.source) {
+      for (size_t at; (at = upload.error.find(upload.handed)) != std::string::npos;) {
+        upload.error.replace(at, upload.handed.size(), upload.source);
+      }
+    }
     board_.finish(upload.line, error.empty() ? "done" : "failed");
     // A file the service never confirmed is the SDK's no longer: the link goes, the source stays.
     if (!error.empty() && !arguments_.removeSource && !upload.handed.empty() &&

@@ -411,7 +411,8 @@ TEST(MediaCommandsTest, UploadListDownloadAndCacheFromTheCommandLine) {
   }
   ASSERT_FALSE(videoToken.empty()) << uploaded.output;
 
-  auto listed = cli({"--json", "videos", "list"});
+  // Global options may come after the subcommand too.
+  auto listed = cli({"videos", "list", "--json"});
   ASSERT_EQ(listed.exitCode, 0) << listed.output;
   EXPECT_NE(listed.output.find("\"from cli\""), std::string::npos) << listed.output;
 
@@ -427,6 +428,14 @@ TEST(MediaCommandsTest, UploadListDownloadAndCacheFromTheCommandLine) {
   auto missing = cli({"upload", scratch.file("nothing.mp4")});
   EXPECT_EQ(missing.exitCode, 1);
   EXPECT_NE(missing.output.find("no such file"), std::string::npos) << missing.output;
+  // Errors name the user's file, not the link the command hands the SDK.
+  const std::string empty = scratch.file("empty file.mp4");
+  std::ofstream(empty).close();
+  auto refused = cli({"upload", empty});
+  EXPECT_EQ(refused.exitCode, 1);
+  EXPECT_NE(refused.output.find("cannot upload " + empty + ": the file is empty"),
+            std::string::npos)
+      << refused.output;
   auto unsafe = cli({"videos", "get", "../secret"});
   EXPECT_EQ(unsafe.exitCode, 1);
   EXPECT_NE(unsafe.output.find("not a valid token"), std::string::npos) << unsafe.output;
