@@ -142,10 +142,10 @@ std::pair<std::unique_ptr<HttpBodyFile>, OptionalError> openUploadBody(const std
 }
 
 HttpHeaders multipartHeaders(int64_t length) {
-  return {{"Content-Type", std::string("multipart/form-data; boundary=") + NembraConnect::kMultipartBoundary},
+  return {{"Content-Type",
+           std::string("multipart/form-data; boundary=") + NembraConnect::kMultipartBoundary},
           {"Content-Length", std::to_string(length)}};
 }
-
 
 }  // namespace
 
@@ -399,24 +399,24 @@ NembraConnect::TaskHandle NembraConnect::uploadFileWithPath(
                                " must be a JSON object, not " + parameters.type_name()),
         std::move(callback), std::move(progress));
   }
-  return addSessionData(
-      parameters, path,
-      [this, path, parameters, identifier, filePath, fileName, mimeType, fileExtension,
-       callback = std::move(callback),
-       progress = std::move(progress)](const Parameters& completed) {
-        HttpRequest request;
-        request.method = "POST";
-        request.url =
-            (hasScheme(path) ? path : videoCollectionUrl(path)) + "?" + queryString(completed);
-        // The form carries the caller's fields only; the session and tokens ride in the query.
-        auto [body, error] =
-            openUploadBody(filePath, multipartFrame(kMultipartBoundary, parameters, fileName,
-                                                    fileName + "." + fileExtension, mimeType));
-        request.headers = multipartHeaders(body ? body->size() : 0);
-        application_.log("background request from file");
-        return startUpload(std::move(request), identifier, std::move(body), std::move(error),
-                           callback, progress);
-      });
+  return addSessionData(parameters, path,
+                        [this, path, parameters, identifier, filePath, fileName, mimeType,
+                         fileExtension, callback = std::move(callback),
+                         progress = std::move(progress)](const Parameters& completed) {
+                          HttpRequest request;
+                          request.method = "POST";
+                          request.url = (hasScheme(path) ? path : videoCollectionUrl(path)) + "?" +
+                                        queryString(completed);
+                          // The form carries the caller's fields only; the session and tokens ride
+                          // in the query.
+                          auto [body, error] = openUploadBody(
+                              filePath, multipartFrame(kMultipartBoundary, parameters, fileName,
+                                                       fileName + "." + fileExtension, mimeType));
+                          request.headers = multipartHeaders(body ? body->size() : 0);
+                          application_.log("background request from file");
+                          return startUpload(std::move(request), identifier, std::move(body),
+                                             std::move(error), callback, progress);
+                        });
 }
 
 std::string NembraConnect::generateBoundaryString() {
@@ -612,9 +612,9 @@ NembraConnect::TaskHandle NembraConnect::startUpload(HttpRequest request,
   task->setTaskDescription(identifier);
   application_.log("task " + std::to_string(task->taskIdentifier()) + " created");
 
-  auto completion = [this, callback = std::move(callback)](
-                        const Bytes& data, const HttpResponse& response,
-                        const OptionalError& error) {
+  auto completion = [this, callback = std::move(callback)](const Bytes& data,
+                                                           const HttpResponse& response,
+                                                           const OptionalError& error) {
     uploadSemaphore_.release();
     if (callback) callback(data, response, error);
   };

@@ -585,8 +585,7 @@ INSTANTIATE_TEST_SUITE_P(
     Inputs, NembraConnectBadUploadTest,
     ::testing::Values(
         BadUploadCase{"MissingFile", BadUpload::MissingFile, ErrorKind::File, "does not exist"},
-        BadUploadCase{"Directory", BadUpload::Directory, ErrorKind::File,
-                      "is not a regular file"},
+        BadUploadCase{"Directory", BadUpload::Directory, ErrorKind::File, "is not a regular file"},
         BadUploadCase{"NonObjectParameters", BadUpload::NonObjectParameters,
                       ErrorKind::InvalidArgument, "must be a JSON object"}),
     [](const auto& info) { return std::string(info.param.name); });

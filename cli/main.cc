@@ -8,9 +8,10 @@ int main(int argc, char** argv) {
   nembra::CliContext context;
   auto& options = context.options;
 
-  CLI::App app{"nembra: record, upload, stream and play media against a Nembra media service.\n"
-               "Point it at a service with --server (or NEMBRA_SERVER) and an application\n"
-               "token with --token (or NEMBRA_TOKEN); `nembra serve` runs one locally."};
+  CLI::App app{
+      "nembra: record, upload, stream and play media against a Nembra media service.\n"
+      "Point it at a service with --server (or NEMBRA_SERVER) and an application\n"
+      "token with --token (or NEMBRA_TOKEN); `nembra serve` runs one locally."};
   app.set_help_all_flag("--help-all", "Show help for every subcommand");
   app.require_subcommand(1);
   // Subcommands inherit it: the options above may also come after a subcommand

@@ -74,8 +74,7 @@ std::shared_ptr<HttpTask> CurlHttpClient::makeTask(HttpRequest request, HttpTask
                                                    std::unique_ptr<HttpBodyFile> body,
                                                    OptionalError presetError) {
   return std::make_shared<CurlTransfer>(nextIdentifier_++, std::move(request), std::move(events),
-                                        loop_, settings_, std::move(body),
-                                        std::move(presetError));
+                                        loop_, settings_, std::move(body), std::move(presetError));
 }
 
 }  // namespace nembra

@@ -51,8 +51,7 @@ class CurlHttpClient final : public HttpClient {
 
  private:
   std::shared_ptr<HttpTask> makeTask(HttpRequest request, HttpTaskEvents events,
-                                     std::unique_ptr<HttpBodyFile> body,
-                                     OptionalError presetError);
+                                     std::unique_ptr<HttpBodyFile> body, OptionalError presetError);
 
   std::shared_ptr<const CurlTransferSettings> settings_;
   // Set when the options cannot be honoured (unreadable extra roots): every task then fails
