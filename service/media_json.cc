@@ -147,8 +147,12 @@ Json MediaJson::video(const MediaView& view) const {
   Summary summary = summarize(view);
   Json streams = Json::array();
   for (const auto& stream : view.streams) streams.push_back(this->stream(view, stream));
-  const StreamRecord* original = view.originalStream();
-  const StreamRecord* preferred = view.defaultStream();
+  // The original and default streams are among those just built: copied, not built again.
+  auto builtFor = [&](const StreamRecord* record) {
+    return record ? streams[static_cast<size_t>(record - view.streams.data())] : Json::object();
+  };
+  Json original = builtFor(view.originalStream());
+  Json preferred = builtFor(view.defaultStream());
 
   Json json;
   json["volatile"] = text(attributes.flag("volatile"));
@@ -189,8 +193,8 @@ Json MediaJson::video(const MediaView& view) const {
   json["meta_profile_id"] = attributes.string("meta_profile_id");
   json["state_string"] = summary.stateString;
   json["streams"] = std::move(streams);
-  json["original_stream"] = original ? this->stream(view, *original) : Json::object();
-  json["default_stream"] = preferred ? this->stream(view, *preferred) : Json::object();
+  json["original_stream"] = std::move(original);
+  json["default_stream"] = std::move(preferred);
   json["embed_image_url"] = coverUrl(media);
   json["embed_video_url"] = mediaUrl(media);
   return json;
