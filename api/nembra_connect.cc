@@ -134,11 +134,9 @@ MultipartFrame multipartFrame(const std::string& boundary, const Json& parameter
 
 // The multipart body of an upload of |filePath|, laid out as it is sent: the file goes out
 // straight from where it is, with no copy of it made first.
-std::pair<std::unique_ptr<HttpBodyFile>, OptionalError> openUploadBody(const std::string& filePath,
-                                                                       MultipartFrame frame) {
-  OptionalError error;
-  auto body = HttpBodyFile::open(filePath, error, std::move(frame.head), std::move(frame.tail));
-  return {std::move(body), std::move(error)};
+std::unique_ptr<HttpBodyFile> openUploadBody(const std::string& filePath, MultipartFrame frame,
+                                             OptionalError& error) {
+  return HttpBodyFile::open(filePath, error, std::move(frame.head), std::move(frame.tail));
 }
 
 HttpHeaders multipartHeaders(int64_t length) {
@@ -378,8 +376,10 @@ NembraConnect::TaskHandle NembraConnect::backgroundUploadWithPath(
         request.method = "POST";
         request.url =
             (hasScheme(path) ? path : videoCollectionUrl(path)) + "?" + queryString(completed);
-        auto [body, error] = openUploadBody(
-            file, multipartFrame(kMultipartBoundary, nullptr, "file", "video.mp4", "video/mp4"));
+        OptionalError error;
+        auto body = openUploadBody(
+            file, multipartFrame(kMultipartBoundary, nullptr, "file", "video.mp4", "video/mp4"),
+            error);
         request.headers = multipartHeaders(body ? body->size() : 0);
         application_.log("background request from file");
         return startUpload(std::move(request), identifier, std::move(body), std::move(error),
@@ -399,24 +399,26 @@ NembraConnect::TaskHandle NembraConnect::uploadFileWithPath(
                                " must be a JSON object, not " + parameters.type_name()),
         std::move(callback), std::move(progress));
   }
-  return addSessionData(parameters, path,
-                        [this, path, parameters, identifier, filePath, fileName, mimeType,
-                         fileExtension, callback = std::move(callback),
-                         progress = std::move(progress)](const Parameters& completed) {
-                          HttpRequest request;
-                          request.method = "POST";
-                          request.url = (hasScheme(path) ? path : videoCollectionUrl(path)) + "?" +
-                                        queryString(completed);
-                          // The form carries the caller's fields only; the session and tokens ride
-                          // in the query.
-                          auto [body, error] = openUploadBody(
-                              filePath, multipartFrame(kMultipartBoundary, parameters, fileName,
-                                                       fileName + "." + fileExtension, mimeType));
-                          request.headers = multipartHeaders(body ? body->size() : 0);
-                          application_.log("background request from file");
-                          return startUpload(std::move(request), identifier, std::move(body),
-                                             std::move(error), callback, progress);
-                        });
+  return addSessionData(
+      parameters, path,
+      [this, path, parameters, identifier, filePath, fileName, mimeType, fileExtension,
+       callback = std::move(callback),
+       progress = std::move(progress)](const Parameters& completed) {
+        HttpRequest request;
+        request.method = "POST";
+        request.url =
+            (hasScheme(path) ? path : videoCollectionUrl(path)) + "?" + queryString(completed);
+        // The form carries the caller's fields only; the session and tokens ride in the query.
+        OptionalError error;
+        auto body = openUploadBody(filePath,
+                                   multipartFrame(kMultipartBoundary, parameters, fileName,
+                                                  fileName + "." + fileExtension, mimeType),
+                                   error);
+        request.headers = multipartHeaders(body ? body->size() : 0);
+        application_.log("background request from file");
+        return startUpload(std::move(request), identifier, std::move(body), std::move(error),
+                           callback, progress);
+      });
 }
 
 std::string NembraConnect::generateBoundaryString() {

@@ -121,11 +121,11 @@ class NembraConnect {
   TaskHandle getSession(SessionCallback callback);
 
   // Uploads |file| as the "file" part of a multipart POST to |path| (a path without a scheme
-  // goes under the video collection URL), |data| completed into the query string. The body is
-  // first written to a temporary file (before this returns, or on the callback queue when the
-  // session is fetched first: a large file takes as long as copying it), removed once the upload
-  // ends. The callback gets no body; |progress| gets (bytes sent, bytes expected). |identifier|
-  // labels the task (its taskDescription).
+  // goes under the video collection URL), |data| completed into the query string. The form is
+  // sent as it is laid out, the file's bytes read straight from |file| (its length fixed when
+  // the upload starts; a file that shrinks meanwhile fails the upload): no copy of a large file
+  // is made first. The callback gets no body; |progress| gets (bytes sent, bytes expected).
+  // |identifier| labels the task (its taskDescription).
   TaskHandle backgroundUploadWithPath(const std::string& path, const Parameters& data,
                                       const std::string& identifier, const std::string& file,
                                       DataCallback callback, ProgressCallback progress);
