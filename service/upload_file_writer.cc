@@ -11,10 +11,12 @@
 namespace nembra {
 
 UploadFileWriter::~UploadFileWriter() {
+  flusher_.reset();  // before the file it flushes is closed
   if (fd_ >= 0) ::close(fd_);
 }
 
 bool UploadFileWriter::open(const std::string& path) {
+  flusher_.reset();
   if (fd_ >= 0) ::close(fd_);
   gathered_ = 0;
   written_ = submitted_ = settled_ = 0;
@@ -55,7 +57,21 @@ void UploadFileWriter::writeBehind(bool all) {
         SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER);
     ::posix_fadvise(fd_, static_cast<off_t>(settled_), kWriteBehindBytes, POSIX_FADV_DONTNEED);
     settled_ += kWriteBehindBytes;
+    if (settled_ >= kFlushAfterBytes) {
+      if (!flusher_) flusher_ = std::make_unique<BackgroundDataFlusher>(fd_);
+      flusher_->progress();
+    }
   }
+}
+
+bool UploadFileWriter::stopFlusher() {
+  if (!flusher_) return true;
+  int code = flusher_->stop();
+  flusher_.reset();
+  // A file system that cannot flush (EINVAL, EROFS) has not failed; an I/O error lost data.
+  if (code == 0 || code == EINVAL || code == EROFS) return true;
+  error_ = std::string("cannot write the upload to disk: ") + std::strerror(code);
+  return false;
 }
 
 bool UploadFileWriter::flush() {
@@ -109,12 +125,13 @@ bool UploadFileWriter::close() {
   bool flushed = flush();
   // The rest goes to the disk now too, without waiting for it.
   if (flushed) writeBehind(true);
+  bool durable = stopFlusher();
   bool closed = ::close(fd_) == 0;
   fd_ = -1;
-  if (flushed && !closed) {
+  if (flushed && durable && !closed) {
     error_ = std::string("cannot write the upload to disk: ") + std::strerror(errno);
   }
-  return flushed && closed;
+  return flushed && durable && closed;
 }
 
 }  // namespace nembra

@@ -6,15 +6,20 @@
 // they are on it their pages leave the page cache. An upload of gigabytes then reaches the disk
 // while it arrives instead of all at once after it, holds a few megabytes of page cache instead
 // of gigabytes (pushing out what other programs cache), and reuses the pages it just gave back:
-// taking fresh memory for every page costs more than the copy into it on some machines.
+// taking fresh memory for every page costs more than the copy into it on some machines. Past
+// kFlushAfterBytes a BackgroundDataFlusher makes the settled data durable meanwhile, so that a
+// sync of the finished file has little left to wait for; small uploads never start one.
 //
-// Threading: one instance per upload, used by one thread.
+// Threading: one instance per upload, used by one thread (a large upload's flusher runs on a
+// thread of its own).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
+
+#include "service/background_data_flusher.h"
 
 namespace nembra {
 
@@ -26,6 +31,7 @@ class UploadFileWriter {
   static constexpr uint64_t kWriteBehindBytes = 8 << 20;
   // Written but possibly not yet on disk, at most: the disk's queue stays full meanwhile.
   static constexpr uint64_t kMaxUnsettledBytes = 32 << 20;
+  static constexpr uint64_t kFlushAfterBytes = 64 << 20;
 
   UploadFileWriter() = default;
   // Closes the file when still open; what was not written yet is lost (close() writes it).
@@ -48,6 +54,8 @@ class UploadFileWriter {
   // Hands full spans to the disk and drops the settled ones from the page cache. Advisory: a
   // file system that does neither still gets every byte.
   void writeBehind(bool all);
+  // Ends the flusher, if one runs; false (with error_ set) when one of its flushes failed.
+  bool stopFlusher();
 
   int fd_ = -1;
   std::unique_ptr<char[]> block_;
@@ -55,6 +63,7 @@ class UploadFileWriter {
   uint64_t written_ = 0;    // bytes in the file
   uint64_t submitted_ = 0;  // bytes handed to the disk
   uint64_t settled_ = 0;    // bytes on the disk and out of the page cache
+  std::unique_ptr<BackgroundDataFlusher> flusher_;
   std::string error_;
 };
 
