@@ -239,7 +239,8 @@ class UploadRun {
         [this](const std::string& path, const std::string& token, const std::string&,
                const HttpResponse&, const OptionalError& error, const std::optional<Json>&) {
           if (!arguments_.resume) return;
-          FileUpload& upload = find(path) ? *find(path) : trackResumed(path);
+          FileUpload* found = find(path);
+          FileUpload& upload = found ? *found : trackResumed(path);
           upload.token = token;
           end(upload, error ? "the service did not confirm the upload: " + error->message : "");
         };

@@ -69,12 +69,8 @@ OptionalError ffmpegWriteVideoSample(const std::string& path, double seconds, in
   settings.sampleRate = kSampleRate;
   std::unique_ptr<MediaEncodeSink> sink;
   if (auto error = MediaEncodeSink::open(path, settings, sink)) return error;
-  AvFrame picture(av_frame_alloc());
+  AvFrame picture = allocateAvPicture(AV_PIX_FMT_YUV420P, settings.width, settings.height);
   if (!picture) return Error::internal("out of memory");
-  picture->format = AV_PIX_FMT_YUV420P;
-  picture->width = settings.width;
-  picture->height = settings.height;
-  if (av_frame_get_buffer(picture.get(), 0) < 0) return Error::internal("out of memory");
   const int pictures = std::max(1, static_cast<int>(seconds * kFrameRate));
   for (int i = 0; i < pictures; ++i) {
     if (auto error = drawPattern(*picture, i)) return error;
@@ -97,34 +93,13 @@ OptionalError ffmpegWriteAudioSample(const std::string& path, double seconds) {
 }
 
 OptionalError ffmpegWritePictureSample(const std::string& path, int width, int height) {
-  const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_MJPEG);
-  if (!codec) return Error::media("this FFmpeg has no JPEG encoder");
-  AvFrame picture(av_frame_alloc());
-  AvCodecContext encoder(avcodec_alloc_context3(codec));
-  AvPacket packet(av_packet_alloc());
-  if (!picture || !encoder || !packet) return Error::internal("out of memory");
-  picture->format = AV_PIX_FMT_YUVJ420P;
-  picture->width = width & ~1;
-  picture->height = height & ~1;
-  if (av_frame_get_buffer(picture.get(), 0) < 0) return Error::internal("out of memory");
+  AvFrame picture = allocateAvPicture(AV_PIX_FMT_YUVJ420P, width & ~1, height & ~1);
+  if (!picture) return Error::internal("out of memory");
   if (auto error = drawPattern(*picture, 0)) return error;
-  encoder->width = picture->width;
-  encoder->height = picture->height;
-  encoder->pix_fmt = AV_PIX_FMT_YUVJ420P;
-  encoder->color_range = AVCOL_RANGE_JPEG;
-  encoder->time_base = AVRational{1, kFrameRate};
-  encoder->flags |= AV_CODEC_FLAG_QSCALE;
-  encoder->global_quality = FF_QP2LAMBDA * 3;
-  int rc = avcodec_open2(encoder.get(), codec, nullptr);
-  if (rc < 0) return Error::media("cannot open the JPEG encoder: " + avErrorText(rc));
-  picture->pts = 0;
-  picture->quality = encoder->global_quality;
-  rc = avcodec_send_frame(encoder.get(), picture.get());
-  if (rc >= 0) rc = avcodec_send_frame(encoder.get(), nullptr);
-  if (rc >= 0) rc = avcodec_receive_packet(encoder.get(), packet.get());
-  if (rc < 0) return Error::media("JPEG encoding failed: " + avErrorText(rc));
+  std::vector<uint8_t> jpeg;
+  if (auto error = encodeAvJpeg(*picture, 3, jpeg)) return error;
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(packet->data), packet->size);
+  out.write(reinterpret_cast<const char*>(jpeg.data()), static_cast<std::streamsize>(jpeg.size()));
   out.close();
   if (!out) {
     std::remove(path.c_str());

@@ -20,13 +20,8 @@ struct SwsFreer {
 
 // Pictures are full-range YUV 4:2:0, the JPEG encoder's native form.
 AvFrame allocatePicture(int width, int height) {
-  AvFrame picture(av_frame_alloc());
-  if (!picture) return nullptr;
-  picture->format = AV_PIX_FMT_YUV420P;
-  picture->color_range = AVCOL_RANGE_JPEG;
-  picture->width = width;
-  picture->height = height;
-  if (av_frame_get_buffer(picture.get(), 0) < 0) return nullptr;
+  AvFrame picture = allocateAvPicture(AV_PIX_FMT_YUV420P, width, height);
+  if (picture) picture->color_range = AVCOL_RANGE_JPEG;
   return picture;
 }
 
@@ -61,36 +56,6 @@ AvFrame rotatePicture(const AVFrame& source, int degrees) {
     }
   }
   return turned;
-}
-
-OptionalError encodeJpeg(const AVFrame& picture, int quality, std::vector<uint8_t>& jpeg) {
-  const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_MJPEG);
-  if (!codec) return Error::media("this FFmpeg has no JPEG encoder");
-  AvCodecContext encoder(avcodec_alloc_context3(codec));
-  if (!encoder) return Error::internal("out of memory");
-  encoder->width = picture.width;
-  encoder->height = picture.height;
-  encoder->pix_fmt = AV_PIX_FMT_YUV420P;
-  encoder->color_range = AVCOL_RANGE_JPEG;
-  encoder->time_base = AVRational{1, 25};
-  encoder->flags |= AV_CODEC_FLAG_QSCALE;
-  encoder->global_quality = FF_QP2LAMBDA * std::clamp(quality, 2, 31);
-  int rc = avcodec_open2(encoder.get(), codec, nullptr);
-  if (rc < 0) return Error::media("cannot open the JPEG encoder: " + avErrorText(rc));
-
-  AvFrame frame(av_frame_clone(&picture));
-  if (!frame) return Error::internal("out of memory");
-  frame->pts = 0;
-  frame->quality = encoder->global_quality;
-  rc = avcodec_send_frame(encoder.get(), frame.get());
-  if (rc >= 0) rc = avcodec_send_frame(encoder.get(), nullptr);
-  if (rc < 0) return Error::media("JPEG encoding failed: " + avErrorText(rc));
-  AvPacket packet(av_packet_alloc());
-  if (!packet) return Error::internal("out of memory");
-  rc = avcodec_receive_packet(encoder.get(), packet.get());
-  if (rc < 0) return Error::media("JPEG encoding failed: " + avErrorText(rc));
-  jpeg.assign(packet->data, packet->data + packet->size);
-  return std::nullopt;
 }
 
 class FfmpegFrameGrabber final : public FrameGrabber {
@@ -155,7 +120,7 @@ class FfmpegFrameGrabber final : public FrameGrabber {
       if (!scaled) return Error::internal("out of memory");
     }
     GrabbedFrame grabbed;
-    if (auto error = encodeJpeg(*scaled, options.jpegQuality, grabbed.jpeg)) return error;
+    if (auto error = encodeAvJpeg(*scaled, options.jpegQuality, grabbed.jpeg)) return error;
     grabbed.width = scaled->width;
     grabbed.height = scaled->height;
     result = std::move(grabbed);

@@ -60,12 +60,8 @@ class HttpClient {
   // A task sending |request| (with its in-memory body, if any). Nothing is sent until resume().
   virtual std::shared_ptr<HttpTask> dataTask(HttpRequest request, HttpTaskEvents events) = 0;
 
-  // A task sending the file at |filePath| as the body of |request|. The file is opened here, so
-  // what is sent is the file as it is now even if the path is later replaced or removed; a file
-  // that cannot be opened makes the task complete with a File error once resumed.
-  virtual std::shared_ptr<HttpTask> uploadTask(HttpRequest request, const std::string& filePath,
-                                               HttpTaskEvents events) = 0;
-  // The same with a body file the caller opened (and framed).
+  // A task sending |body| (a file, framed or not, opened by the caller: what is sent is the file
+  // as it was opened even if its path is later replaced or removed) as the body of |request|.
   virtual std::shared_ptr<HttpTask> uploadTask(HttpRequest request,
                                                std::unique_ptr<HttpBodyFile> body,
                                                HttpTaskEvents events) = 0;

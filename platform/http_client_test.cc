@@ -5,6 +5,7 @@
 
 #include <atomic>
 
+#include "platform/http_body_file.h"
 #include "platform/http_curl_client.h"
 #include "platform/http_test_support.h"
 #include "platform/main_queue.h"
@@ -86,6 +87,12 @@ class HttpClientTest : public ::testing::Test {
   }
 
   HttpRequest uploadRequest() { return {"POST", server_.url("/upload"), {}, std::nullopt}; }
+  static std::unique_ptr<HttpBodyFile> bodyOf(const std::string& path) {
+    OptionalError error;
+    auto body = HttpBodyFile::open(path, error);
+    EXPECT_TRUE(body) << error->message;
+    return body;
+  }
 
   MainQueue main_;
   ScratchDirectory scratch_;
@@ -190,7 +197,7 @@ TEST_F(HttpClientTest, SuspendedUploadSendsNothingUntilResumedAndProgressAddsUp)
   std::string path = scratch_.path() + "/body.bin";
   std::string expectedHash = writePatternFile(path, size);
   auto outcome = std::make_shared<Outcome>();
-  auto task = client_->uploadTask(uploadRequest(), path, eventsInto(outcome));
+  auto task = client_->uploadTask(uploadRequest(), bodyOf(path), eventsInto(outcome));
   task->resume();
   ASSERT_TRUE(waitForSent(*outcome, 256 * 1024));
 
@@ -224,7 +231,7 @@ TEST_F(HttpClientTest, CancelledUploadCompletesOnceWithCancelled) {
   std::string path = scratch_.path() + "/body.bin";
   writePatternFile(path, 8 * 1024 * 1024);
   auto outcome = std::make_shared<Outcome>();
-  auto task = client_->uploadTask(uploadRequest(), path, eventsInto(outcome));
+  auto task = client_->uploadTask(uploadRequest(), bodyOf(path), eventsInto(outcome));
   task->resume();
   ASSERT_TRUE(waitForSent(*outcome, 1));
   task->cancel();
@@ -243,7 +250,7 @@ TEST_F(HttpClientTest, FileTruncatedWhileSendingFailsWithFileError) {
   std::string path = scratch_.path() + "/body.bin";
   writePatternFile(path, 16 * 1024 * 1024);
   auto outcome = std::make_shared<Outcome>();
-  client_->uploadTask(uploadRequest(), path, eventsInto(outcome))->resume();
+  client_->uploadTask(uploadRequest(), bodyOf(path), eventsInto(outcome))->resume();
   ASSERT_TRUE(waitForSent(*outcome, 1));
   std::filesystem::resize_file(path, 1024);
   ASSERT_TRUE(waitForCompletion(*outcome, seconds(60)));
@@ -259,7 +266,7 @@ TEST_F(HttpClientTest, DestroyingTheClientDropsRunningTasksWithoutCallingBack) {
   std::string path = scratch_.path() + "/body.bin";
   writePatternFile(path, 8 * 1024 * 1024);
   auto outcome = std::make_shared<Outcome>();
-  auto task = client_->uploadTask(uploadRequest(), path, eventsInto(outcome));
+  auto task = client_->uploadTask(uploadRequest(), bodyOf(path), eventsInto(outcome));
   task->resume();
   ASSERT_TRUE(waitForSent(*outcome, 1));
   client_.reset();

@@ -51,15 +51,6 @@ std::shared_ptr<HttpTask> CurlHttpClient::dataTask(HttpRequest request, HttpTask
 }
 
 std::shared_ptr<HttpTask> CurlHttpClient::uploadTask(HttpRequest request,
-                                                     const std::string& filePath,
-                                                     HttpTaskEvents events) {
-  OptionalError error = configurationError_;
-  std::unique_ptr<HttpBodyFile> bodyFile;
-  if (!error) bodyFile = HttpBodyFile::open(filePath, error);
-  return makeTask(std::move(request), std::move(events), std::move(bodyFile), std::move(error));
-}
-
-std::shared_ptr<HttpTask> CurlHttpClient::uploadTask(HttpRequest request,
                                                      std::unique_ptr<HttpBodyFile> body,
                                                      HttpTaskEvents events) {
   return makeTask(std::move(request), std::move(events), std::move(body), configurationError_);

@@ -42,8 +42,6 @@ class CurlHttpClient final : public HttpClient {
   CurlHttpClient& operator=(const CurlHttpClient&) = delete;
 
   std::shared_ptr<HttpTask> dataTask(HttpRequest request, HttpTaskEvents events) override;
-  std::shared_ptr<HttpTask> uploadTask(HttpRequest request, const std::string& filePath,
-                                       HttpTaskEvents events) override;
   std::shared_ptr<HttpTask> uploadTask(HttpRequest request, std::unique_ptr<HttpBodyFile> body,
                                        HttpTaskEvents events) override;
   std::shared_ptr<HttpTask> failedTask(HttpRequest request, Error error,

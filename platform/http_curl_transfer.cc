@@ -201,17 +201,16 @@ int64_t CurlTransfer::bodyLength() const {
 
 void CurlTransfer::reportProgress(int64_t totalSent) {
   if (!events_.progress || !runningLoop_) return;
-  if (totalSent > reportedSent_) {
-    reportedSent_ = totalSent;
-    latestSent_.store(totalSent);
-  }
-  if (reportedSent_ <= postedSent_) return;
+  // This thread alone stores the count: reading it back needs no ordering.
+  int64_t latest = latestSent_.load(std::memory_order_relaxed);
+  if (totalSent > latest) latestSent_.store(latest = totalSent);
+  if (latest <= postedSent_) return;
   // A wake-up of two threads per block would cost a large upload more than its sends.
   auto now = std::chrono::steady_clock::now();
-  if (reportedSent_ < bodyLength() && now - progressPosted_ < kProgressInterval) return;
+  if (latest < bodyLength() && now - progressPosted_ < kProgressInterval) return;
   if (progressPending_.exchange(true)) return;
   progressPosted_ = now;
-  postedSent_ = reportedSent_;
+  postedSent_ = latest;
   runningLoop_->deliver(
       [self = shared_from_this(), expected = bodyLength()] { self->deliverProgress(expected); });
 }

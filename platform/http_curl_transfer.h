@@ -98,7 +98,6 @@ class CurlTransfer final : public HttpTask, public std::enable_shared_from_this<
   curl_slist* headerList_ = nullptr;
   std::vector<uint8_t> received_;
   HttpHeaders receivedHeaders_;
-  int64_t reportedSent_ = 0;
   // Progress crosses to the callback queue at most once per kProgressInterval, and one event
   // at a time: while one is on its way, later counts only raise latestSent_, which that event
   // reads when it runs. The last count always goes.

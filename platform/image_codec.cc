@@ -81,14 +81,8 @@ OptionalError decode(std::span<const uint8_t> bytes, const Signature& signature,
 }
 
 OptionalError encode(const AVFrame& decoded, int quality, std::vector<uint8_t>& jpeg) {
-  const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_MJPEG);
-  if (!codec) return Error::media("this FFmpeg has no JPEG encoder");
-  AvFrame picture(av_frame_alloc());
+  AvFrame picture = allocateAvPicture(AV_PIX_FMT_YUVJ420P, decoded.width, decoded.height);
   if (!picture) return Error::internal("out of memory");
-  picture->format = AV_PIX_FMT_YUVJ420P;
-  picture->width = decoded.width;
-  picture->height = decoded.height;
-  if (av_frame_get_buffer(picture.get(), 0) < 0) return Error::internal("out of memory");
   std::unique_ptr<SwsContext, SwsFreer> scaler(sws_getContext(
       decoded.width, decoded.height, static_cast<AVPixelFormat>(decoded.format), decoded.width,
       decoded.height, AV_PIX_FMT_YUVJ420P, SWS_BICUBIC, nullptr, nullptr, nullptr));
@@ -96,27 +90,7 @@ OptionalError encode(const AVFrame& decoded, int quality, std::vector<uint8_t>& 
   sws_scale(scaler.get(), decoded.data, decoded.linesize, 0, decoded.height, picture->data,
             picture->linesize);
 
-  AvCodecContext encoder(avcodec_alloc_context3(codec));
-  if (!encoder) return Error::internal("out of memory");
-  encoder->width = picture->width;
-  encoder->height = picture->height;
-  encoder->pix_fmt = AV_PIX_FMT_YUVJ420P;
-  encoder->color_range = AVCOL_RANGE_JPEG;
-  encoder->time_base = AVRational{1, 25};
-  encoder->flags |= AV_CODEC_FLAG_QSCALE;
-  encoder->global_quality = FF_QP2LAMBDA * std::clamp(quality, 2, 31);
-  int rc = avcodec_open2(encoder.get(), codec, nullptr);
-  if (rc < 0) return Error::media("cannot open the JPEG encoder: " + avErrorText(rc));
-  picture->pts = 0;
-  picture->quality = encoder->global_quality;
-  rc = avcodec_send_frame(encoder.get(), picture.get());
-  if (rc >= 0) rc = avcodec_send_frame(encoder.get(), nullptr);
-  AvPacket packet(av_packet_alloc());
-  if (!packet) return Error::internal("out of memory");
-  if (rc >= 0) rc = avcodec_receive_packet(encoder.get(), packet.get());
-  if (rc < 0) return Error::media("JPEG encoding failed: " + avErrorText(rc));
-  jpeg.assign(packet->data, packet->data + packet->size);
-  return std::nullopt;
+  return encodeAvJpeg(*picture, quality, jpeg);
 }
 
 class FfmpegImageCodec final : public ImageCodec {

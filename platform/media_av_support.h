@@ -4,7 +4,9 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "nembra/error.h"
 #include "platform/media_source_raw_frame.h"
 
 extern "C" {
@@ -40,6 +42,13 @@ using AvPacket = std::unique_ptr<AVPacket, AvPacketFreer>;
 
 // Wraps |frame| (owned from here) for the encoders, with its shape read from it.
 RawMediaFrame wrapAvFrame(RawMediaFrame::Kind kind, AVFrame* frame, double pts);
+
+// A picture frame of |format| and size with its planes allocated; null when out of memory.
+AvFrame allocateAvPicture(AVPixelFormat format, int width, int height);
+
+// Encodes |picture| (full-range YUV 4:2:0: YUVJ420P, or YUV420P marked AVCOL_RANGE_JPEG) as one
+// JPEG at quantizer |quality| (2, the best, to 31, the smallest; clamped to that range).
+OptionalError encodeAvJpeg(const AVFrame& picture, int quality, std::vector<uint8_t>& jpeg);
 
 // Opens |path| and reads its stream parameters; on failure |error| holds the reason.
 AvInput openAvInput(const std::string& path, std::string& error);

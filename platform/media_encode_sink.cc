@@ -143,12 +143,8 @@ OptionalError MediaEncodeSink::open(const std::string& path, const EncodeSetting
     if (!state->videoStream) return Error::internal("out of memory");
     avcodec_parameters_from_context(state->videoStream->codecpar, &video);
     state->videoStream->time_base = video.time_base;
-    state->picture.reset(av_frame_alloc());
+    state->picture = allocateAvPicture(AV_PIX_FMT_YUV420P, settings.width, settings.height);
     if (!state->picture) return Error::internal("out of memory");
-    state->picture->format = AV_PIX_FMT_YUV420P;
-    state->picture->width = settings.width;
-    state->picture->height = settings.height;
-    if (av_frame_get_buffer(state->picture.get(), 0) < 0) return Error::internal("out of memory");
   }
 
   if (settings.sampleRate > 0) {

@@ -2,14 +2,10 @@
 
 #include <charconv>
 
+#include "service/http_text.h"
+
 namespace nembra {
 namespace {
-
-std::string_view trim(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-  return text;
-}
 
 bool readNumber(std::string_view text, uint64_t& value) {
   if (text.empty()) return false;
@@ -21,20 +17,20 @@ bool readNumber(std::string_view text, uint64_t& value) {
 
 ByteRange ByteRange::parse(std::string_view header, uint64_t size) {
   ByteRange range;
-  header = trim(header);
+  header = trimHttpSpace(header);
   if (header.empty()) return range;
   size_t equals = header.find('=');
   if (equals == std::string_view::npos) return {Kind::Unsatisfiable};
-  std::string_view unit = trim(header.substr(0, equals));
+  std::string_view unit = trimHttpSpace(header.substr(0, equals));
   bool bytes = unit.size() == 5;
   for (size_t i = 0; bytes && i < 5; ++i) bytes = (unit[i] | 0x20) == "bytes"[i];
   if (!bytes) return range;  // a unit we do not serve is ignored
-  std::string_view spec = trim(header.substr(equals + 1));
+  std::string_view spec = trimHttpSpace(header.substr(equals + 1));
   if (spec.find(',') != std::string_view::npos) return range;
   size_t dash = spec.find('-');
   if (dash == std::string_view::npos) return {Kind::Unsatisfiable};
-  std::string_view start = trim(spec.substr(0, dash));
-  std::string_view end = trim(spec.substr(dash + 1));
+  std::string_view start = trimHttpSpace(spec.substr(0, dash));
+  std::string_view end = trimHttpSpace(spec.substr(dash + 1));
 
   uint64_t a = 0, b = 0;
   if (start.empty()) {

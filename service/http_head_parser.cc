@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cctype>
 
+#include "service/http_text.h"
+
 namespace nembra {
 namespace {
 
@@ -49,18 +51,6 @@ bool isFieldValue(std::string_view text) {
   });
 }
 
-std::string_view trimSpace(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-  return text;
-}
-
-std::string lowerCase(std::string_view text) {
-  std::string out(text);
-  for (auto& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return out;
-}
-
 // The comma-separated elements of every header named |name|, trimmed and lower case; empty
 // elements are skipped as the list syntax allows.
 std::vector<std::string> listElements(const HttpRequestHead& head, std::string_view name) {
@@ -70,8 +60,8 @@ std::vector<std::string> listElements(const HttpRequestHead& head, std::string_v
     std::string_view rest = value;
     while (!rest.empty()) {
       size_t comma = rest.find(',');
-      std::string_view element = trimSpace(rest.substr(0, comma));
-      if (!element.empty()) elements.push_back(lowerCase(element));
+      std::string_view element = trimHttpSpace(rest.substr(0, comma));
+      if (!element.empty()) elements.push_back(asciiLower(element));
       if (comma == std::string_view::npos) break;
       rest.remove_prefix(comma + 1);
     }
@@ -200,7 +190,7 @@ bool HttpHeadParser::parseHeaderLine(std::string_view line, HttpRequestHead& hea
     fail(400, "a header line is not NAME: VALUE");
     return false;
   }
-  std::string_view value = trimSpace(line.substr(colon + 1));
+  std::string_view value = trimHttpSpace(line.substr(colon + 1));
   if (!isFieldValue(value)) {
     fail(400, "a header value holds control characters");
     return false;
@@ -209,7 +199,7 @@ bool HttpHeadParser::parseHeaderLine(std::string_view line, HttpRequestHead& hea
     fail(431, "the request has more than " + std::to_string(kMaxHeaderCount) + " headers");
     return false;
   }
-  head.headers.emplace_back(lowerCase(line.substr(0, colon)), std::string(value));
+  head.headers.emplace_back(asciiLower(line.substr(0, colon)), std::string(value));
   return true;
 }
 

@@ -6,22 +6,10 @@
 #include <cctype>
 
 #include "service/form_params.h"
+#include "service/http_text.h"
 
 namespace nembra {
 namespace {
-
-std::string_view trim(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-  return text;
-}
-
-std::string lower(std::string_view text) {
-  std::string out(text);
-  std::transform(out.begin(), out.end(), out.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return out;
-}
 
 // Splits "a; b=\"x;y\"; c" at the semicolons outside quotes.
 std::vector<std::string_view> splitParameters(std::string_view value) {
@@ -44,7 +32,7 @@ std::vector<std::string_view> splitParameters(std::string_view value) {
 }
 
 std::string unquote(std::string_view value) {
-  value = trim(value);
+  value = trimHttpSpace(value);
   if (value.size() < 2 || value.front() != '"' || value.back() != '"') return std::string(value);
   std::string out;
   for (size_t i = 1; i + 1 < value.size(); ++i) {
@@ -70,12 +58,12 @@ MultipartStreamParser::MultipartStreamParser(std::string boundary, Callbacks cal
 std::optional<std::string> MultipartStreamParser::boundaryFromContentType(
     std::string_view contentType) {
   auto pieces = splitParameters(contentType);
-  if (lower(trim(pieces.front())) != "multipart/form-data") return std::nullopt;
+  if (asciiLower(trimHttpSpace(pieces.front())) != "multipart/form-data") return std::nullopt;
   for (size_t i = 1; i < pieces.size(); ++i) {
-    std::string_view piece = trim(pieces[i]);
+    std::string_view piece = trimHttpSpace(pieces[i]);
     size_t equals = piece.find('=');
     if (equals == std::string_view::npos) continue;
-    if (lower(trim(piece.substr(0, equals))) != "boundary") continue;
+    if (asciiLower(trimHttpSpace(piece.substr(0, equals))) != "boundary") continue;
     std::string boundary = unquote(piece.substr(equals + 1));
     if (boundary.empty() || boundary.size() > kMaxBoundary) return std::nullopt;
     return boundary;
@@ -85,15 +73,15 @@ std::optional<std::string> MultipartStreamParser::boundaryFromContentType(
 
 bool MultipartStreamParser::parseContentDisposition(std::string_view value, MultipartPart& part) {
   auto pieces = splitParameters(value);
-  if (lower(trim(pieces.front())) != "form-data") return false;
+  if (asciiLower(trimHttpSpace(pieces.front())) != "form-data") return false;
   bool named = false;
   std::optional<std::string> extendedFilename;
   for (size_t i = 1; i < pieces.size(); ++i) {
-    std::string_view piece = trim(pieces[i]);
+    std::string_view piece = trimHttpSpace(pieces[i]);
     if (piece.empty()) continue;  // the SDK's trailing ';'
     size_t equals = piece.find('=');
     if (equals == std::string_view::npos) continue;
-    std::string key = lower(trim(piece.substr(0, equals)));
+    std::string key = asciiLower(trimHttpSpace(piece.substr(0, equals)));
     std::string_view raw = piece.substr(equals + 1);
     if (key == "name") {
       part.name = unquote(raw);
@@ -122,13 +110,13 @@ bool MultipartStreamParser::parseHeaders(std::string_view block, MultipartPart& 
     if (!line.empty() && (line.front() == ' ' || line.front() == '\t')) {
       // A folded line continues the previous header.
       if (part.headers.empty()) return false;
-      part.headers.back().second += " " + std::string(trim(line));
+      part.headers.back().second += " " + std::string(trimHttpSpace(line));
       continue;
     }
     size_t colon = line.find(':');
     if (colon == std::string_view::npos || colon == 0) return false;
-    part.headers.emplace_back(lower(trim(line.substr(0, colon))),
-                              std::string(trim(line.substr(colon + 1))));
+    part.headers.emplace_back(asciiLower(trimHttpSpace(line.substr(0, colon))),
+                              std::string(trimHttpSpace(line.substr(colon + 1))));
   }
   for (const auto& [name, value] : part.headers) {
     if (name == "content-disposition") {

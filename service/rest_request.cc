@@ -4,6 +4,8 @@
 #include <charconv>
 #include <nlohmann/json.hpp>
 
+#include "service/http_text.h"
+
 namespace nembra {
 namespace {
 
@@ -11,9 +13,7 @@ std::string lowerMediaType(const std::string& contentType) {
   std::string type = contentType.substr(0, contentType.find(';'));
   type.erase(std::remove_if(type.begin(), type.end(), [](char c) { return c == ' ' || c == '\t'; }),
              type.end());
-  std::transform(type.begin(), type.end(), type.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return type;
+  return asciiLower(type);
 }
 
 // Scalars as their text ("true", 12, "title"); nested values as compact JSON.

@@ -5,16 +5,11 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "service/http_text.h"
 #include "service/http_time.h"
 
 namespace nembra {
 namespace {
-
-std::string lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
 
 StorageError denied(std::string message) { return {403, "AccessDenied", std::move(message)}; }
 StorageError invalidArgument(std::string message) {
@@ -51,7 +46,7 @@ std::optional<StorageError> StoragePolicyVerifier::verify(
   // Field names compare without regard to case, as S3's do.
   std::map<std::string, std::string> fields;
   for (const auto& [name, value] : posted) {
-    if (!fields.emplace(lower(name), value).second) {
+    if (!fields.emplace(asciiLower(name), value).second) {
       return invalidArgument("the form has the field '" + name + "' more than once");
     }
   }
@@ -103,7 +98,7 @@ std::optional<StorageError> StoragePolicyVerifier::verify(
 
   const std::string& policyText = *field("policy");
   std::string expected = sigv4PolicySignature(credentials_, scope[1], policyText);
-  if (!constantTimeEquals(expected, lower(*field("x-amz-signature")))) {
+  if (!constantTimeEquals(expected, asciiLower(*field("x-amz-signature")))) {
     return StorageError{403, "SignatureDoesNotMatch",
                         "The request signature we calculated does not match the signature you "
                         "provided. Check your key and signing method."};
@@ -134,7 +129,7 @@ std::optional<StorageError> StoragePolicyVerifier::verify(
   };
   for (const auto& condition : *conditions) {
     if (condition.is_object() && condition.size() == 1 && condition.begin()->is_string()) {
-      std::string name = lower(condition.begin().key());
+      std::string name = asciiLower(condition.begin().key());
       std::string value = condition.begin()->get<std::string>();
       if (fieldValue(name) != value) return denied(conditionText("eq", name, value));
       covered.insert(name);
@@ -143,7 +138,7 @@ std::optional<StorageError> StoragePolicyVerifier::verify(
     if (!condition.is_array() || condition.size() != 3 || !condition[0].is_string()) {
       return invalidPolicy("Invalid Condition.");
     }
-    std::string op = lower(condition[0].get<std::string>());
+    std::string op = asciiLower(condition[0].get<std::string>());
     if (op == "content-length-range") {
       if (!condition[1].is_number_integer() || !condition[2].is_number_integer()) {
         return invalidPolicy("Invalid content-length-range.");
@@ -158,7 +153,7 @@ std::optional<StorageError> StoragePolicyVerifier::verify(
     }
     std::string name = condition[1].get<std::string>();
     if (name.empty() || name[0] != '$') return invalidPolicy("Invalid Condition.");
-    name = lower(name.substr(1));
+    name = asciiLower(name.substr(1));
     std::string value = condition[2].get<std::string>();
     std::string actual = fieldValue(name);
     bool ok = op == "eq" ? actual == value : startsWith(actual, value);
