@@ -2,7 +2,7 @@
 
 #include "api/sdk_version.h"
 #include "api/utils.h"
-#include "platform/device_facts.h"
+#include "platform/system/device_facts.h"
 
 namespace nembra {
 

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "api/sdk_version.h"
-#include "platform/device_facts.h"
+#include "platform/system/device_facts.h"
 
 namespace nembra {
 namespace {

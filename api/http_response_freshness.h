@@ -9,7 +9,7 @@
 #include <optional>
 
 #include "api/http_date_formatter.h"
-#include "platform/http_client.h"
+#include "platform/http/http_client.h"
 
 namespace nembra {
 

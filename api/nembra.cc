@@ -14,11 +14,11 @@
 #include "api/nembra_videos.h"
 #include "api/percent_encoding.h"
 #include "api/reachability_manager.h"
-#include "platform/capture_hardware.h"
-#include "platform/file_system.h"
-#include "platform/local_notifications.h"
-#include "platform/mail_composer.h"
-#include "platform/user_defaults.h"
+#include "platform/system/capture_hardware.h"
+#include "platform/files/file_system.h"
+#include "platform/system/local_notifications.h"
+#include "platform/system/mail_composer.h"
+#include "platform/system/user_defaults.h"
 
 namespace nembra {
 

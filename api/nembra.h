@@ -16,7 +16,7 @@
 #include "api/nembra_delegates.h"
 #include "api/uploading_config.h"
 #include "nembra/json.h"
-#include "platform/main_queue.h"
+#include "platform/dispatch/main_queue.h"
 
 namespace nembra {
 

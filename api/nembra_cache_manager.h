@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/file_system.h"
+#include "platform/files/file_system.h"
 
 namespace nembra {
 

@@ -8,7 +8,7 @@
 
 #include "api/media_type.h"
 #include "api/nembra.h"
-#include "platform/http_test_support.h"
+#include "platform/http/testing/http_test_support.h"
 
 namespace nembra {
 namespace {

@@ -10,8 +10,8 @@
 #include "api/nembra_uploading_handler.h"
 #include "api/percent_encoding.h"
 #include "api/utils.h"
-#include "platform/http_body_file.h"
-#include "platform/http_curl_client.h"
+#include "platform/http/http_body_file.h"
+#include "platform/http/http_curl_client.h"
 
 namespace nembra {
 

@@ -34,9 +34,9 @@
 #include "api/background_task_context.h"
 #include "nembra/error.h"
 #include "nembra/json.h"
-#include "platform/concurrent_queue.h"
-#include "platform/http_client.h"
-#include "platform/http_task.h"
+#include "platform/dispatch/concurrent_queue.h"
+#include "platform/http/http_client.h"
+#include "platform/http/http_task.h"
 
 namespace nembra {
 

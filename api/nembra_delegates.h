@@ -12,8 +12,8 @@
 
 #include "nembra/error.h"
 #include "nembra/json.h"
-#include "platform/http_client.h"
-#include "platform/http_task.h"
+#include "platform/http/http_client.h"
+#include "platform/http/http_task.h"
 
 namespace nembra {
 

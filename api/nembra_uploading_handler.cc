@@ -21,7 +21,7 @@
 #include "api/upload_url_reply.h"
 #include "api/uploading_config.h"
 #include "api/utils.h"
-#include "platform/http_curl_client.h"
+#include "platform/http/http_curl_client.h"
 
 namespace nembra {
 
@@ -854,17 +854,17 @@ HttpClient& NembraUploadingHandler::downloadClient() {
 // The media seams are made on first use: a process that only moves files never loads the
 // media libraries.
 FrameGrabber& NembraUploadingHandler::frameGrabber() {
-  if (!seams_.frameGrabber) seams_.frameGrabber = makeFfmpegFrameGrabber();
+  if (!seams_.frameGrabber) seams_.frameGrabber = makeFrameGrabber();
   return *seams_.frameGrabber;
 }
 
 MediaConverter& NembraUploadingHandler::mediaConverter() {
-  if (!seams_.converter) seams_.converter = makeFfmpegMediaConverter();
+  if (!seams_.converter) seams_.converter = makeMediaConverter();
   return *seams_.converter;
 }
 
 ImageCodec& NembraUploadingHandler::imageCodec() {
-  if (!seams_.imageCodec) seams_.imageCodec = makeFfmpegImageCodec();
+  if (!seams_.imageCodec) seams_.imageCodec = makeImageCodec();
   return *seams_.imageCodec;
 }
 

@@ -31,14 +31,14 @@
 #include "api/upload_journal.h"
 #include "nembra/error.h"
 #include "nembra/json.h"
-#include "platform/concurrent_queue.h"
-#include "platform/frame_grabber.h"
-#include "platform/http_client.h"
-#include "platform/http_task.h"
-#include "platform/image_codec.h"
-#include "platform/media_converter.h"
-#include "platform/notification_center.h"
-#include "platform/timer.h"
+#include "platform/dispatch/concurrent_queue.h"
+#include "platform/media/frame_grabber.h"
+#include "platform/http/http_client.h"
+#include "platform/http/http_task.h"
+#include "platform/media/image_codec.h"
+#include "platform/media/media_converter.h"
+#include "platform/system/notification_center.h"
+#include "platform/dispatch/timer.h"
 
 namespace nembra {
 

@@ -12,11 +12,11 @@
 #include "api/nembra_cache_manager.h"
 #include "api/nembra_connect.h"
 #include "api/reachability.h"
-#include "platform/fake_network_interfaces.h"
-#include "platform/http_test_support.h"
-#include "platform/local_notifications.h"
-#include "platform/media_log.h"
-#include "platform/media_sample_writer.h"
+#include "platform/net/testing/fake_network_interfaces.h"
+#include "platform/http/testing/http_test_support.h"
+#include "platform/system/local_notifications.h"
+#include "platform/media/media_log.h"
+#include "platform/media/media_sample_writer.h"
 
 namespace nembra {
 namespace {

@@ -9,7 +9,7 @@
 #include "api/nembra_connect.h"
 #include "api/reply_status.h"
 #include "api/utils.h"
-#include "platform/image_codec.h"
+#include "platform/media/image_codec.h"
 
 namespace nembra {
 
@@ -181,7 +181,7 @@ NembraVideos::TaskHandle NembraVideos::attachCoverWithVideoToken(const std::stri
                                     "the cover request of video " + token);
   std::vector<uint8_t> jpeg;
   // The best JPEG quality: the service makes every smaller size from this one.
-  if (auto error = makeFfmpegImageCodec()->encodeJpeg(cover.data, 2, jpeg)) {
+  if (auto error = makeImageCodec()->encodeJpeg(cover.data, 2, jpeg)) {
     error->message = "the cover of video " + token + " cannot be sent: " + error->message;
     answer(std::nullopt, HttpResponse{}, error);
     return nullptr;

@@ -20,7 +20,7 @@
 #include "api/thumbnail_cache.h"
 #include "api/video.h"
 #include "nembra/json.h"
-#include "platform/serial_queue.h"
+#include "platform/dispatch/serial_queue.h"
 
 namespace nembra {
 

@@ -11,8 +11,8 @@
 #include "api/nembra_cache_manager.h"
 #include "api/nembra_connect.h"
 #include "api/nembra_images.h"
-#include "platform/http_test_support.h"
-#include "platform/image_codec.h"
+#include "platform/http/testing/http_test_support.h"
+#include "platform/media/image_codec.h"
 
 namespace nembra {
 namespace {
@@ -141,7 +141,7 @@ TEST_F(VideosTest, ACoverGoesAsAJpegBodyBetweenCreateAndAttach) {
   std::string body = server_.requests()[1].body;
   EXPECT_EQ(body.substr(0, 3), "\xFF\xD8\xFF");
   ImageInfo info;
-  EXPECT_FALSE(makeFfmpegImageCodec()->inspect(
+  EXPECT_FALSE(makeImageCodec()->inspect(
       std::span(reinterpret_cast<const uint8_t*>(body.data()), body.size()), info));
   EXPECT_TRUE(
       logged("cover for video v1, stream s1 set with error: (null), response: 200 "

@@ -13,8 +13,8 @@
 #include <optional>
 #include <string>
 
-#include "platform/network_interfaces.h"
-#include "platform/notification_center.h"
+#include "platform/net/network_interfaces.h"
+#include "platform/system/notification_center.h"
 
 namespace nembra {
 

@@ -10,7 +10,7 @@
 
 #include "nembra/error.h"
 #include "nembra/json.h"
-#include "platform/http_client.h"
+#include "platform/http/http_client.h"
 
 namespace nembra {
 

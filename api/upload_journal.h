@@ -23,8 +23,8 @@
 
 #include "nembra/error.h"
 #include "nembra/json.h"
-#include "platform/file_lock.h"
-#include "platform/file_system.h"
+#include "platform/files/file_lock.h"
+#include "platform/files/file_system.h"
 
 namespace nembra {
 

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/http_test_support.h"
+#include "platform/http/testing/http_test_support.h"
 
 namespace nembra {
 namespace {

@@ -21,7 +21,7 @@
 
 #include "nembra/error.h"
 #include "nembra/json.h"
-#include "platform/file_system.h"
+#include "platform/files/file_system.h"
 
 namespace nembra {
 

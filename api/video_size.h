@@ -8,7 +8,7 @@
 
 #include "api/aspect_ratio.h"
 #include "nembra/error.h"
-#include "platform/device_facts.h"
+#include "platform/system/device_facts.h"
 
 namespace nembra {
 

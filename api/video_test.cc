@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/device_facts.h"
+#include "platform/system/device_facts.h"
 
 namespace nembra {
 namespace {

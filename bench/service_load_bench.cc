@@ -28,7 +28,7 @@
 #include <vector>
 
 #include "api/nembra_connect.h"
-#include "platform/child_process.h"
+#include "platform/system/child_process.h"
 
 namespace nembra {
 namespace {

@@ -4,7 +4,7 @@
 
 #include "api/console_log.h"
 #include "api/nembra.h"
-#include "platform/media_log.h"
+#include "platform/media/media_log.h"
 
 namespace nembra {
 

@@ -19,11 +19,11 @@
 #include "api/nembra_uploading_handler.h"
 #include "api/nembra_videos.h"
 #include "cli/cli_context.h"
-#include "platform/file_system.h"
-#include "platform/media_backend.h"
-#include "platform/media_log.h"
-#include "platform/media_probe.h"
-#include "platform/media_sample_writer.h"
+#include "platform/files/file_system.h"
+#include "platform/media/media_backend.h"
+#include "platform/media/media_log.h"
+#include "platform/media/media_probe.h"
+#include "platform/media/media_sample_writer.h"
 #include "streaming/live_publisher.h"
 #include "streaming/stream_log.h"
 
@@ -428,7 +428,7 @@ class DemoRun {
       return Outcome::Failed;
     }
     MediaProbeResult probed;
-    if (auto error = makeFfmpegMediaProbe()->probe(**cached, probed)) {
+    if (auto error = makeMediaProbe()->probe(**cached, probed)) {
       std::cout << "    the recording does not probe: " << error->message << "\n";
       return Outcome::Failed;
     }

@@ -6,9 +6,9 @@
 #include "api/nembra.h"
 #include "api/reachability_manager.h"
 #include "cli/cli_context.h"
-#include "platform/capture_hardware.h"
-#include "platform/device_facts.h"
-#include "platform/file_system.h"
+#include "platform/system/capture_hardware.h"
+#include "platform/system/device_facts.h"
+#include "platform/files/file_system.h"
 
 namespace nembra {
 

@@ -21,9 +21,9 @@
 #include "api/reply_status.h"
 #include "api/video.h"
 #include "cli/cli_context.h"
-#include "platform/file_system.h"
-#include "platform/image_codec.h"
-#include "platform/media_log.h"
+#include "platform/files/file_system.h"
+#include "platform/media/image_codec.h"
+#include "platform/media/media_log.h"
 
 namespace nembra {
 
@@ -396,7 +396,7 @@ void registerVideoExtras(CLI::App& group, CliContext& context, int& exitCode,
       }
       std::vector<uint8_t> bytes(text->begin(), text->end());
       ImageInfo info;
-      if (auto bad = makeFfmpegImageCodec()->inspect(bytes, info)) {
+      if (auto bad = makeImageCodec()->inspect(bytes, info)) {
         exitCode = fail("videos create", args->cover + ": " + bad->message, 2);
         return;
       }

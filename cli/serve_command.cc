@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "cli/cli_context.h"
-#include "platform/media_log.h"
+#include "platform/media/media_log.h"
 #include "service/local_service.h"
 #include "service/service_options.h"
 

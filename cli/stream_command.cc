@@ -12,9 +12,9 @@
 
 #include "cli/cli_context.h"
 #include "nembra/json.h"
-#include "platform/media_backend.h"
-#include "platform/media_file_source.h"
-#include "platform/media_log.h"
+#include "platform/media/media_backend.h"
+#include "platform/media/media_file_source.h"
+#include "platform/media/media_log.h"
 #include "streaming/live_publisher.h"
 #include "streaming/stream_log.h"
 #include "streaming/uri.h"

@@ -20,8 +20,8 @@
 #include "api/uploading_config.h"
 #include "cli/cli_context.h"
 #include "cli/progress_board.h"
-#include "platform/file_system.h"
-#include "platform/media_log.h"
+#include "platform/files/file_system.h"
+#include "platform/media/media_log.h"
 
 namespace nembra {
 

@@ -8,24 +8,42 @@ if(NEMBRA_SANITIZE)
   set(NEMBRA_TEST_ENVIRONMENT "UBSAN_OPTIONS=print_stacktrace=1")
 endif()
 
-# Collects the sources of a module directory: every .cc except tests and fuzzers.
+# Collects the sources of a module: every .cc except tests, in the current directory or, with
+# DIRS, in the listed subdirectories of it.
 function(nembra_module_sources out_var)
-  file(GLOB all CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cc)
+  set(patterns)
+  if(ARGN)
+    foreach(dir ${ARGN})
+      list(APPEND patterns ${CMAKE_CURRENT_SOURCE_DIR}/${dir}/*.cc)
+    endforeach()
+  else()
+    set(patterns ${CMAKE_CURRENT_SOURCE_DIR}/*.cc)
+  endif()
+  file(GLOB all CONFIGURE_DEPENDS ${patterns})
   list(FILTER all EXCLUDE REGEX "_test\\.cc$")
   set(${out_var} ${all} PARENT_SCOPE)
 endfunction()
 
-# Collects the unit tests of a module directory.
+# Collects the unit tests of a module, as nembra_module_sources does.
 function(nembra_module_tests out_var)
-  file(GLOB all CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*_test.cc)
+  set(patterns)
+  if(ARGN)
+    foreach(dir ${ARGN})
+      list(APPEND patterns ${CMAKE_CURRENT_SOURCE_DIR}/${dir}/*_test.cc)
+    endforeach()
+  else()
+    set(patterns ${CMAKE_CURRENT_SOURCE_DIR}/*_test.cc)
+  endif()
+  file(GLOB all CONFIGURE_DEPENDS ${patterns})
   set(${out_var} ${all} PARENT_SCOPE)
 endfunction()
 
-# nembra_library(NAME DEPS dep...) builds the module in the current directory.
-# EXCLUDE names sources (relative to the directory) that belong to another target.
+# nembra_library(NAME [DIRS subdir...] DEPS dep...) builds the module in the current directory
+# (or in the listed subdirectories). EXCLUDE names sources, relative to the directory, that
+# belong to another target.
 function(nembra_library name)
-  cmake_parse_arguments(ARG "" "" "DEPS;PRIVATE_DEPS;EXCLUDE" ${ARGN})
-  nembra_module_sources(srcs)
+  cmake_parse_arguments(ARG "" "" "DIRS;DEPS;PRIVATE_DEPS;EXCLUDE" ${ARGN})
+  nembra_module_sources(srcs ${ARG_DIRS})
   foreach(excluded ${ARG_EXCLUDE})
     list(REMOVE_ITEM srcs ${CMAKE_CURRENT_SOURCE_DIR}/${excluded})
   endforeach()
@@ -38,8 +56,8 @@ endfunction()
 # nembra_unit_tests(NAME DEPS dep...) builds one test binary from the directory's *_test.cc
 # and registers each test case with CTest under the label "unit".
 function(nembra_unit_tests name)
-  cmake_parse_arguments(ARG "" "" "DEPS;EXTRA_SOURCES" ${ARGN})
-  nembra_module_tests(tests)
+  cmake_parse_arguments(ARG "" "" "DIRS;DEPS;EXTRA_SOURCES" ${ARGN})
+  nembra_module_tests(tests ${ARG_DIRS})
   if(NOT tests OR NEMBRA_FUZZ)
     return()
   endif()

@@ -8,9 +8,9 @@
 #include <variant>
 #include <vector>
 
-#include "platform/media_encoder_h264_units.h"
-#include "platform/media_source_mp4.h"
-#include "platform/mp4_demuxer.h"
+#include "platform/media/media_encoder_h264_units.h"
+#include "platform/media/mp4/media_source_mp4.h"
+#include "platform/media/mp4/mp4_demuxer.h"
 
 namespace {
 

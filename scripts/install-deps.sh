@@ -13,6 +13,8 @@ packages=(
   libavdevice-dev libavfilter-dev
   libcpp-httplib-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  # screens: window, input, audio output and text; Xvfb for the window tests
+  libsdl2-dev libsdl2-ttf-dev fonts-dejavu-core xvfb x11-apps
   # real peers for the integration tests and benchmarks
   nginx libnginx-mod-rtmp ffmpeg curl strace time
   # what the benchmark scripts use to read forms and do sums

@@ -4,7 +4,7 @@
 
 #include <cerrno>
 
-#include "platform/thread_name.h"
+#include "platform/dispatch/thread_name.h"
 
 namespace nembra {
 

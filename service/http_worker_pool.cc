@@ -1,6 +1,6 @@
 #include "service/http_worker_pool.h"
 
-#include "platform/thread_name.h"
+#include "platform/dispatch/thread_name.h"
 
 namespace nembra {
 

@@ -8,10 +8,10 @@
 #include <exception>
 #include <filesystem>
 
-#include "platform/frame_grabber.h"
-#include "platform/media_probe.h"
-#include "platform/media_remuxer.h"
-#include "platform/thread_name.h"
+#include "platform/media/frame_grabber.h"
+#include "platform/media/media_probe.h"
+#include "platform/media/media_remuxer.h"
+#include "platform/dispatch/thread_name.h"
 #include "service/cdn_file_server.h"
 #include "service/data_directory.h"
 #include "service/fault_injection.h"
@@ -103,7 +103,7 @@ OptionalError LocalService::open() {
   for (auto& c : credentials.accessKeyId) c = static_cast<char>(std::toupper(c));
 
   sessions_ = std::make_unique<SessionRegistry>(*store_, options_.tokens);
-  analyzer_ = std::make_unique<MediaAnalyzer>(makeFfmpegMediaProbe(), makeFfmpegFrameGrabber());
+  analyzer_ = std::make_unique<MediaAnalyzer>(makeMediaProbe(), makeFrameGrabber());
   std::string base = options_.publicBaseUrl(port_);
   std::string storageUrl = options_.publicBaseUrl(storagePort_) + "/storage/" + kBucket;
   signer_ = std::make_unique<StoragePolicySigner>(credentials, kBucket, storageUrl);
@@ -111,7 +111,7 @@ OptionalError LocalService::open() {
   library_ = std::make_unique<MediaLibrary>(*store_, *directory_, *analyzer_, *signer_, options_);
   faults_ = std::make_unique<FaultInjection>(options_.faults);
   ingest_ = std::make_unique<RtmpIngest>(*library_, *sessions_, *directory_,
-                                         makeFfmpegMediaRemuxer(), log_);
+                                         makeMediaRemuxer(), log_);
 
   std::string rtmpUrl;
   if (options_.rtmpPort != 0) {

@@ -7,8 +7,8 @@
 #include <memory>
 #include <string>
 
-#include "platform/frame_grabber.h"
-#include "platform/media_probe.h"
+#include "platform/media/frame_grabber.h"
+#include "platform/media/media_probe.h"
 #include "service/media_records.h"
 #include "service/result.h"
 

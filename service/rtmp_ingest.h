@@ -17,9 +17,9 @@
 #include <optional>
 #include <string>
 
-#include "platform/child_process.h"
-#include "platform/media_remuxer.h"
-#include "platform/serial_queue.h"
+#include "platform/system/child_process.h"
+#include "platform/media/media_remuxer.h"
+#include "platform/dispatch/serial_queue.h"
 #include "service/data_directory.h"
 #include "service/media_library.h"
 #include "service/route_table.h"

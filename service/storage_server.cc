@@ -1,6 +1,6 @@
 #include "service/storage_server.h"
 
-#include "platform/thread_name.h"
+#include "platform/dispatch/thread_name.h"
 #include "service/http_worker_pool.h"
 #include "service/socket_stream.h"
 

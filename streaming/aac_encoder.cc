@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-#include "platform/media_backend.h"
+#include "platform/media/media_backend.h"
 #include "streaming/stream_log.h"
 
 namespace nembra {

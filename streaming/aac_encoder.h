@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/media_encoder_audio.h"
-#include "platform/media_source_raw_frame.h"
+#include "platform/media/media_encoder_audio.h"
+#include "platform/media/media_source_raw_frame.h"
 
 namespace nembra {
 

@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "platform/media_backend.h"
+#include "platform/media/media_backend.h"
 #include "streaming/stream_log.h"
 
 namespace nembra {

@@ -5,9 +5,9 @@
 #include <mutex>
 #include <string>
 
-#include "platform/media_encoder_samples.h"
-#include "platform/media_encoder_video.h"
-#include "platform/media_source_raw_frame.h"
+#include "platform/media/media_encoder_samples.h"
+#include "platform/media/media_encoder_video.h"
+#include "platform/media/media_source_raw_frame.h"
 
 namespace nembra {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "platform/thread_name.h"
+#include "platform/dispatch/thread_name.h"
 #include "streaming/stream_log.h"
 
 namespace nembra {

@@ -14,8 +14,8 @@
 #include <variant>
 #include <vector>
 
-#include "platform/media_source.h"
-#include "platform/media_source_pacer.h"
+#include "platform/media/media_source.h"
+#include "platform/media/media_source_pacer.h"
 #include "streaming/aac_encoder.h"
 #include "streaming/h264_encoder.h"
 #include "streaming/live_streamer.h"

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/media_encoder_samples.h"
+#include "platform/media/media_encoder_samples.h"
 #include "streaming/flv_muxer.h"
 #include "streaming/network_connection.h"
 #include "streaming/rtmp_client.h"

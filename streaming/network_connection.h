@@ -8,7 +8,7 @@
 #include <span>
 #include <string>
 
-#include "platform/tcp_socket.h"
+#include "platform/net/tcp_socket.h"
 
 namespace nembra {
 

@@ -9,7 +9,7 @@
 
 #include "streaming/amf.h"
 #include "streaming/media_callback.h"
-#include "streaming/stream_log_capture.h"
+#include "streaming/testing/stream_log_capture.h"
 
 namespace nembra {
 namespace {

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "streaming/scripted_rtmp_server.h"
-#include "streaming/stream_log_capture.h"
+#include "streaming/testing/scripted_rtmp_server.h"
+#include "streaming/testing/stream_log_capture.h"
 
 namespace nembra {
 namespace {

@@ -4,7 +4,7 @@
 #include <exception>
 #include <string>
 
-#include "platform/thread_name.h"
+#include "platform/dispatch/thread_name.h"
 #include "streaming/stream_log.h"
 
 namespace nembra {

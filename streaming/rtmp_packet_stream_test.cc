@@ -20,7 +20,7 @@
 #include "streaming/media_callback.h"
 #include "streaming/rtmp_chunk_demuxer.h"
 #include "streaming/rtmp_chunk_formatter.h"
-#include "streaming/stream_log_capture.h"
+#include "streaming/testing/stream_log_capture.h"
 
 namespace nembra {
 namespace {

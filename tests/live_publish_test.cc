@@ -15,8 +15,8 @@
 #include <thread>
 
 #include "nembra/json.h"
-#include "platform/child_process.h"
-#include "streaming/scripted_rtmp_server.h"
+#include "platform/system/child_process.h"
+#include "streaming/testing/scripted_rtmp_server.h"
 #include "tests/test_support.h"
 
 namespace nembra {

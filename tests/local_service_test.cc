@@ -21,8 +21,8 @@
 #include "api/nembra.h"
 #include "api/nembra_connect.h"
 #include "api/percent_encoding.h"
-#include "platform/media_probe.h"
-#include "platform/media_test_files.h"
+#include "platform/media/media_probe.h"
+#include "platform/media/testing/media_test_files.h"
 #include "tests/test_support.h"
 
 namespace nembra {
@@ -1034,7 +1034,7 @@ TEST_F(LocalServiceTest, LivePublishIsRecordedAndBecomesTheVideosFile) {
   std::string path = data_.file("downloaded.mp4");
   writeFile(path, mp4->body);
   MediaProbeResult probed;
-  ASSERT_FALSE(makeFfmpegMediaProbe()->probe(path, probed));
+  ASSERT_FALSE(makeMediaProbe()->probe(path, probed));
   EXPECT_EQ(probed.videoCodec, "h264");
   EXPECT_EQ(probed.audioCodec, "aac");
   // A second publish to a stream that holds its recording is refused.

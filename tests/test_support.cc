@@ -11,7 +11,7 @@
 #include <sstream>
 #include <thread>
 
-#include "platform/child_process.h"
+#include "platform/system/child_process.h"
 
 namespace nembra::testing {
 

@@ -7,4 +7,4 @@
 #include "api/nembra_delegates.h"
 #include "nembra/error.h"
 #include "nembra/json.h"
-#include "platform/main_queue.h"
+#include "platform/dispatch/main_queue.h"

@@ -1,0 +1,86 @@
+#include "platform/dispatch/main_queue.h"
+
+namespace nembra {
+
+MainQueue::MainQueue() = default;
+
+MainQueue& MainQueue::shared() {
+  static MainQueue instance;
+  return instance;
+}
+
+void MainQueue::async(Task task) {
+  {
+    std::lock_guard lock(mutex_);
+    tasks_.push_back(std::move(task));
+  }
+  wake_.notify_all();
+}
+
+bool MainQueue::isCurrent() const {
+  std::lock_guard lock(mutex_);
+  return runner_ == std::this_thread::get_id();
+}
+
+bool MainQueue::runOne(std::unique_lock<std::mutex>& lock) {
+  if (tasks_.empty()) return false;
+  Task task = std::move(tasks_.front());
+  tasks_.pop_front();
+  auto previous = runner_;
+  runner_ = std::this_thread::get_id();
+  lock.unlock();
+  task();
+  lock.lock();
+  runner_ = previous;
+  return true;
+}
+
+void MainQueue::run() {
+  std::unique_lock lock(mutex_);
+  stopRequested_ = false;
+  while (!stopRequested_) {
+    wake_.wait(lock, [this] { return stopRequested_ || !tasks_.empty(); });
+    if (stopRequested_) break;
+    runOne(lock);
+  }
+  stopRequested_ = false;
+}
+
+size_t MainQueue::runUntilIdle() {
+  std::unique_lock lock(mutex_);
+  size_t count = 0;
+  while (runOne(lock)) ++count;
+  return count;
+}
+
+bool MainQueue::runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    while (runOne(lock)) {
+    }
+    lock.unlock();
+    bool finished = done();
+    lock.lock();
+    if (finished) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    wake_.wait_until(lock, std::min(deadline, std::chrono::steady_clock::now() +
+                                                  std::chrono::milliseconds(20)),
+                     [this] { return !tasks_.empty(); });
+  }
+}
+
+void MainQueue::stop() {
+  {
+    std::lock_guard lock(mutex_);
+    stopRequested_ = true;
+  }
+  wake_.notify_all();
+}
+
+size_t MainQueue::pendingCount() const {
+  std::lock_guard lock(mutex_);
+  return tasks_.size();
+}
+
+}  // namespace nembra

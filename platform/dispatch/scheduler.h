@@ -1,0 +1,41 @@
+// The process-wide delayed-task thread ("com.nembra.scheduler"): holds deadlines and, when one
+// falls due, posts its task to the queue it was scheduled for. Never runs user code itself.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "platform/dispatch/task_queue.h"
+
+namespace nembra {
+
+class Scheduler {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  static Scheduler& shared();
+
+  // Posts |task| to |queue| once |deadline| has passed. |queue| must still exist then.
+  void postAt(Clock::time_point deadline, TaskQueue& queue, Task task);
+
+  ~Scheduler();
+
+ private:
+  Scheduler();
+  void loop();
+
+  struct Entry {
+    TaskQueue* queue;
+    Task task;
+  };
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::multimap<Clock::time_point, Entry> entries_;  // guarded by mutex_
+  bool stopping_ = false;                            // guarded by mutex_
+  std::thread thread_;
+};
+
+}  // namespace nembra

@@ -1,0 +1,85 @@
+// The media plug-in's entry point: MediaBackend over the FFmpeg implementations.
+#include "platform/ffmpeg/ffmpeg_media_backend.h"
+
+extern "C" {
+#include <libavutil/log.h>
+}
+
+#include "platform/media/media_backend.h"
+#include "platform/ffmpeg/ffmpeg_aac_encoder.h"
+#include "platform/ffmpeg/ffmpeg_x264_encoder.h"
+#include "platform/ffmpeg/ffmpeg_device_source.h"
+#include "platform/ffmpeg/ffmpeg_file_source.h"
+
+namespace nembra {
+
+namespace {
+
+class FfmpegMediaBackend final : public MediaBackend {
+ public:
+  std::unique_ptr<MediaProbe> makeMediaProbe() override { return newFfmpegMediaProbe(); }
+  std::unique_ptr<FrameGrabber> makeFrameGrabber() override { return newFfmpegFrameGrabber(); }
+  std::unique_ptr<MediaRemuxer> makeMediaRemuxer() override { return newFfmpegMediaRemuxer(); }
+  std::unique_ptr<MediaConverter> makeMediaConverter() override {
+    return newFfmpegMediaConverter();
+  }
+  std::unique_ptr<ImageCodec> makeImageCodec() override { return newFfmpegImageCodec(); }
+
+  std::unique_ptr<MediaSource> openFile(const std::string& path, OptionalError& error) override {
+    return MediaSourceFile::open(path, error);
+  }
+  std::unique_ptr<MediaSource> openTestPattern(int width, int height, int fps,
+                                               OptionalError& error) override {
+    return MediaSourceDevice::openTestPattern(width, height, fps, error);
+  }
+  std::unique_ptr<MediaSource> openCamera(const std::string& device, int width, int height, int fps,
+                                          OptionalError& error) override {
+    return MediaSourceDevice::openCamera(device, width, height, fps, error);
+  }
+
+  std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
+                                                  OptionalError& error) override {
+    return MediaEncoderX264::create(settings, error);
+  }
+  std::unique_ptr<AudioEncoder> createAacEncoder(const AudioEncoderSettings& settings,
+                                                 OptionalError& error) override {
+    return MediaEncoderAAC::create(settings, error);
+  }
+
+  OptionalError writeVideoSample(const std::string& path, double seconds, int width,
+                                 int height) override {
+    return ffmpegWriteVideoSample(path, seconds, width, height);
+  }
+  OptionalError writeAudioSample(const std::string& path, double seconds) override {
+    return ffmpegWriteAudioSample(path, seconds);
+  }
+  OptionalError writePictureSample(const std::string& path, int width, int height) override {
+    return ffmpegWritePictureSample(path, width, height);
+  }
+
+  void setLogLevel(MediaLogLevel level) override {
+    switch (level) {
+      case MediaLogLevel::Quiet:
+        av_log_set_level(AV_LOG_QUIET);
+        break;
+      case MediaLogLevel::Errors:
+        av_log_set_level(AV_LOG_ERROR);
+        break;
+      case MediaLogLevel::Warnings:
+        av_log_set_level(AV_LOG_WARNING);
+        break;
+      case MediaLogLevel::Info:
+        av_log_set_level(AV_LOG_INFO);
+        break;
+    }
+  }
+};
+
+}  // namespace
+
+}  // namespace nembra
+
+extern "C" __attribute__((visibility("default"))) nembra::MediaBackend* nembra_media_backend() {
+  static nembra::FfmpegMediaBackend backend;
+  return &backend;
+}

@@ -1,0 +1,80 @@
+// Everything the SDK does with FFmpeg (probing, frame grabs, remuxing, conversion, still images,
+// capture devices, media files, encoders) lives in a plug-in, loaded the first time one of
+// these is asked for. A process that never touches media never pays for loading FFmpeg and the
+// two hundred libraries it brings: publishing a file through the built-in MP4 reader, uploads,
+// the local service's REST side.
+//
+// The plug-in is found, in order: at $NEMBRA_MEDIA_PLUGIN; beside the running executable; where
+// the build put it. A process that needs it and cannot load it ends the way a missing shared
+// library ends a program: a message on standard error and exit code 127.
+//
+// Threading: any thread; the first use loads the plug-in once.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "nembra/error.h"
+#include "platform/media/frame_grabber.h"
+#include "platform/media/image_codec.h"
+#include "platform/media/media_converter.h"
+#include "platform/media/media_encoder_audio.h"
+#include "platform/media/media_encoder_video.h"
+#include "platform/media/media_log.h"
+#include "platform/media/media_probe.h"
+#include "platform/media/media_remuxer.h"
+#include "platform/media/media_source.h"
+
+namespace nembra {
+
+// What the plug-in provides. Each factory hands back an object the caller owns.
+class MediaBackend {
+ public:
+  virtual ~MediaBackend() = default;
+
+  virtual std::unique_ptr<MediaProbe> makeMediaProbe() = 0;
+  virtual std::unique_ptr<FrameGrabber> makeFrameGrabber() = 0;
+  virtual std::unique_ptr<MediaRemuxer> makeMediaRemuxer() = 0;
+  virtual std::unique_ptr<MediaConverter> makeMediaConverter() = 0;
+  virtual std::unique_ptr<ImageCodec> makeImageCodec() = 0;
+
+  virtual std::unique_ptr<MediaSource> openFile(const std::string& path, OptionalError& error) = 0;
+  virtual std::unique_ptr<MediaSource> openTestPattern(int width, int height, int fps,
+                                                       OptionalError& error) = 0;
+  virtual std::unique_ptr<MediaSource> openCamera(const std::string& device, int width, int height,
+                                                  int fps, OptionalError& error) = 0;
+
+  virtual std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
+                                                          OptionalError& error) = 0;
+  virtual std::unique_ptr<AudioEncoder> createAacEncoder(const AudioEncoderSettings& settings,
+                                                         OptionalError& error) = 0;
+
+  virtual OptionalError writeVideoSample(const std::string& path, double seconds, int width,
+                                         int height) = 0;
+  virtual OptionalError writeAudioSample(const std::string& path, double seconds) = 0;
+  virtual OptionalError writePictureSample(const std::string& path, int width, int height) = 0;
+
+  virtual void setLogLevel(MediaLogLevel level) = 0;
+
+  // The plug-in, loaded on first use.
+  static MediaBackend& shared();
+  // Whether shared() has loaded it already (a level set before is applied at load).
+  static bool loaded();
+};
+
+// FFmpeg's testsrc2 pictures and a beeping sine tone, timed by the filter graph.
+std::unique_ptr<MediaSource> openTestPatternSource(int width, int height, int fps,
+                                                   OptionalError& error);
+// A V4L2 camera with the default PulseAudio or ALSA microphone when one opens.
+std::unique_ptr<MediaSource> openCameraSource(const std::string& device, int width, int height,
+                                              int fps, OptionalError& error);
+// libx264 and FFmpeg's AAC encoder with the settings live publishing needs.
+std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
+                                                OptionalError& error);
+std::unique_ptr<AudioEncoder> createAacEncoder(const AudioEncoderSettings& settings,
+                                               OptionalError& error);
+
+}  // namespace nembra
+
+// The plug-in's one exported symbol: its backend, alive as long as the process.
+extern "C" nembra::MediaBackend* nembra_media_backend();
