@@ -277,8 +277,8 @@ OptionalError ffmpegDecodePicture(std::span<const uint8_t> bytes, const char* fo
   int lowres = 0;
   if (sized && id == AV_CODEC_ID_MJPEG && width > 0 && height > 0) {
     // The smallest reduced decode still at least as large as what will be shown.
-    const double scale = std::min({1.0, double(limits.maxWidth) / width,
-                                   double(limits.maxHeight) / height});
+    const double scale =
+        std::min({1.0, double(limits.maxWidth) / width, double(limits.maxHeight) / height});
     const int shownWidth = static_cast<int>(width * scale);
     const int shownHeight = static_cast<int>(height * scale);
     while (lowres < kMaxJpegLowres && (width >> (lowres + 1)) >= shownWidth &&

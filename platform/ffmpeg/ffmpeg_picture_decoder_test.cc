@@ -85,10 +85,13 @@ class PictureDecoderTest : public ::testing::Test {
                          const std::vector<std::string>& extra = {}) {
     const int width = std::stoi(size.substr(0, size.find('x')));
     std::vector<std::string> args = {
-        "-f",  "lavfi", "-i",
+        "-f",
+        "lavfi",
+        "-i",
         "color=c=red:s=" + size + ",drawbox=x=" + std::to_string(width / 2) +
             ":y=0:w=" + std::to_string(width / 2) + ":h=ih:color=blue:t=fill",
-        "-frames:v", "1"};
+        "-frames:v",
+        "1"};
     args.insert(args.end(), extra.begin(), extra.end());
     return files_.make(name, args);
   }
@@ -139,8 +142,8 @@ TEST_F(PictureDecoderTest, LargePicturesAreDecodedDownToTheLimitWithTheAspectKep
 }
 
 TEST_F(PictureDecoderTest, AnimatedGifKeepsEveryFrameAndItsDelayWithinTheBudget) {
-  const std::string path = files_.make(
-      "moving.gif", {"-f", "lavfi", "-i", "testsrc2=size=64x48:rate=10:duration=1"});
+  const std::string path =
+      files_.make("moving.gif", {"-f", "lavfi", "-i", "testsrc2=size=64x48:rate=10:duration=1"});
   ASSERT_FALSE(path.empty());
   const auto bytes = readBytes(path);
   Picture picture;
@@ -170,8 +173,8 @@ TEST_F(PictureDecoderTest, BadBytesAreRefusedWithAMessage) {
   for (const Case& c :
        {Case{"empty", {}, "empty"},
         Case{"html", {html.begin(), html.end()}, "not a picture of a known format"},
-        Case{"truncated png", {png.begin(), png.begin() + static_cast<long>(png.size() / 2)},
-             "png"},
+        Case{
+            "truncated png", {png.begin(), png.begin() + static_cast<long>(png.size() / 2)}, "png"},
         Case{"jpeg header only", {jpeg.begin(), jpeg.begin() + 200}, "jpeg"}}) {
     SCOPED_TRACE(c.name);
     Picture picture;
