@@ -24,8 +24,11 @@
 #include "platform/media/media_log.h"
 #include "platform/media/media_probe.h"
 #include "platform/media/media_sample_writer.h"
+#include "platform/ui/screen_presenter.h"
+#include "platform/ui/window_ui.h"
 #include "streaming/live_publisher.h"
 #include "streaming/stream_log.h"
+#include "viewer/viewer_screens.h"
 
 namespace nembra {
 
@@ -72,6 +75,7 @@ class DemoRun {
     step("Upload an image, find it in the list, download it", [this] { return roundTrip(IMAGE); });
     step("Stream live, then watch the recording become the video's file",
          [this] { return liveStream(); });
+    step("Show an image in the window", [this] { return showImage(); });
     auto seconds = std::chrono::duration<double>(Clock::now() - started).count();
     std::cout << "\n" << passed_ << " of " << total_ - skipped_ << " steps passed";
     if (skipped_ > 0) std::cout << " (" << skipped_ << " skipped)";
@@ -112,6 +116,38 @@ class DemoRun {
     start([&answer](Answer value) { answer = std::move(value); });
     nembra_.mainQueue().runUntil([&] { return answer.has_value(); }, timeout);
     return answer;
+  }
+
+  // Opens the image viewer on a sample picture in a window for a moment and reads the window
+  // back to see it drawn.
+  Outcome showImage() {
+    OptionalError error;
+    auto window = WindowUi::open(nembra_.mainQueue(), WindowUi::Options{}, error);
+    if (!window) {
+      std::cout << "    skipped the window: " << error->message << "\n";
+      return Outcome::Skipped;
+    }
+    auto sample = makeSample(IMAGE);
+    if (!sample) return Outcome::Failed;
+    installViewerScreens();
+    auto presenter = std::make_shared<ScreenPresenter>(*window, nembra_.mainQueue());
+    nembra_.setScreenPresenter(presenter);
+    nembra_.showImageFromUri(*sample);
+    WindowScreenshot shot;
+    const bool drawn = nembra_.mainQueue().runUntil(
+        [&] {
+          window->screenshot(shot);
+          auto middle = shot.at(shot.width / 2, shot.height / 2);
+          return middle[0] + middle[1] + middle[2] > 0;
+        },
+        std::chrono::seconds(10));
+    // Leaves it up long enough to be seen.
+    nembra_.mainQueue().runUntil([] { return false; }, std::chrono::milliseconds(1500));
+    presenter->dismissAll();
+    nembra_.mainQueue().runUntilIdle();
+    std::cout << "    " << (drawn ? "shown" : "nothing drawn") << " in a " << shot.width << " x "
+              << shot.height << " window\n";
+    return drawn ? Outcome::Passed : Outcome::Failed;
   }
 
   bool showDevice() {
