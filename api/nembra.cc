@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 
+#include "api/aspect_ratio_defaults.h"
 #include "api/file_info_data.h"
 #include "api/media_type.h"
 #include "api/nembra_audios.h"
@@ -14,8 +15,8 @@
 #include "api/nembra_videos.h"
 #include "api/percent_encoding.h"
 #include "api/reachability_manager.h"
-#include "platform/system/capture_hardware.h"
 #include "platform/files/file_system.h"
+#include "platform/system/capture_hardware.h"
 #include "platform/system/local_notifications.h"
 #include "platform/system/mail_composer.h"
 #include "platform/system/user_defaults.h"
@@ -32,7 +33,9 @@ constexpr const char* kErrorSource = "nembra.ios.sdk";
 
 Nembra::Nembra(MainQueue& mainQueue)
     : mainQueue_(mainQueue),
-      logSink_([](const std::string& message) { std::fprintf(stderr, "%s\n", message.c_str()); }) {}
+      logSink_([](const std::string& message) { std::fprintf(stderr, "%s\n", message.c_str()); }) {
+  AspectRatioDefaults::setUp();
+}
 
 Nembra::Nembra(std::string token, MainQueue& mainQueue) : Nembra(mainQueue) {
   token_ = std::move(token);
@@ -98,9 +101,8 @@ NembraImages& Nembra::images() {
 }
 
 int Nembra::mediaTypeForPath(const std::string& path) {
-  std::string name = path.substr(path.find_last_of('/') == std::string::npos
-                                     ? 0
-                                     : path.find_last_of('/') + 1);
+  std::string name =
+      path.substr(path.find_last_of('/') == std::string::npos ? 0 : path.find_last_of('/') + 1);
   size_t dot = name.find_last_of('.');
   if (dot == std::string::npos) return 0;
   std::string extension = name.substr(dot + 1);
@@ -213,8 +215,7 @@ std::string Nembra::errorEventBody(const std::string& message, long long unixSec
   // The message goes in as it stands, unescaped: kept, the service's event parser expects the
   // text exactly as clients have always sent it.
   std::string events = "[{\"message\":\"" + message + "\",\"source\":\"" + kErrorSource +
-                       "\",\"lineno\":0,\"colno\":0,\"time\":" + std::to_string(unixSeconds) +
-                       "}]";
+                       "\",\"lineno\":0,\"colno\":0,\"time\":" + std::to_string(unixSeconds) + "}]";
   return "events=" + percentEncode(events, PercentEncodingSet::UrlHostAllowed);
 }
 

@@ -30,7 +30,8 @@ class FileInfoData;
 
 class Nembra {
  public:
-  // init: empty token, default configuration objects, debug logs off.
+  // init: empty token, default configuration objects, the process-wide aspect ratios
+  // (AspectRatioDefaults), debug logs off.
   explicit Nembra(MainQueue& mainQueue = MainQueue::shared());
   // initWithToken: also reads the "AppGroup" user default.
   explicit Nembra(std::string token, MainQueue& mainQueue = MainQueue::shared());
@@ -67,16 +68,16 @@ class Nembra {
 
   // Uploads the file at |path| with the type its lower-cased extension names: "mp4", "mov",
   // "avi" video; "mp3", "wav", "aac" audio; "png", "jpg", "bmp", "jpeg" image. Any other
-  // extension is handed on with no type, which the upload handler refuses with an error.
+  // extension is handed on with no type (0), whose upload URLs are "": the connection's error
+  // then ends the upload.
   void uploadFromPath(const std::string& path, const Json& data);
-  void uploadFromPath(const std::string& path, const Json& data,
-                      std::function<void(const std::optional<Json>&, const HttpResponse&,
-                                         const OptionalError&)>
-                          callback,
-                      std::function<void(int64_t, int64_t)> progress,
-                      std::function<void(const std::optional<Json>&, const HttpResponse&,
-                                         const OptionalError&)>
-                          confirmCallback);
+  void uploadFromPath(
+      const std::string& path, const Json& data,
+      std::function<void(const std::optional<Json>&, const HttpResponse&, const OptionalError&)>
+          callback,
+      std::function<void(int64_t, int64_t)> progress,
+      std::function<void(const std::optional<Json>&, const HttpResponse&, const OptionalError&)>
+          confirmCallback);
   // The media type uploadFromPath picks for |path|; 0 when the extension names none.
   static int mediaTypeForPath(const std::string& path);
   // Cancels the upload of |path|, deleting the file when |deleteFile| is set.
@@ -97,13 +98,9 @@ class Nembra {
     return uploadingDelegate_.lock();
   }
   void setPlayerDelegate(std::weak_ptr<NembraPlayerDelegate> d) { playerDelegate_ = d; }
-  std::shared_ptr<NembraPlayerDelegate> getPlayerDelegate() const {
-    return playerDelegate_.lock();
-  }
+  std::shared_ptr<NembraPlayerDelegate> getPlayerDelegate() const { return playerDelegate_.lock(); }
   void setSensorDelegate(std::weak_ptr<NembraSensorDelegate> d) { sensorDelegate_ = d; }
-  std::shared_ptr<NembraSensorDelegate> getSensorDelegate() const {
-    return sensorDelegate_.lock();
-  }
+  std::shared_ptr<NembraSensorDelegate> getSensorDelegate() const { return sensorDelegate_.lock(); }
   // Stores the delegate and at once runs the five hardware checks, in the order below.
   void setHardwarePermissionDelegate(std::weak_ptr<NembraHardwarePermissionDelegate> d);
   std::shared_ptr<NembraHardwarePermissionDelegate> getHardwarePermissionDelegate() const {
@@ -178,8 +175,7 @@ class Nembra {
   std::unique_ptr<NembraAudios> audios_;
   std::unique_ptr<NembraImages> images_;
   std::unique_ptr<NembraConnect> connectObj_;
-  // The accessors above may be first called from a request callback's thread (the connection
-  // asks the upload handler for URLs there).
+  // The accessors above may be first called from a request callback's thread.
   std::recursive_mutex lazyMutex_;
 
   std::weak_ptr<NembraRecorderDelegate> recorderDelegate_;
