@@ -15,8 +15,8 @@
 #include "api/nembra_videos.h"
 #include "api/percent_encoding.h"
 #include "api/reachability_manager.h"
-#include "platform/files/file_system.h"
 #include "platform/system/capture_hardware.h"
+#include "platform/files/file_system.h"
 #include "platform/system/local_notifications.h"
 #include "platform/system/mail_composer.h"
 #include "platform/system/user_defaults.h"
@@ -101,8 +101,9 @@ NembraImages& Nembra::images() {
 }
 
 int Nembra::mediaTypeForPath(const std::string& path) {
-  std::string name =
-      path.substr(path.find_last_of('/') == std::string::npos ? 0 : path.find_last_of('/') + 1);
+  std::string name = path.substr(path.find_last_of('/') == std::string::npos
+                                     ? 0
+                                     : path.find_last_of('/') + 1);
   size_t dot = name.find_last_of('.');
   if (dot == std::string::npos) return 0;
   std::string extension = name.substr(dot + 1);
@@ -215,7 +216,8 @@ std::string Nembra::errorEventBody(const std::string& message, long long unixSec
   // The message goes in as it stands, unescaped: kept, the service's event parser expects the
   // text exactly as clients have always sent it.
   std::string events = "[{\"message\":\"" + message + "\",\"source\":\"" + kErrorSource +
-                       "\",\"lineno\":0,\"colno\":0,\"time\":" + std::to_string(unixSeconds) + "}]";
+                       "\",\"lineno\":0,\"colno\":0,\"time\":" + std::to_string(unixSeconds) +
+                       "}]";
   return "events=" + percentEncode(events, PercentEncodingSet::UrlHostAllowed);
 }
 

@@ -71,13 +71,14 @@ class Nembra {
   // extension is handed on with no type (0), whose upload URLs are "": the connection's error
   // then ends the upload.
   void uploadFromPath(const std::string& path, const Json& data);
-  void uploadFromPath(
-      const std::string& path, const Json& data,
-      std::function<void(const std::optional<Json>&, const HttpResponse&, const OptionalError&)>
-          callback,
-      std::function<void(int64_t, int64_t)> progress,
-      std::function<void(const std::optional<Json>&, const HttpResponse&, const OptionalError&)>
-          confirmCallback);
+  void uploadFromPath(const std::string& path, const Json& data,
+                      std::function<void(const std::optional<Json>&, const HttpResponse&,
+                                         const OptionalError&)>
+                          callback,
+                      std::function<void(int64_t, int64_t)> progress,
+                      std::function<void(const std::optional<Json>&, const HttpResponse&,
+                                         const OptionalError&)>
+                          confirmCallback);
   // The media type uploadFromPath picks for |path|; 0 when the extension names none.
   static int mediaTypeForPath(const std::string& path);
   // Cancels the upload of |path|, deleting the file when |deleteFile| is set.
@@ -98,9 +99,13 @@ class Nembra {
     return uploadingDelegate_.lock();
   }
   void setPlayerDelegate(std::weak_ptr<NembraPlayerDelegate> d) { playerDelegate_ = d; }
-  std::shared_ptr<NembraPlayerDelegate> getPlayerDelegate() const { return playerDelegate_.lock(); }
+  std::shared_ptr<NembraPlayerDelegate> getPlayerDelegate() const {
+    return playerDelegate_.lock();
+  }
   void setSensorDelegate(std::weak_ptr<NembraSensorDelegate> d) { sensorDelegate_ = d; }
-  std::shared_ptr<NembraSensorDelegate> getSensorDelegate() const { return sensorDelegate_.lock(); }
+  std::shared_ptr<NembraSensorDelegate> getSensorDelegate() const {
+    return sensorDelegate_.lock();
+  }
   // Stores the delegate and at once runs the five hardware checks, in the order below.
   void setHardwarePermissionDelegate(std::weak_ptr<NembraHardwarePermissionDelegate> d);
   std::shared_ptr<NembraHardwarePermissionDelegate> getHardwarePermissionDelegate() const {
