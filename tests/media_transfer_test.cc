@@ -403,6 +403,16 @@ TEST(MediaCommandsTest, UploadListDownloadAndCacheFromTheCommandLine) {
     return runCommand(argv, 120s);
   };
 
+  // An application with nothing yet lists nothing, successfully; a missing video is the
+  // service's 404, read from the answer's status.
+  auto none = cli({"videos", "list", "--json"});
+  EXPECT_EQ(none.exitCode, 0) << none.output;
+  EXPECT_NE(none.output.find("[]"), std::string::npos) << none.output;
+  auto absent = cli({"videos", "get", "nosuchvideo"});
+  EXPECT_EQ(absent.exitCode, 1);
+  EXPECT_NE(absent.output.find("the get request answered HTTP 404"), std::string::npos)
+      << absent.output;
+
   auto uploaded = cli({"upload", video, image, "--extra", "title=from cli"});
   ASSERT_EQ(uploaded.exitCode, 0) << uploaded.output;
   EXPECT_TRUE(fs::exists(video) && fs::exists(image)) << "the user's files stay";
