@@ -7,9 +7,9 @@
 #include <sstream>
 
 #include "api/nembra.h"
-#include "platform/dispatch/main_queue.h"
 #include "platform/http/http_curl_client.h"
 #include "platform/http/testing/http_test_support.h"
+#include "platform/dispatch/main_queue.h"
 
 namespace nembra {
 namespace {
