@@ -19,11 +19,11 @@
 #include "api/nembra_uploading_handler.h"
 #include "api/nembra_videos.h"
 #include "api/reachability.h"
+#include "platform/system/child_process.h"
+#include "platform/net/testing/fake_network_interfaces.h"
 #include "platform/media/media_log.h"
 #include "platform/media/media_sample_writer.h"
 #include "platform/media/testing/media_test_files.h"
-#include "platform/system/child_process.h"
-#include "platform/net/testing/fake_network_interfaces.h"
 #include "tests/test_support.h"
 
 namespace nembra {
