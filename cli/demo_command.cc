@@ -18,6 +18,7 @@
 #include "api/nembra_images.h"
 #include "api/nembra_uploading_handler.h"
 #include "api/nembra_videos.h"
+#include "api/reply_status.h"
 #include "cli/cli_context.h"
 #include "platform/files/file_system.h"
 #include "platform/media/media_backend.h"
@@ -257,9 +258,12 @@ class DemoRun {
   std::optional<std::vector<std::string>> listTokens(int type) {
     auto done = std::make_shared<std::promise<std::vector<std::string>>>();
     bool failed = false;
-    auto collect = [&](const auto& models, const OptionalError& error) {
+    auto collect = [&](const auto& models, const HttpResponse& response,
+                       const OptionalError& answered) {
       std::vector<std::string> tokens;
       for (const auto& model : models) tokens.push_back(model.token);
+      OptionalError error = answered;
+      if (!error) error = ReplyStatus::check("the index request", response);
       if (error) {
         std::cout << "    cannot list: " << error->message << "\n";
         failed = true;
@@ -268,14 +272,14 @@ class DemoRun {
     };
     Json page{{"limit", 100}};
     if (type == VIDEO) {
-      nembra_.videos().index(page, [&](const std::vector<Video>& all, const HttpResponse&,
-                                       const OptionalError& e) { collect(all, e); });
+      nembra_.videos().index(page, [&](const std::vector<Video>& all, const HttpResponse& r,
+                                       const OptionalError& e) { collect(all, r, e); });
     } else if (type == AUDIO) {
-      nembra_.audios().index(page, [&](const std::vector<Audio>& all, const HttpResponse&,
-                                       const OptionalError& e) { collect(all, e); });
+      nembra_.audios().index(page, [&](const std::vector<Audio>& all, const HttpResponse& r,
+                                       const OptionalError& e) { collect(all, r, e); });
     } else {
-      nembra_.images().index(page, [&](const std::vector<Image>& all, const HttpResponse&,
-                                       const OptionalError& e) { collect(all, e); });
+      nembra_.images().index(page, [&](const std::vector<Image>& all, const HttpResponse& r,
+                                       const OptionalError& e) { collect(all, r, e); });
     }
     auto future = done->get_future();
     nembra_.mainQueue().runUntil(
@@ -300,10 +304,13 @@ class DemoRun {
     std::string failure;
     bool ended = false;
     delegate->uploadVerifiedWithPath = [&](const std::string&, const std::string& media,
-                                           const std::string&, const HttpResponse&,
-                                           const OptionalError& error, const std::optional<Json>&) {
+                                           const std::string&, const HttpResponse& response,
+                                           const OptionalError& error,
+                                           const std::optional<Json>& json) {
       token = media;
-      if (error) failure = "not confirmed: " + error->message;
+      OptionalError refused = error;
+      if (!refused) refused = ReplyStatus::check("the confirm request", response, json);
+      if (refused) failure = "not confirmed: " + refused->message;
       ended = true;
     };
     delegate->errorWithError = [&](const Error& error) {

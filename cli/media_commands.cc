@@ -151,15 +151,18 @@ class ResourceCommands {
   int list(const MediaArguments& args) {
     std::atomic<bool> done = false;
     std::vector<Model> models;
+    HttpResponse response;
     OptionalError failure;
     resource().index(
         Json{{"limit", args.limit}, {"offset", args.offset}},
-        [&](const std::vector<Model>& list, const HttpResponse&, const OptionalError& error) {
+        [&](const std::vector<Model>& list, const HttpResponse& r, const OptionalError& error) {
           models = list;
+          response = r;
           failure = error;
           done = true;
         });
     if (!waitFor(nembra(), done)) return fail(command("list"), "no answer");
+    if (!failure) failure = ReplyStatus::check("the index request", response);
     if (failure) return fail(command("list"), failure->message);
     std::vector<Json> rows;
     for (const Model& model : models) rows.push_back(model.toDictionary());
@@ -174,14 +177,17 @@ class ResourceCommands {
   int get(const MediaArguments& args) {
     std::atomic<bool> done = false;
     Model result;
+    HttpResponse response;
     OptionalError failure;
     resource().get(args.token, Json::object(),
-                   [&](const Model& model, const HttpResponse&, const OptionalError& error) {
+                   [&](const Model& model, const HttpResponse& r, const OptionalError& error) {
                      result = model;
+                     response = r;
                      failure = error;
                      done = true;
                    });
     if (!waitFor(nembra(), done)) return fail(command("get"), "no answer");
+    if (!failure) failure = ReplyStatus::check("the get request", response);
     if (failure) return fail(command("get"), failure->message);
     printModel(result.toDictionary(), context_.options.json);
     return 0;
@@ -193,14 +199,17 @@ class ResourceCommands {
     if (!error.empty()) return fail(command("update"), error, 2);
     std::atomic<bool> done = false;
     Model result;
+    HttpResponse response;
     OptionalError failure;
     resource().update(args.token, data,
-                      [&](const Model& model, const HttpResponse&, const OptionalError& e) {
+                      [&](const Model& model, const HttpResponse& r, const OptionalError& e) {
                         result = model;
+                        response = r;
                         failure = e;
                         done = true;
                       });
     if (!waitFor(nembra(), done)) return fail(command("update"), "no answer");
+    if (!failure) failure = ReplyStatus::check("the update request", response);
     if (failure) return fail(command("update"), failure->message);
     printModel(result.toDictionary(), context_.options.json);
     return 0;
@@ -404,11 +413,13 @@ void registerVideoExtras(CLI::App& group, CliContext& context, int& exitCode,
     }
     std::atomic<bool> done = false;
     std::optional<Json> answer;
+    HttpResponse response;
     OptionalError failure;
     nembra.videos().createVideoWithData(
         data, args->file, cover,
-        [&](const std::optional<Json>& json, const HttpResponse&, const OptionalError& e) {
+        [&](const std::optional<Json>& json, const HttpResponse& r, const OptionalError& e) {
           answer = json;
+          response = r;
           failure = e;
           done = true;
         },
@@ -418,11 +429,15 @@ void registerVideoExtras(CLI::App& group, CliContext& context, int& exitCode,
       return;
     }
     nembra.mainQueue().runUntilIdle();
+    if (!failure) failure = ReplyStatus::check("the create request", response, answer);
+    Video video = Video::initWithJson(answer && answer->is_object() ? *answer : Json::object());
+    if (!failure && video.token.empty()) {
+      failure = Error::parse("the create answer has no \"video\" or \"stream\" token");
+    }
     if (failure) {
       exitCode = fail("videos create", failure->message);
       return;
     }
-    Video video = Video::initWithJson(answer ? *answer : Json::object());
     if (context.options.json) {
       std::cout << video.toDictionary().dump(2) << "\n";
     } else {
@@ -446,11 +461,13 @@ void registerVideoExtras(CLI::App& group, CliContext& context, int& exitCode,
     }
     std::atomic<bool> done = false;
     std::optional<Json> answer;
+    HttpResponse response;
     OptionalError failure;
     nembra.videos().rerecordVideoWithToken(
         args->token, *handed, Json::object(),
-        [&](const std::optional<Json>& json, const HttpResponse&, const OptionalError& e) {
+        [&](const std::optional<Json>& json, const HttpResponse& r, const OptionalError& e) {
           answer = json;
+          response = r;
           failure = e;
           done = true;
         },
@@ -459,6 +476,10 @@ void registerVideoExtras(CLI::App& group, CliContext& context, int& exitCode,
     nembra.mainQueue().runUntilIdle();
     std::error_code ec;
     fs::remove(*handed, ec);
+    if (answered && !failure) failure = ReplyStatus::check("the stream request", response, answer);
+    if (answered && !failure && (!answer || !answer->is_object() || !answer->contains("token"))) {
+      failure = Error::parse("the stream answer has no \"token\"");
+    }
     if (!answered || failure) {
       exitCode = fail("videos rerecord", failure ? failure->message : "no answer");
       return;
