@@ -1,4 +1,4 @@
-#include "service/tcp_listener.h"
+#include "platform/net/tcp_listener.h"
 
 #include <netdb.h>
 #include <netinet/in.h>
@@ -10,6 +10,8 @@
 #include <chrono>
 #include <cstring>
 #include <thread>
+
+#include "platform/net/tcp_socket_posix.h"
 
 namespace nembra {
 namespace {
@@ -29,10 +31,12 @@ int boundPort(int fd) {
 
 }  // namespace
 
-Result<std::unique_ptr<TcpListener>> TcpListener::open(const std::string& host, int port) {
+std::unique_ptr<TcpListener> TcpListener::open(const std::string& host, int port,
+                                               OptionalError& error) {
   auto failure = [&](const std::string& why) {
-    return Error::transport("cannot listen on " + host + ":" + std::to_string(port) + " (" + why +
-                            ")");
+    error = Error::transport("cannot listen on " + host + ":" + std::to_string(port) + " (" + why +
+                             ")");
+    return nullptr;
   };
   if (port < 0 || port > 65535) return failure("not a port");
   addrinfo hints{};
@@ -71,20 +75,20 @@ Result<std::unique_ptr<TcpListener>> TcpListener::open(const std::string& host, 
 
 TcpListener::~TcpListener() { ::close(fd_); }
 
-int TcpListener::accept() {
+std::unique_ptr<TcpSocket> TcpListener::accept() {
   while (!shutDown_) {
     int connection = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
     if (connection >= 0) {
       int yes = 1;
       ::setsockopt(connection, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes));
-      return connection;
+      return std::make_unique<TcpSocketPosix>(connection);
     }
     if (shutDown_) break;
     if (errno == EINTR || errno == ECONNABORTED || errno == EPROTO) continue;
     // Out of descriptors or memory: connections wait in the backlog until some are freed.
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  return -1;
+  return nullptr;
 }
 
 void TcpListener::shutdown() {

@@ -11,23 +11,24 @@
 #include <memory>
 #include <string>
 
-#include "service/result.h"
+#include "nembra/error.h"
+#include "platform/net/tcp_socket.h"
 
 namespace nembra {
 
 class TcpListener {
  public:
-  // Listens on |host| (a name or an address) at |port|, a free port when 0.
-  static Result<std::unique_ptr<TcpListener>> open(const std::string& host, int port);
+  // Listens on |host| (a name or an address) at |port|, a free port when 0. Null with a
+  // transport |error| when it cannot.
+  static std::unique_ptr<TcpListener> open(const std::string& host, int port, OptionalError& error);
   ~TcpListener();
   TcpListener(const TcpListener&) = delete;
   TcpListener& operator=(const TcpListener&) = delete;
 
   int port() const { return port_; }
-  // Waits for the next connection: its socket, with TCP_NODELAY set and owned by the caller; -1
-  // once shut down.
-  int accept();
-  // Makes accept() return -1, now and from then on.
+  // Waits for the next connection: its socket, with TCP_NODELAY set; null once shut down.
+  std::unique_ptr<TcpSocket> accept();
+  // Makes accept() return null, now and from then on.
   void shutdown();
 
  private:
