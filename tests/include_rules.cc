@@ -12,8 +12,8 @@ namespace {
 
 // Folders at the top of the tree that hold sources; anything else (build trees) is skipped.
 const std::vector<std::string> kSourceFolders = {
-    "platform", "streaming", "api",   "service", "recorder", "playback", "capture",
-    "cli",      "include",   "tests", "bench",   "fuzz",     "examples"};
+    "platform", "streaming", "api",     "service", "recorder", "playback", "capture",
+    "viewer",   "cli",       "include", "tests",   "bench",    "fuzz",     "examples"};
 
 // Folders that use the whole tree: nothing depends on them.
 const std::set<std::string> kConsumers = {"tests", "bench", "fuzz", "examples"};
@@ -30,8 +30,9 @@ const std::map<std::string, std::set<std::string>>& allowed() {
       {"recorder", {"api", "streaming", "platform", "include/nembra"}},
       {"playback", {"api", "platform", "include/nembra"}},
       {"capture", {"api", "platform", "include/nembra"}},
+      {"viewer", {"api", "platform", "include/nembra"}},
       {"cli",
-       {"recorder", "playback", "capture", "service", "api", "streaming", "platform",
+       {"recorder", "playback", "capture", "viewer", "service", "api", "streaming", "platform",
         "include/nembra"}},
   };
   return rules;
