@@ -87,6 +87,8 @@ void PlayerEngine::openItem(size_t index, uint64_t generation) {
       std::make_unique<PlayerSession>(++sessionIds_, items_[index], surface_, audioOutput_.get(),
                                       static_cast<PlayerSession::Listener&>(*this));
   session_->start(!playing_, muted_);
+  if (pendingSeek_) session_->seek(*pendingSeek_);
+  pendingSeek_.reset();
   updateTimeControlLocked();
 }
 
@@ -152,6 +154,7 @@ void PlayerEngine::setItems(std::vector<MediaPlayerItem> items) {
     if (closed_) return;
     items_ = std::move(items);
     index_ = 0;
+    pendingSeek_.reset();
     generation = ++generation_;
   }
   post([this, generation] { openItem(0, generation); });
@@ -193,8 +196,12 @@ void PlayerEngine::pause() {
 
 void PlayerEngine::seek(double seconds) {
   std::lock_guard lock(mutex_);
-  if (closed_ || !session_) return;
+  if (closed_) return;
   finished_ = false;
+  if (!session_) {
+    pendingSeek_ = seconds;  // the item is still being opened
+    return;
+  }
   session_->seek(seconds);
   updateTimeControlLocked();
 }

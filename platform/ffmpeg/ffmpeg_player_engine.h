@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -70,8 +71,9 @@ class PlayerEngine final : public MediaPlayerEngine, private PlayerSession::List
   uint64_t generation_ = 0;  // bumped by setItems: reports of older sessions are dropped
   std::unique_ptr<PlayerSession> session_;
   uint64_t sessionIds_ = 0;
-  bool playing_ = false;   // play() asked
-  bool finished_ = false;  // the last item has played to its end
+  bool playing_ = false;               // play() asked
+  bool finished_ = false;              // the last item has played to its end
+  std::optional<double> pendingSeek_;  // asked before the item's session existed
   bool muted_ = false;
   bool closed_ = false;
   MediaPlayerStatus status_ = MediaPlayerStatus::Unknown;

@@ -170,11 +170,14 @@ void PlayerSession::setWaiting(bool waiting) {
 }
 
 void PlayerSession::videoShown(int serial, double pts, bool first) {
+  // After a seek the item stands at the target, which may lie inside the first picture.
+  const bool seekedTo = first && seekSerial_.load() == serial;
+  const double at = seekedTo ? std::max(pts, seekTarget_.load()) : pts;
   if (first && !hasAudio_.load()) {
     // Without sound the system clock starts from the first picture of each position.
-    externalClock_.set(pts, serial);
+    externalClock_.set(at, serial);
   }
-  if (!std::isnan(pts)) lastTime_.store(pts);
+  if (!std::isnan(at)) lastTime_.store(at);
   if (seeking_.load()) {
     if (seekSerial_.load() != serial) return;
     seeking_.store(false);
