@@ -125,7 +125,7 @@ TEST_F(PlayerEngineTest, PlaysATenSecondFileToItsEndInRealTimeWithOneEndNotifica
   const std::string path = indexedVideo("ten.mp4", 10);
   ASSERT_FALSE(path.empty());
   makeEngine();
-  engine_->setItems({{path}});
+  engine_->setItems({MediaPlayerItem::file(path)});
   engine_->play();
   const auto started = Clock::now();
   ASSERT_TRUE(pumpUntil([&] { return !observer_->ended.empty(); }, 20s));
@@ -157,7 +157,7 @@ TEST_F(PlayerEngineTest, WithoutSoundThePicturesKeepSystemTime) {
   const std::string path = indexedVideo("silent.mp4", 2, false);
   ASSERT_FALSE(path.empty());
   makeEngine(false);
-  engine_->setItems({{path}});
+  engine_->setItems({MediaPlayerItem::file(path)});
   engine_->play();
   const auto started = Clock::now();
   ASSERT_TRUE(pumpUntil([&] { return !observer_->ended.empty(); }, 10s));
@@ -181,7 +181,7 @@ TEST_P(PlayerEngineSeekTest, ShowsThePictureAtTheTargetWhilePaused) {
   const std::string path = indexedVideo("seek.mp4", 10);
   ASSERT_FALSE(path.empty());
   makeEngine();
-  engine_->setItems({{path}});
+  engine_->setItems({MediaPlayerItem::file(path)});
   ASSERT_TRUE(pumpUntil([&] { return ready() && surface_->count() == 1; }, 10s));
   EXPECT_EQ(frameNumberOf(*surface_->last()), 0);  // paused, yet the first picture is shown
 
@@ -203,7 +203,7 @@ TEST_F(PlayerEngineTest, SeekWhilePlayingGoesOnFromTheTarget) {
   const std::string path = indexedVideo("seek-play.mp4", 10);
   ASSERT_FALSE(path.empty());
   makeEngine();
-  engine_->setItems({{path}});
+  engine_->setItems({MediaPlayerItem::file(path)});
   engine_->play();
   ASSERT_TRUE(pumpUntil([&] { return engine_->currentTime() > 0.5; }, 10s));
   engine_->seek(6.0);
@@ -220,7 +220,7 @@ TEST_F(PlayerEngineTest, PauseStopsTheClockAndThePictures) {
   const std::string path = indexedVideo("pause.mp4", 5);
   ASSERT_FALSE(path.empty());
   makeEngine();
-  engine_->setItems({{path}});
+  engine_->setItems({MediaPlayerItem::file(path)});
   engine_->play();
   ASSERT_TRUE(pumpUntil([&] { return engine_->currentTime() > 1.0; }, 10s));
   engine_->pause();
@@ -246,7 +246,7 @@ TEST_F(PlayerEngineTest, MutingSilencesTheSoundButNotTheClock) {
   const std::string path = indexedVideo("mute.mp4", 3);
   ASSERT_FALSE(path.empty());
   makeEngine();
-  engine_->setItems({{path}});
+  engine_->setItems({MediaPlayerItem::file(path)});
   engine_->play();
   pumpFor(500ms);
   EXPECT_GT(output_->peak(), 1000);
@@ -266,7 +266,7 @@ TEST_F(PlayerEngineTest, PlaysAQueueOfItemsInOrder) {
   ASSERT_FALSE(first.empty());
   ASSERT_FALSE(second.empty());
   makeEngine();
-  engine_->setItems({{first}, {second}});
+  engine_->setItems({MediaPlayerItem::file(first), MediaPlayerItem::file(second)});
   engine_->play();
   ASSERT_TRUE(pumpUntil([&] { return observer_->ended.size() == 2; }, 10s));
   pumpFor(300ms);
@@ -290,7 +290,7 @@ TEST_F(PlayerEngineTest, PicturesNotIn420AreConvertedToI420) {
   const std::string path = indexedVideo("444.mp4", 1, false, "yuv444p");
   ASSERT_FALSE(path.empty());
   makeEngine(false);
-  engine_->setItems({{path}});
+  engine_->setItems({MediaPlayerItem::file(path)});
   engine_->seek(0.4);
   ASSERT_TRUE(surface_->waitFor(
       [](const auto& shown) { return !shown.empty() && shown.back().pts > 0.3; }, 5s));
@@ -316,7 +316,7 @@ TEST_P(PlayerEngineBrokenTest, FailsWithAnErrorThatNamesTheFile) {
   const std::string path = files_.path(GetParam().name);
   GetParam().make(path, files_);
   makeEngine();
-  engine_->setItems({{path}});
+  engine_->setItems({MediaPlayerItem::file(path)});
   engine_->play();
   ASSERT_TRUE(pumpUntil([&] { return !observer_->failed.empty(); }, 10s));
   pumpFor(100ms);

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "nembra/error.h"
@@ -45,6 +46,12 @@ class MediaByteSource {
 
 // One entry of the play queue: a local path, or a byte source (which wins when both are set).
 struct MediaPlayerItem {
+  static MediaPlayerItem file(std::string path) {
+    MediaPlayerItem item;
+    item.path = std::move(path);
+    return item;
+  }
+
   std::string path;
   std::shared_ptr<MediaByteSource> source;
   // Used in messages for a byte source ("clip.mp4"); defaults to the path.
