@@ -44,6 +44,11 @@ bool AudioRenderer::drained(int serial) const {
   return drainedSerial_.load() == serial && frames_.size() == 0;
 }
 
+double AudioRenderer::starvedFor() const {
+  const double since = emptySince_.load();
+  return since < 0 ? 0 : Clock::now() - since;
+}
+
 bool AudioRenderer::nextChunk(int serial) {
   for (;;) {
     DecodedFrame* decoded = frames_.peek();
@@ -113,6 +118,16 @@ void AudioRenderer::fill(int16_t* samples, size_t count) {
     pendingFrom_ += n;
   }
   std::memset(samples + written, 0, (wanted - written) * sizeof(int16_t));
+  if (written == 0 && handedSerial_.load() == serial) {
+    // Nothing to play: the last sound handed over has been heard, and the clock holds there
+    // instead of running ahead of the sound.
+    clock_.setAt(handedUntil_.load() - bufferedBefore, serial, calledAt);
+  }
+  if (written > 0) {
+    emptySince_.store(-1);
+  } else if (emptySince_.load() < 0) {
+    emptySince_.store(calledAt);
+  }
   if (written > 0 && chunkSerial_ == serial) {
     const double rate = spec_.sampleRate;
     const double stillPending = static_cast<double>(pending_.size() - pendingFrom_) / channels;

@@ -40,6 +40,8 @@ class AudioRenderer {
   bool drained(int serial) const;
   // The item time at which the sound handed over so far ends.
   double handedUntil() const { return handedUntil_.load(); }
+  // Seconds the output has been pulling without getting any sound (0 while it gets some).
+  double starvedFor() const;
   // The serial of the last sound handed over, -1 before any.
   int handedSerial() const { return handedSerial_.load(); }
 
@@ -70,6 +72,7 @@ class AudioRenderer {
   std::atomic<int> drainedSerial_{-1};
   std::atomic<double> handedUntil_{0};
   std::atomic<int> handedSerial_{-1};
+  std::atomic<double> emptySince_{-1};  // Clock::now() of the first empty pull in a row
 };
 
 }  // namespace nembra::player

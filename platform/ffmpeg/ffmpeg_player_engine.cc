@@ -174,7 +174,8 @@ void PlayerEngine::append(MediaPlayerItem item) {
 
 void PlayerEngine::play() {
   std::lock_guard lock(mutex_);
-  if (closed_ || playing_) return;
+  // A broken item stays stopped: playing it would only wait forever.
+  if (closed_ || playing_ || status_ == MediaPlayerStatus::Failed) return;
   playing_ = true;
   if (session_) {
     if (finished_) {

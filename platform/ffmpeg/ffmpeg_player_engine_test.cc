@@ -381,6 +381,17 @@ TEST_P(PlayerEngineByteSourceTest, CloseReturnsPromptlyWhileAReadIsBlocked) {
     EXPECT_TRUE(ready());
   }
   ASSERT_TRUE(pumpUntil([&] { return source->stalled(); }, 10s));
+  if (midway) {
+    // Once what was read has played, the player waits, its clock held.
+    ASSERT_TRUE(pumpUntil(
+        [&] {
+          return observer_->timeControls.back() == MediaPlayerTimeControlStatus::WaitingToPlay;
+        },
+        10s));
+    const double held = engine_->currentTime();
+    pumpFor(300ms);
+    EXPECT_NEAR(engine_->currentTime(), held, 0.02);
+  }
   std::this_thread::sleep_for(100ms);
 
   const auto started = Clock::now();

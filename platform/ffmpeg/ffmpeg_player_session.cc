@@ -13,6 +13,9 @@ namespace {
 // How close the clock must come to the end of the last picture or sound for the item to count
 // as played to its end.
 constexpr double kEndSlack = 0.02;
+// How long the sound may run dry before the player counts as waiting: shorter gaps are hiccups
+// of a busy machine, not a stalled source.
+constexpr double kStarvedAfter = 0.1;
 }  // namespace
 
 PlayerSession::PlayerSession(uint64_t id, MediaPlayerItem item,
@@ -165,8 +168,14 @@ double PlayerSession::masterClock(int serial) const {
   return hasAudio_.load() ? audioClock_.get(serial) : externalClock_.get(serial);
 }
 
+// Either flag changing is reported; the listener reads waiting() for the combined answer.
 void PlayerSession::setWaiting(bool waiting) {
-  if (waiting_.exchange(waiting) != waiting) listener_.sessionWaitingChanged(*this, waiting);
+  if (waiting_.exchange(waiting) != waiting)
+    listener_.sessionWaitingChanged(*this, this->waiting());
+}
+
+void PlayerSession::setStarved(bool starved) {
+  if (starved_.exchange(starved) != starved) listener_.sessionWaitingChanged(*this, waiting());
 }
 
 void PlayerSession::videoShown(int serial, double pts, bool first) {
@@ -188,6 +197,11 @@ void PlayerSession::videoShown(int serial, double pts, bool first) {
 void PlayerSession::videoIdle() { checkEnded(); }
 
 void PlayerSession::afterAudioFill() {
+  const int current = audioPackets_.serial();
+  const bool atEnd =
+      demuxer_->reachedEnd() && audioDecoder_ && audioDecoder_->finishedSerial() == current;
+  setStarved(opened_.load() && !atEnd && audioRenderer_ &&
+             audioRenderer_->starvedFor() > kStarvedAfter);
   if (!hasVideo_.load() && audioRenderer_ && audioRenderer_->handedSerial() >= 0) {
     const int serial = audioRenderer_->handedSerial();
     if (!seeking_.load() || seekSerial_.load() == serial) {

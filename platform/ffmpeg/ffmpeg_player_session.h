@@ -29,7 +29,7 @@ class PlayerSession final : private Demuxer::Listener, private VideoRenderer::Li
     virtual ~Listener() = default;
     virtual void sessionReady(PlayerSession& session) = 0;
     virtual void sessionFailed(PlayerSession& session, const Error& error) = 0;
-    // Waiting for data after opening or a seek (true), or playing on (false).
+    // Waiting for data after opening, a seek or a stall (true), or playing on (false).
     virtual void sessionWaitingChanged(PlayerSession& session, bool waiting) = 0;
     // Played to the end (once per position: a seek afterwards may end it again).
     virtual void sessionEnded(PlayerSession& session) = 0;
@@ -48,7 +48,8 @@ class PlayerSession final : private Demuxer::Listener, private VideoRenderer::Li
   void setMuted(bool muted);
   double currentTime() const;
   double duration() const { return duration_.load(); }
-  bool waiting() const { return waiting_.load(); }
+  // Opening, seeking, or out of sound to play before the end.
+  bool waiting() const { return waiting_.load() || starved_.load(); }
   // Joins every thread; returns within a few milliseconds even while a read is blocked.
   void close();
 
@@ -67,6 +68,7 @@ class PlayerSession final : private Demuxer::Listener, private VideoRenderer::Li
   AvCodecContext openCodec(AVFormatContext* input, int index, std::string& error);
   double masterClock(int serial) const;
   void setWaiting(bool waiting);
+  void setStarved(bool starved);
   void checkEnded();
 
   const uint64_t id_;
@@ -98,6 +100,7 @@ class PlayerSession final : private Demuxer::Listener, private VideoRenderer::Li
   std::atomic<bool> hasVideo_{false};
   std::atomic<double> duration_{0};
   std::atomic<bool> waiting_{true};
+  std::atomic<bool> starved_{false};
   // Set by seek() until the first data of the new position plays.
   std::atomic<bool> seeking_{false};
   std::atomic<double> seekTarget_{0};
