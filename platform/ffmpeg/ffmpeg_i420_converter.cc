@@ -1,6 +1,6 @@
 #include "platform/ffmpeg/ffmpeg_i420_converter.h"
 
-#include <cstring>
+#include <vector>
 
 extern "C" {
 #include <libavutil/frame.h>
@@ -25,23 +25,25 @@ SharedVideoFrame I420Converter::convert(const AVFrame& picture, double pts) {
   const int chromaHeight = (picture.height + 1) / 2;
   const int widths[3] = {picture.width, chromaWidth, chromaWidth};
   const int heights[3] = {picture.height, chromaHeight, chromaHeight};
-  for (int plane = 0; plane < 3; ++plane) {
-    frame->strides[plane] = widths[plane];
-    frame->planes[plane].resize(static_cast<size_t>(widths[plane]) * heights[plane]);
-  }
+  for (int plane = 0; plane < 3; ++plane) frame->strides[plane] = widths[plane];
 
   const auto format = static_cast<AVPixelFormat>(picture.format);
   if (format == AV_PIX_FMT_YUV420P || format == AV_PIX_FMT_YUVJ420P) {
+    // Appended row by row: a resize would clear every byte first, a cost the size of the copy.
     for (int plane = 0; plane < 3; ++plane) {
+      std::vector<uint8_t>& to = frame->planes[plane];
+      to.reserve(static_cast<size_t>(widths[plane]) * heights[plane]);
       const uint8_t* from = picture.data[plane];
-      uint8_t* to = frame->planes[plane].data();
       for (int row = 0; row < heights[plane]; ++row) {
-        std::memcpy(to + static_cast<size_t>(row) * widths[plane],
-                    from + static_cast<ptrdiff_t>(row) * picture.linesize[plane],
-                    static_cast<size_t>(widths[plane]));
+        const uint8_t* line = from + static_cast<ptrdiff_t>(row) * picture.linesize[plane];
+        to.insert(to.end(), line, line + widths[plane]);
       }
     }
     return frame;
+  }
+
+  for (int plane = 0; plane < 3; ++plane) {
+    frame->planes[plane].resize(static_cast<size_t>(widths[plane]) * heights[plane]);
   }
 
   scaler_ = sws_getCachedContext(scaler_, picture.width, picture.height, format, picture.width,
