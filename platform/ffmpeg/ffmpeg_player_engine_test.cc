@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <filesystem>
@@ -125,6 +126,10 @@ TEST_F(PlayerEngineTest, PlaysATenSecondFileToItsEndInRealTimeWithOneEndNotifica
   const std::string path = indexedVideo("ten.mp4", 10);
   ASSERT_FALSE(path.empty());
   makeEngine();
+  std::vector<double> offsets;  // picture time minus the sound's, as each picture is handed over
+  surface_->onPresent = [&](const SharedVideoFrame& frame) {
+    offsets.push_back(frame->pts - engine_->currentTime());
+  };
   engine_->setItems({MediaPlayerItem::file(path)});
   engine_->play();
   const auto started = Clock::now();
@@ -151,6 +156,11 @@ TEST_F(PlayerEngineTest, PlaysATenSecondFileToItsEndInRealTimeWithOneEndNotifica
   EXPECT_NEAR(shown.back().pts, 9.96, 0.001);
   EXPECT_EQ(frameNumberOf(*surface_->last()), 249);
   EXPECT_GT(output_->peak(), 1000);
+  engine_->close();  // no picture comes after this
+  std::sort(offsets.begin(), offsets.end(),
+            [](double a, double b) { return std::fabs(a) < std::fabs(b); });
+  ASSERT_FALSE(offsets.empty());
+  EXPECT_LT(std::fabs(offsets[offsets.size() * 99 / 100]), 0.04) << "pictures follow the sound";
 }
 
 TEST_F(PlayerEngineTest, WithoutSoundThePicturesKeepSystemTime) {

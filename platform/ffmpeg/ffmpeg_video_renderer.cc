@@ -9,12 +9,12 @@
 namespace nembra::player {
 
 namespace {
-// Below this difference from the master clock a picture is shown as timed; above it, waits are
-// stretched or shortened to catch up.
-constexpr double kSyncThresholdMin = 0.04;
-constexpr double kSyncThresholdMax = 0.1;
-// A picture lasting longer than this is not shown twice to catch up, it just waits longer.
-constexpr double kFrameDupThreshold = 0.1;
+// Below this difference from the master clock a picture is shown as timed; above it, the wait
+// for the next one absorbs the whole difference. The audio clock is smooth enough (it is set on
+// every pull of the output) for a tolerance well below a picture's duration.
+constexpr double kSyncTolerance = 0.01;
+// A picture this late restarts the timing from now instead of rushing the next ones.
+constexpr double kLateRestart = 0.1;
 // Differences beyond this are a timestamp jump, not drift: not corrected.
 constexpr double kMaxFrameDuration = 10.0;
 constexpr double kIdleWait = 0.01;
@@ -80,29 +80,33 @@ void VideoRenderer::run() {
 
 double VideoRenderer::targetDelay(double delay, int serial) {
   const double diff = videoClock_.get(serial) - masterClock_(serial);
-  const double threshold = std::clamp(delay, kSyncThresholdMin, kSyncThresholdMax);
-  if (!std::isnan(diff) && std::fabs(diff) < kMaxFrameDuration) {
-    if (diff <= -threshold) {
-      delay = std::max(0.0, delay + diff);
-    } else if (diff >= threshold && delay > kFrameDupThreshold) {
-      delay += diff;
-    } else if (diff >= threshold) {
-      delay = 2 * delay;
-    }
+  if (!std::isnan(diff) && std::fabs(diff) < kMaxFrameDuration &&
+      std::fabs(diff) > kSyncTolerance) {
+    delay = std::max(0.0, delay + diff);
   }
   return delay;
+}
+
+void VideoRenderer::prepare(const DecodedFrame& frame) {
+  if (!surface_ || preparedFrom_ == frame.frame.get()) return;
+  prepared_ = converter_.convert(*frame.frame, frame.pts);
+  preparedFrom_ = frame.frame.get();
+}
+
+void VideoRenderer::popHead() {
+  // A picture prepared is always the head's: it goes with it.
+  prepared_.reset();
+  preparedFrom_ = nullptr;
+  frames_.pop();
 }
 
 void VideoRenderer::show(DecodedFrame& frame, bool first) {
   const int serial = frame.serial;
   const double pts = frame.pts;
   const double duration = frame.duration;
-  if (surface_) {
-    if (SharedVideoFrame converted = converter_.convert(*frame.frame, pts)) {
-      surface_->present(std::move(converted));
-    }
-  }
-  frames_.pop();
+  prepare(frame);
+  if (prepared_) surface_->present(std::move(prepared_));
+  popHead();
   shown_.fetch_add(1);
   lastShownEnd_.store(pts + duration);
   lastShownSerial_.store(serial);
@@ -117,7 +121,7 @@ double VideoRenderer::refresh() {
   }
   const int serial = packets_.serial();
   if (frame->serial != serial) {
-    frames_.pop();  // decoded before a seek
+    popHead();  // decoded before a seek
     return 0;
   }
   const double now = Clock::now();
@@ -153,11 +157,12 @@ double VideoRenderer::refresh() {
   }
   const double delay = targetDelay(lastDuration, serial);
   if (now < frameTimer_ + delay) {
+    prepare(*frame);
     listener_.videoIdle();
-    return std::min(frameTimer_ + delay - now, kIdleWait);
+    return std::min(frameTimer_ + delay - Clock::now(), kIdleWait);
   }
   frameTimer_ += delay;
-  if (delay > 0 && now - frameTimer_ > kSyncThresholdMax) frameTimer_ = now;
+  if (delay > 0 && now - frameTimer_ > kLateRestart) frameTimer_ = now;
 
   lastPts_ = frame->pts;
   lastDuration_ = frame->duration;
@@ -169,7 +174,7 @@ double VideoRenderer::refresh() {
       duration = frame->duration;
     }
     if (now > frameTimer_ + duration) {
-      frames_.pop();
+      popHead();
       dropped_.fetch_add(1);
       return 0;
     }

@@ -59,6 +59,9 @@ class VideoRenderer {
   double refresh();
   double targetDelay(double delay, int serial);
   void show(DecodedFrame& frame, bool first);
+  // Converts |frame| for the surface ahead of its time, so that showing it costs no copy.
+  void prepare(const DecodedFrame& frame);
+  void popHead();
   void sleepFor(double seconds);
 
   FrameQueue& frames_;
@@ -80,6 +83,8 @@ class VideoRenderer {
   double lastDuration_ = 0;
   int serial_ = -1;
   double pausedAt_ = -1;
+  SharedVideoFrame prepared_;  // the converted picture of the frame at the queue's head
+  const AVFrame* preparedFrom_ = nullptr;
 
   std::atomic<int> lastShownSerial_{-1};
   std::atomic<double> lastShownEnd_{0};
