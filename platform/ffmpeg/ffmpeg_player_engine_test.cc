@@ -179,6 +179,45 @@ TEST_F(PlayerEngineTest, WithoutSoundThePicturesKeepSystemTime) {
   EXPECT_EQ(observer_->ended.size(), 1u);
 }
 
+TEST_F(PlayerEngineTest, SoundOnlyFilesEndByTheAudioClock) {
+  const std::string path = files_.make(
+      "tone.m4a", {"-f", "lavfi", "-i", "sine=frequency=440:duration=1.5", "-c:a", "aac"});
+  ASSERT_FALSE(path.empty());
+  makeEngine();
+  engine_->setItems({MediaPlayerItem::file(path)});
+  engine_->play();
+  const auto started = Clock::now();
+  ASSERT_TRUE(pumpUntil([&] { return !observer_->ended.empty(); }, 10s));
+  const double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
+  EXPECT_GT(elapsed, 1.4);
+  EXPECT_LT(elapsed, 2.2);
+  EXPECT_NEAR(engine_->currentTime(), 1.5, 0.05);
+  EXPECT_EQ(surface_->count(), 0u);
+  EXPECT_GT(output_->peak(), 1000);
+  EXPECT_EQ(observer_->timeControls,
+            (std::vector<MediaPlayerTimeControlStatus>{MediaPlayerTimeControlStatus::WaitingToPlay,
+                                                       MediaPlayerTimeControlStatus::Playing,
+                                                       MediaPlayerTimeControlStatus::Paused}));
+}
+
+TEST_F(PlayerEngineTest, ASeekToTheEndEndsTheItem) {
+  const std::string path = indexedVideo("to-end.mp4", 2);
+  ASSERT_FALSE(path.empty());
+  makeEngine();
+  engine_->setItems({MediaPlayerItem::file(path)});
+  engine_->play();
+  ASSERT_TRUE(pumpUntil([&] { return surface_->count() > 2; }, 10s));
+  engine_->seek(10.0);  // past the end: clamped to it
+  ASSERT_TRUE(pumpUntil([&] { return !observer_->ended.empty(); }, 3s));
+  EXPECT_EQ(observer_->timeControls.back(), MediaPlayerTimeControlStatus::Paused);
+
+  // Play after the end starts over.
+  const size_t shown = surface_->count();
+  engine_->play();
+  ASSERT_TRUE(pumpUntil([&] { return observer_->ended.size() == 2; }, 5s));
+  EXPECT_GE(surface_->count(), shown + 48);
+}
+
 struct SeekCase {
   double target;
   int frame;  // the picture whose time span holds the target

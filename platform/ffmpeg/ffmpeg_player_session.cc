@@ -34,6 +34,7 @@ void PlayerSession::start(bool paused, bool muted) {
   {
     std::lock_guard lock(mutex_);
     paused_ = paused;
+    pausedNow_.store(paused);
     muted_ = muted;
   }
   audioClock_.setPaused(paused);
@@ -213,20 +214,29 @@ void PlayerSession::afterAudioFill() {
 }
 
 void PlayerSession::checkEnded() {
-  if (!opened_.load() || !demuxer_->reachedEnd() || seeking_.load()) return;
+  if (!opened_.load() || pausedNow_.load() || !demuxer_->reachedEnd()) return;
   const int serial = videoPackets_.serial();
   if (endedSerial_.load() == serial) return;
+  // Everything of this position decoded and taken from the queues (shown, heard or dropped).
+  const bool videoDone =
+      !hasVideo_.load() || (videoDecoder_->finishedSerial() == serial && videoFrames_.size() == 0);
+  const bool audioDone = !hasAudio_.load() || (audioDecoder_->finishedSerial() == serial &&
+                                               audioRenderer_->drained(serial));
+  if (!videoDone || !audioDone) return;
+  if (seeking_.load()) {
+    // A seek to the very end: nothing is left to show.
+    if (seekSerial_.load() != serial) return;
+    seeking_.store(false);
+    setWaiting(false);
+  }
+  // Then the last picture has been up for its duration and the last sound has been heard.
   const double master = masterClock(serial);
-  if (hasVideo_.load()) {
-    if (videoDecoder_->finishedSerial() != serial || videoFrames_.size() != 0 ||
-        videoRenderer_->lastShownSerial() != serial) {
+  if (!std::isnan(master)) {
+    if (hasVideo_.load() && videoRenderer_->lastShownSerial() == serial &&
+        master < videoRenderer_->lastShownEnd() - kEndSlack) {
       return;
     }
-    if (!std::isnan(master) && master < videoRenderer_->lastShownEnd() - kEndSlack) return;
-  }
-  if (hasAudio_.load()) {
-    if (audioDecoder_->finishedSerial() != serial || !audioRenderer_->drained(serial)) return;
-    if (audioRenderer_->handedSerial() == serial && !std::isnan(master) &&
+    if (hasAudio_.load() && audioRenderer_->handedSerial() == serial &&
         master < audioRenderer_->handedUntil() - kEndSlack) {
       return;
     }
@@ -238,6 +248,7 @@ void PlayerSession::setPaused(bool paused) {
   std::lock_guard lock(mutex_);
   if (closed_ || paused == paused_) return;
   paused_ = paused;
+  pausedNow_.store(paused);
   audioClock_.setPaused(paused);
   videoClock_.setPaused(paused);
   externalClock_.setPaused(paused);

@@ -95,6 +95,7 @@ class PlayerSession final : private Demuxer::Listener, private VideoRenderer::Li
   bool muted_ = false;
   bool closed_ = false;
 
+  std::atomic<bool> pausedNow_{true};  // paused_, for the threads that must not lock
   std::atomic<bool> opened_{false};
   std::atomic<bool> hasAudio_{false};
   std::atomic<bool> hasVideo_{false};
