@@ -244,7 +244,7 @@ bool playWithEngine(const std::string& path, const std::string& display, EngineR
   MediaPlayerEngineOptions options;
   options.surface = surface;
   options.audioOutput = std::make_unique<testing::RealtimeAudioOutput>();
-  options.callbackQueue = &main;
+  options.postCallback = callbacksOn(main);
   options.observer = observer;
 
   rusage before{};

@@ -7,7 +7,7 @@ namespace nembra::player {
 PlayerEngine::PlayerEngine(MediaPlayerEngineOptions options)
     : surface_(std::move(options.surface)),
       audioOutput_(std::move(options.audioOutput)),
-      callbackQueue_(options.callbackQueue),
+      postCallback_(std::move(options.postCallback)),
       observer_(std::move(options.observer)) {
   thread_ = std::thread([this] {
     setCurrentThreadName("com.nembra.player.items");
@@ -39,8 +39,8 @@ void PlayerEngine::runCommands() {
 }
 
 void PlayerEngine::notify(std::function<void(MediaPlayerObserver&)> call) {
-  if (!callbackQueue_) return;
-  callbackQueue_->async([alive = alive_, observer = observer_, call = std::move(call)] {
+  if (!postCallback_) return;
+  postCallback_([alive = alive_, observer = observer_, call = std::move(call)] {
     if (!alive->load()) return;
     if (auto target = observer.lock()) call(*target);
   });

@@ -4,7 +4,7 @@
 // Threading: the operations from any thread. Sessions are opened, advanced and closed on the
 // engine's own thread ("com.nembra.player.items"), which is also where the sessions' reports
 // land: a session's threads only post to it, so they never wait on the engine's lock. Observer
-// calls are posted to the owner's callback queue.
+// calls are posted to the owner's queue.
 #pragma once
 
 #include <condition_variable>
@@ -60,7 +60,7 @@ class PlayerEngine final : public MediaPlayerEngine, private PlayerSession::List
 
   const std::shared_ptr<VideoSurface> surface_;
   const std::unique_ptr<AudioOutput> audioOutput_;
-  TaskQueue* const callbackQueue_;
+  const std::function<void(Task)> postCallback_;
   const std::weak_ptr<MediaPlayerObserver> observer_;
   // Cleared by close(): posted observer calls check it before running.
   const std::shared_ptr<std::atomic<bool>> alive_ = std::make_shared<std::atomic<bool>>(true);

@@ -98,7 +98,7 @@ class PlayerEngineTest : public ::testing::Test {
       output_ = output.get();
       options.audioOutput = std::move(output);
     }
-    options.callbackQueue = &main_;
+    options.postCallback = callbacksOn(main_);
     options.observer = observer_;
     engine_ = makeMediaPlayerEngine(std::move(options));
   }

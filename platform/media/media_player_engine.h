@@ -6,12 +6,13 @@
 // Rate is 1.0 while playing; there is no other speed.
 //
 // Threading: the engine's operations may be called from any thread (normally the main queue);
-// none blocks on media I/O. Observer calls arrive on the |callbackQueue| the owner gives,
+// none blocks on media I/O. Observer calls arrive on the queue the owner gives (postCallback),
 // normally the main queue, never on a thread of the engine. Destroying the engine closes it.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -96,8 +97,9 @@ struct MediaPlayerEngineOptions {
   std::shared_ptr<VideoSurface> surface;
   // Where sound goes; may be null for pictures only (timed by the system clock then).
   std::unique_ptr<AudioOutput> audioOutput;
-  // The queue observer calls are posted to; must outlive the engine.
-  TaskQueue* callbackQueue = nullptr;
+  // Hands each observer call to the owner's queue, normally the main queue: callbacksOn(queue).
+  // Empty: no observer calls.
+  std::function<void(Task)> postCallback;
   std::weak_ptr<MediaPlayerObserver> observer;
 };
 
@@ -135,9 +137,16 @@ class MediaPlayerEngine {
   virtual size_t currentItemIndex() const = 0;
 
   // Stops everything and releases the media. Returns within 100 ms even while a read is blocked
-  // (the byte source is cancelled). No observer call is made afterwards.
+  // (the byte source is cancelled). Calls already posted to the callback queue are dropped: once
+  // close() has returned on that queue, the observer hears nothing more.
   virtual void close() = 0;
 };
+
+// Posts to |queue|, which must outlive the engine. (The engine itself only sees the function:
+// the plug-in never calls the core's queue classes directly.)
+inline std::function<void(Task)> callbacksOn(TaskQueue& queue) {
+  return [&queue](Task call) { queue.async(std::move(call)); };
+}
 
 // The engine of the media plug-in.
 std::unique_ptr<MediaPlayerEngine> makeMediaPlayerEngine(MediaPlayerEngineOptions options);
