@@ -191,6 +191,7 @@ TEST_F(PlayerEngineTest, SoundOnlyFilesEndByTheAudioClock) {
   const double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
   EXPECT_GT(elapsed, 1.4);
   EXPECT_LT(elapsed, 2.2);
+  pumpFor(100ms);  // the pause that follows the end
   EXPECT_NEAR(engine_->currentTime(), 1.5, 0.05);
   EXPECT_EQ(surface_->count(), 0u);
   EXPECT_GT(output_->peak(), 1000);
@@ -209,6 +210,7 @@ TEST_F(PlayerEngineTest, ASeekToTheEndEndsTheItem) {
   ASSERT_TRUE(pumpUntil([&] { return surface_->count() > 2; }, 10s));
   engine_->seek(10.0);  // past the end: clamped to it
   ASSERT_TRUE(pumpUntil([&] { return !observer_->ended.empty(); }, 3s));
+  pumpFor(100ms);
   EXPECT_EQ(observer_->timeControls.back(), MediaPlayerTimeControlStatus::Paused);
 
   // Play after the end starts over.
