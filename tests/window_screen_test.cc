@@ -7,6 +7,7 @@
 
 #include "api/nembra.h"
 #include "platform/dispatch/main_queue.h"
+#include "platform/media/media_player_engine.h"
 #include "platform/media/testing/media_test_files.h"
 #include "platform/ui/screen_presenter.h"
 #include "platform/ui/window_ui.h"
@@ -178,6 +179,54 @@ TEST_F(WindowScreenTest, VideoFramesAreDrawnWithTheirAspectKept) {
   ASSERT_EQ(shot.width, 400);
   EXPECT_TRUE(near(shot.at(100, 300), {255, 0, 0}, 50));
   EXPECT_TRUE(near(shot.at(200, 150), {0, 0, 0}, 10));  // 400 wide gives 225 high, centred
+}
+
+// A file played by the engine reaches the window: SMPTE colour bars, 16:9, letterboxed in 4:3.
+TEST_F(WindowScreenTest, EngineShowsAPlayedFilesColourBars) {
+  if (!testing::MediaTestFiles::haveFfmpeg()) GTEST_SKIP() << "no ffmpeg program";
+  testing::MediaTestFiles files;
+  const std::string bars =
+      files.make("bars.mp4", {"-f", "lavfi", "-i", "smptebars=size=640x360:rate=25:duration=3",
+                              "-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p"});
+  ASSERT_FALSE(bars.empty());
+
+  auto screen = std::make_shared<VideoScreen>();
+  presenter_->present(screen);
+  ASSERT_NE(screen->surface, nullptr);
+  MediaPlayerEngineOptions options;
+  // The surface belongs to the screen's view, which outlives the engine here.
+  options.surface = std::shared_ptr<VideoSurface>(screen, screen->surface);
+  options.postCallback = callbacksOn(queue_);
+  auto engine = makeMediaPlayerEngine(std::move(options));
+  MediaPlayerItem item;
+  item.path = bars;
+  engine->setItems({item});
+  engine->seek(1.0);  // shown at once, paused
+  // Top two thirds: grey, yellow, cyan, green, magenta, red, blue at 75 %.
+  const std::array<std::array<int, 3>, 7> expected = {{{191, 191, 191},
+                                                       {191, 191, 0},
+                                                       {0, 191, 191},
+                                                       {0, 191, 0},
+                                                       {191, 0, 191},
+                                                       {191, 0, 0},
+                                                       {0, 0, 191}}};
+  auto barsShown = [&](const WindowScreenshot& shot) {
+    for (int i = 0; i < 7; ++i) {
+      const int x = static_cast<int>((i + 0.5) * 640 / 7);
+      if (!near(shot.at(x, 60 + 100), expected[i], 50)) return false;
+    }
+    return near(shot.at(320, 30), {0, 0, 0}, 10);  // the bar above the 16:9 picture
+  };
+  WindowScreenshot shot;
+  const bool shown = queue_.runUntil(
+      [&] {
+        shot = shoot();
+        return barsShown(shot);
+      },
+      std::chrono::seconds(10));
+  keep(shot, "engine-bars");
+  EXPECT_TRUE(shown);
+  engine->close();
 }
 
 TEST(WindowWithoutDisplayTest, SaysThereIsNoDisplay) {
