@@ -42,7 +42,8 @@ int describeAll(Nembra& nembra, const std::vector<std::string>& uris) {
                                  done = true;
                                  if (error) {
                                    ++failures;
-                                   std::cout << error->message << "\n";
+                                   std::cout << std::flush;
+                                   std::cerr << "nembra show: " << error->message << "\n";
                                    return;
                                  }
                                  const Picture& p = *result.picture;

@@ -31,6 +31,12 @@ OptionalError NullAudioOutput::start(const AudioSpec& wanted, Fill fill) {
 
 void NullAudioOutput::pause(bool paused) {
   std::lock_guard lock(mutex_);
+  if (paused && !paused_ && chunkSeconds_ > 0) {
+    // What is left of the chunk playing now plays out after the pause, so the clock neither
+    // jumps back now nor forward at resume.
+    const double played = std::chrono::duration<double>(Clock::now() - chunkStart_).count();
+    chunkSeconds_ = std::max(0.0, chunkSeconds_ - played);
+  }
   paused_ = paused;
   wake_.notify_all();
 }
@@ -63,7 +69,10 @@ void NullAudioOutput::loop() {
   while (!stopping_) {
     if (paused_) {
       wake_.wait(lock, [this] { return stopping_ || !paused_; });
-      next = Clock::now();
+      chunkStart_ = Clock::now();
+      next = chunkStart_ + std::chrono::duration_cast<Clock::duration>(
+                               std::chrono::duration<double>(chunkSeconds_));
+      wake_.wait_until(lock, next, [this] { return stopping_ || paused_; });
       continue;
     }
     lock.unlock();

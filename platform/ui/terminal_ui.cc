@@ -95,11 +95,14 @@ void TerminalUi::readKeys() {
     const ssize_t n = ::read(input_, buffer, sizeof buffer);
     if (n <= 0) return;  // end of input: no more keys
     pending.append(buffer, static_cast<size_t>(n));
+    // A lone escape may be the start of an arrow key whose rest is still on its way.
+    if (pending == "\x1b" && ::poll(&fd, 1, 50) > 0) continue;
     while (!pending.empty()) {
       std::string key;
       size_t used = 1;
       const char c = pending[0];
-      if (c == '\x1b' && pending.size() >= 3 && pending[1] == '[') {
+      // Arrows come as CSI ("\x1b[A") or, in the terminal's application mode, SS3 ("\x1bOA").
+      if (c == '\x1b' && pending.size() >= 3 && (pending[1] == '[' || pending[1] == 'O')) {
         used = 3;
         switch (pending[2]) {
           case 'A':
@@ -117,7 +120,7 @@ void TerminalUi::readKeys() {
           default:
             break;
         }
-      } else if (c == '\x1b' && pending.size() < 3 && pending.size() > 1) {
+      } else if (c == '\x1b' && pending.size() == 2 && (pending[1] == '[' || pending[1] == 'O')) {
         break;  // the rest of an arrow key has not arrived
       } else if (c == '\x1b') {
         key = "escape";
