@@ -2,8 +2,11 @@
 
 #include "api/config_line.h"
 #include "api/extra_args.h"
+#include "api/media_type.h"
 
 namespace nembra {
+
+FileSelectorConfig::FileSelectorConfig() : mediaType_(VIDEO | AUDIO | IMAGE) {}
 
 void FileSelectorConfig::setExtraArgs(const Json& args) { extraArgs_ = extraArgsCopy(args); }
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "api/media_type.h"
 #include "nembra/file_selector_config.h"
 
 namespace nembra {

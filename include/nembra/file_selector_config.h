@@ -7,13 +7,15 @@
 #include <cstdint>
 #include <string>
 
-#include "api/media_type.h"
 #include "nembra/json.h"
 
 namespace nembra {
 
 class FileSelectorConfig {
  public:
+  // Offers every kind of media: video, audio and image.
+  FileSelectorConfig();
+
   bool getShouldAllowMultipleSelection() const { return shouldAllowMultipleSelection_; }
   bool shouldAllowMultipleSelection() const { return shouldAllowMultipleSelection_; }
   void setShouldAllowMultipleSelection(bool value) { shouldAllowMultipleSelection_ = value; }
@@ -40,7 +42,7 @@ class FileSelectorConfig {
 
  private:
   bool shouldAllowMultipleSelection_ = true;
-  int32_t mediaType_ = VIDEO | AUDIO | IMAGE;
+  int32_t mediaType_;
   int64_t maxDuration_ = 0;
   int64_t minDuration_ = 0;
   Json extraArgs_ = Json::object();

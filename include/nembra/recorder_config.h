@@ -6,10 +6,10 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "api/cache_config.h"
-#include "api/still_image.h"
 #include "api/video_size.h"
 #include "nembra/camera_recorder_style.h"
 #include "nembra/json.h"
@@ -17,6 +17,8 @@
 #include "nembra/stop_recording_confirmation_dialog_config.h"
 
 namespace nembra {
+
+struct StillImage;
 
 // Quality presets: the lines of the recorded picture and its average H.264 bit rate.
 inline constexpr int32_t QUALITY_HIGH = 0;    // 1080 lines, 5,120,000 bit/s
@@ -112,8 +114,12 @@ class RecorderConfig {
   void setStyle(CameraRecorderStyle style) { style_ = style; }
 
   // Null: the recorder's own outline.
-  const StillImagePtr& getFaceOutlineDrawable() const { return faceOutlineDrawable_; }
-  void setFaceOutlineDrawable(StillImagePtr image) { faceOutlineDrawable_ = std::move(image); }
+  const std::shared_ptr<const StillImage>& getFaceOutlineDrawable() const {
+    return faceOutlineDrawable_;
+  }
+  void setFaceOutlineDrawable(std::shared_ptr<const StillImage> image) {
+    faceOutlineDrawable_ = std::move(image);
+  }
 
   // Seconds; 0 means no limit, and a negative value is stored as 0.
   int64_t getMaxDuration() const { return maxDuration_; }
@@ -122,10 +128,10 @@ class RecorderConfig {
   // Shown over the preview while the camera is stopped.
   RgbaColor getColorForStoppedCameraOverlay() const { return colorForStoppedCameraOverlay_; }
   void setColorForStoppedCameraOverlay(RgbaColor color) { colorForStoppedCameraOverlay_ = color; }
-  const StillImagePtr& getDrawableForStoppedCameraOverlay() const {
+  const std::shared_ptr<const StillImage>& getDrawableForStoppedCameraOverlay() const {
     return drawableForStoppedCameraOverlay_;
   }
-  void setDrawableForStoppedCameraOverlay(StillImagePtr image) {
+  void setDrawableForStoppedCameraOverlay(std::shared_ptr<const StillImage> image) {
     drawableForStoppedCameraOverlay_ = std::move(image);
   }
 
@@ -179,10 +185,10 @@ class RecorderConfig {
   int32_t audioBitrate_ = DEFAULT_AUDIO_BITRATE;
   int32_t audioSampleRate_ = DEFAULT_AUDIO_SAMPLE_RATE;
   CameraRecorderStyle style_;
-  StillImagePtr faceOutlineDrawable_;
+  std::shared_ptr<const StillImage> faceOutlineDrawable_;
   int64_t maxDuration_ = 0;
   RgbaColor colorForStoppedCameraOverlay_ = RgbaColor::clear();
-  StillImagePtr drawableForStoppedCameraOverlay_;
+  std::shared_ptr<const StillImage> drawableForStoppedCameraOverlay_;
   VideoSize resolution_;
   CacheConfig cacheConfig_;
   StopRecordingConfirmationDialogConfig stopRecordingConfirmationDialogConfig_;
