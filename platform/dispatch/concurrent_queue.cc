@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/dispatch/scheduler.h"
 #include "platform/dispatch/thread_name.h"
 
 namespace nembra {
@@ -12,6 +13,7 @@ ConcurrentQueue::ConcurrentQueue(std::string name, unsigned threadCount) : name_
 }
 
 ConcurrentQueue::~ConcurrentQueue() {
+  Scheduler::forget(*this);
   {
     std::lock_guard lock(mutex_);
     stopping_ = true;

@@ -9,9 +9,9 @@
 
 #include "platform/dispatch/concurrent_queue.h"
 #include "platform/dispatch/main_queue.h"
-#include "platform/system/notification_center.h"
 #include "platform/dispatch/serial_queue.h"
 #include "platform/dispatch/timer.h"
+#include "platform/system/notification_center.h"
 
 namespace nembra {
 namespace {
@@ -138,9 +138,8 @@ TEST(NotificationCenterTest, DeliversOnTheMainQueueOnlyToObserversOfTheName) {
   MainQueue main;
   NotificationCenter center(main);
   std::vector<int> received;
-  auto token = center.addObserver("changed", [&](const std::any& object) {
-    received.push_back(std::any_cast<int>(object));
-  });
+  auto token = center.addObserver(
+      "changed", [&](const std::any& object) { received.push_back(std::any_cast<int>(object)); });
   center.addObserver("other", [&](const std::any&) { received.push_back(-1); });
   std::thread([&] { center.post("changed", 7); }).join();
   EXPECT_TRUE(received.empty());

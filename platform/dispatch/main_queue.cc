@@ -1,8 +1,12 @@
 #include "platform/dispatch/main_queue.h"
 
+#include "platform/dispatch/scheduler.h"
+
 namespace nembra {
 
 MainQueue::MainQueue() = default;
+
+MainQueue::~MainQueue() { Scheduler::forget(*this); }
 
 MainQueue& MainQueue::shared() {
   static MainQueue instance;
@@ -64,9 +68,9 @@ bool MainQueue::runUntil(const std::function<bool()>& done, std::chrono::millise
     lock.lock();
     if (finished) return true;
     if (std::chrono::steady_clock::now() >= deadline) return false;
-    wake_.wait_until(lock, std::min(deadline, std::chrono::steady_clock::now() +
-                                                  std::chrono::milliseconds(20)),
-                     [this] { return !tasks_.empty(); });
+    wake_.wait_until(
+        lock, std::min(deadline, std::chrono::steady_clock::now() + std::chrono::milliseconds(20)),
+        [this] { return !tasks_.empty(); });
   }
 }
 

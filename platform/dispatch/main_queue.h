@@ -15,6 +15,8 @@ namespace nembra {
 class MainQueue final : public TaskQueue {
  public:
   MainQueue();
+  // Tasks still scheduled for later on this queue are dropped.
+  ~MainQueue() override;
 
   // The process-wide main queue used when a component is not given one.
   static MainQueue& shared();

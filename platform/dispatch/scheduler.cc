@@ -1,5 +1,8 @@
 #include "platform/dispatch/scheduler.h"
 
+#include <atomic>
+#include <vector>
+
 #include "platform/dispatch/thread_name.h"
 
 namespace nembra {
@@ -8,14 +11,36 @@ void TaskQueue::asyncAfter(std::chrono::milliseconds delay, Task task) {
   Scheduler::shared().postAt(Scheduler::Clock::now() + delay, *this, std::move(task));
 }
 
+namespace {
+std::atomic<Scheduler*> running{nullptr};
+}  // namespace
+
 Scheduler& Scheduler::shared() {
   static Scheduler instance;
   return instance;
 }
 
-Scheduler::Scheduler() : thread_([this] { loop(); }) {}
+Scheduler::Scheduler() : thread_([this] { loop(); }) { running.store(this); }
+
+void Scheduler::forget(TaskQueue& queue) {
+  Scheduler* scheduler = running.load();
+  if (!scheduler) return;
+  std::vector<Entry> dropped;  // destroyed unlocked: a task's captures may schedule again
+  std::unique_lock lock(scheduler->mutex_);
+  for (auto it = scheduler->entries_.begin(); it != scheduler->entries_.end();) {
+    if (it->second.queue == &queue) {
+      dropped.push_back(std::move(it->second));
+      it = scheduler->entries_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  scheduler->posted_.wait(lock, [&] { return scheduler->posting_ != &queue; });
+  lock.unlock();
+}
 
 Scheduler::~Scheduler() {
+  running.store(nullptr);
   {
     std::lock_guard lock(mutex_);
     stopping_ = true;
@@ -47,9 +72,12 @@ void Scheduler::loop() {
     }
     Entry entry = std::move(first->second);
     entries_.erase(first);
+    posting_ = entry.queue;
     lock.unlock();
     entry.queue->async(std::move(entry.task));
     lock.lock();
+    posting_ = nullptr;
+    posted_.notify_all();
   }
 }
 

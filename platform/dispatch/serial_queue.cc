@@ -2,6 +2,7 @@
 
 #include <future>
 
+#include "platform/dispatch/scheduler.h"
 #include "platform/dispatch/thread_name.h"
 
 namespace nembra {
@@ -9,6 +10,7 @@ namespace nembra {
 SerialQueue::SerialQueue(std::string name) : name_(std::move(name)), thread_([this] { loop(); }) {}
 
 SerialQueue::~SerialQueue() {
+  Scheduler::forget(*this);
   {
     std::lock_guard lock(mutex_);
     stopping_ = true;
