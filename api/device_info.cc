@@ -1,4 +1,4 @@
-#include "api/device_info.h"
+#include "nembra/device_info.h"
 
 #include "api/sdk_version.h"
 #include "api/utils.h"

@@ -1,4 +1,4 @@
-#include "api/nembra_uploading_handler.h"
+#include "nembra/nembra_uploading_handler.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -10,20 +10,30 @@
 #include <future>
 
 #include "api/media_token.h"
-#include "api/media_type.h"
-#include "api/nembra.h"
-#include "api/nembra_cache_manager.h"
-#include "api/nembra_connect.h"
 #include "api/reachability.h"
 #include "api/reachability_manager.h"
-#include "api/reply_status.h"
 #include "api/upload_flow.h"
+#include "api/upload_journal.h"
 #include "api/upload_url_reply.h"
-#include "api/uploading_config.h"
 #include "api/utils.h"
+#include "nembra/application.h"
+#include "nembra/media_type.h"
+#include "nembra/nembra_cache_manager.h"
+#include "nembra/nembra_connect.h"
+#include "nembra/reply_status.h"
+#include "nembra/uploading_config.h"
+#include "platform/dispatch/concurrent_queue.h"
+#include "platform/dispatch/timer.h"
 #include "platform/http/http_curl_client.h"
+#include "platform/media/frame_grabber.h"
+#include "platform/media/image_codec.h"
+#include "platform/media/media_converter.h"
+#include "platform/system/notification_center.h"
 
 namespace nembra {
+
+static_assert(std::is_same_v<NotificationCenter::Token, uint64_t>,
+              "the header keeps the observer token as a uint64_t");
 
 namespace {
 
@@ -165,11 +175,12 @@ NembraUploadingHandler::NembraUploadingHandler(Nembra& application, Seams seams)
     : application_(application),
       fs_(FileSystem::shared()),
       seams_(std::move(seams)),
-      journal_(seams_.journalDirectory.empty()
-                   ? UploadJournal::directoryFor(fs_, application.token())
-                   : seams_.journalDirectory),
+      journal_(std::make_unique<UploadJournal>(
+          seams_.journalDirectory.empty() ? UploadJournal::directoryFor(fs_, application.token())
+                                          : seams_.journalDirectory)),
       reachability_(ReachabilityManager::shared().reachability().shared_from_this()),
-      center_(&NotificationCenter::defaultCenter()) {}
+      center_(&NotificationCenter::defaultCenter()),
+      background_(std::make_unique<ConcurrentQueue>("com.nembra.uploads.background", 2)) {}
 
 NembraUploadingHandler::~NembraUploadingHandler() {
   *alive_ = false;
@@ -282,12 +293,12 @@ NembraUploadingHandler::TaskHandle NembraUploadingHandler::requestUploadUrl(
     return nullptr;
   }
   if (!transfer->claim) {
-    transfer->record.id = journal_.newId();
+    transfer->record.id = journal_->newId();
     transfer->record.createdUnix = std::chrono::duration_cast<std::chrono::seconds>(
                                        std::chrono::system_clock::now().time_since_epoch())
                                        .count();
     OptionalError claimError;
-    transfer->claim = journal_.claim(transfer->record.id, &claimError);
+    transfer->claim = journal_->claim(transfer->record.id, &claimError);
     if (!transfer->claim) {
       application_.log("the upload of " + transfer->path + " is not journaled: " +
                        (claimError ? claimError->message : "its record is locked"));
@@ -544,7 +555,7 @@ void NembraUploadingHandler::finish(const TransferPtr& transfer, bool keepRecord
   live_.remove(transfer);
   unwatchReachabilityIfIdle();
   if (!keepRecord && !transfer->record.id.empty()) {
-    if (auto error = journal_.remove(transfer->record.id)) {
+    if (auto error = journal_->remove(transfer->record.id)) {
       application_.log("cannot forget the upload record of " + transfer->path + ": " +
                        error->message);
     }
@@ -555,7 +566,7 @@ void NembraUploadingHandler::finish(const TransferPtr& transfer, bool keepRecord
 
 void NembraUploadingHandler::writeRecord(const TransferPtr& transfer) {
   if (!transfer->claim) return;
-  if (auto error = journal_.write(transfer->record)) {
+  if (auto error = journal_->write(transfer->record)) {
     application_.log("cannot journal the upload of " + transfer->path + ": " + error->message);
   }
 }
@@ -571,7 +582,7 @@ void NembraUploadingHandler::convertToMp4WithPath(const std::string& path, const
   const bool sameFile = std::filesystem::equivalent(path, target, ec);
   if (!sameFile && FileSystem::fileExists(target)) FileSystem::removeItem(target);
   MediaConverter* converter = &mediaConverter();
-  background_.async(
+  background_->async(
       [this, converter, path, target, sameFile, data, callback, progress, confirmCallback] {
         std::string upload = path;
         if (!sameFile && converter->canConvert(path)) {
@@ -593,15 +604,15 @@ void NembraUploadingHandler::convertToMp4WithPath(const std::string& path, const
 size_t NembraUploadingHandler::resumeUnfinishedUploads() {
   if (application_.uploadingConfig().shouldTurnOffUploader()) return 0;
   std::vector<std::string> problems;
-  std::vector<UploadJournalEntry> records = journal_.load(&problems);
+  std::vector<UploadJournalEntry> records = journal_->load(&problems);
   for (const std::string& problem : problems) application_.log("upload journal: " + problem);
   size_t restarted = 0;
   for (UploadJournalEntry& record : records) {
-    auto claim = journal_.claim(record.id);
+    auto claim = journal_->claim(record.id);
     // Another process, or a flow of this one, is on it.
     if (!claim) continue;
     // Finished by its owner between the listing and the claim.
-    auto current = journal_.load();
+    auto current = journal_->load();
     bool present = std::any_of(current.begin(), current.end(),
                                [&](const UploadJournalEntry& e) { return e.id == record.id; });
     if (!present) {
@@ -890,7 +901,7 @@ void NembraUploadingHandler::downloadWithType(int type, const std::string& token
   if (cache.fileExists(cachePath)) cache.removeFile(cachePath);
   application_.config();  // made here, read on the background queue below
   std::weak_ptr<bool> alive = alive_;
-  background_.async([this, alive, type, token, cachePath, callback] {
+  background_->async([this, alive, type, token, cachePath, callback] {
     std::string url = getPathWithType(type, token);
     onMain([this, type, url, cachePath, callback] {
       // Read whole and at once on the main queue: kept so, hosts call this expecting the main
@@ -1006,7 +1017,7 @@ void NembraUploadingHandler::grabCover(const std::string& path, ThumbnailCache& 
   }
   std::weak_ptr<bool> alive = alive_;
   FrameGrabber* grabber = &frameGrabber();
-  background_.async([this, alive, &cache, grabber, path, callback] {
+  background_->async([this, alive, &cache, grabber, path, callback] {
     FrameGrabOptions options;
     options.atSeconds = 0;
     options.maxWidth = 1920;

@@ -1,4 +1,4 @@
-#include "api/nembra_uploading_handler.h"
+#include "nembra/nembra_uploading_handler.h"
 
 #include <gtest/gtest.h>
 
@@ -7,16 +7,18 @@
 #include <fstream>
 #include <regex>
 
-#include "api/media_type.h"
-#include "api/nembra.h"
-#include "api/nembra_cache_manager.h"
-#include "api/nembra_connect.h"
 #include "api/reachability.h"
-#include "platform/net/testing/fake_network_interfaces.h"
+#include "api/upload_journal.h"
+#include "nembra/application.h"
+#include "nembra/media_type.h"
+#include "nembra/nembra_cache_manager.h"
+#include "nembra/nembra_connect.h"
+#include "platform/files/file_system.h"
 #include "platform/http/testing/http_test_support.h"
-#include "platform/system/local_notifications.h"
 #include "platform/media/media_log.h"
 #include "platform/media/media_sample_writer.h"
+#include "platform/net/testing/fake_network_interfaces.h"
+#include "platform/system/local_notifications.h"
 
 namespace nembra {
 namespace {

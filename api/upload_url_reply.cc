@@ -2,10 +2,10 @@
 
 #include <cstdio>
 
-#include "api/media_fields.h"
 #include "api/media_token.h"
-#include "api/media_type.h"
 #include "api/utils.h"
+#include "nembra/media_fields.h"
+#include "nembra/media_type.h"
 
 namespace nembra {
 

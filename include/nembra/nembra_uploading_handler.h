@@ -19,6 +19,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -26,24 +27,27 @@
 #include <optional>
 #include <string>
 
-#include "api/still_image.h"
-#include "api/thumbnail_cache.h"
-#include "api/upload_journal.h"
 #include "nembra/error.h"
+#include "nembra/http_message.h"
+#include "nembra/http_task.h"
 #include "nembra/json.h"
-#include "platform/dispatch/concurrent_queue.h"
-#include "platform/media/frame_grabber.h"
-#include "platform/http/http_client.h"
-#include "platform/http/http_task.h"
-#include "platform/media/image_codec.h"
-#include "platform/media/media_converter.h"
-#include "platform/system/notification_center.h"
-#include "platform/dispatch/timer.h"
+#include "nembra/still_image.h"
+#include "nembra/thumbnail_cache.h"
 
 namespace nembra {
 
+// The SDK's own parts the handler is built on; hosts never need them.
+class ConcurrentQueue;
+class FileSystem;
+class FrameGrabber;
+class HttpClient;
+class ImageCodec;
+class MediaConverter;
 class Nembra;
+class NotificationCenter;
 class Reachability;
+class Timer;
+class UploadJournal;
 
 class NembraUploadingHandler {
  public:
@@ -61,7 +65,8 @@ class NembraUploadingHandler {
                                            const OptionalError& error)>;
   using LocalImageCallback = std::function<void(StillImagePtr image, const OptionalError& error)>;
 
-  // What the handler reaches the platform through; an empty member gets the real one.
+  // What the handler reaches the platform through; an empty member gets the real one (the SDK's
+  // tests inject their own).
   struct Seams {
     std::unique_ptr<HttpClient> downloadClient;  // made when first needed
     std::unique_ptr<FrameGrabber> frameGrabber;
@@ -161,7 +166,7 @@ class NembraUploadingHandler {
   size_t resumeUnfinishedUploads();
 
   // Where reachability comes from and where its changes are announced; the shared manager's
-  // target and the default center unless set (tests inject their own).
+  // target and the default center unless set (the SDK's tests inject their own).
   void setReachability(std::shared_ptr<Reachability> reachability, NotificationCenter& center);
   void setReloadLimit(int limit) { reloadLimit_ = limit; }
 
@@ -173,10 +178,11 @@ class NembraUploadingHandler {
   // with several uploads running asks which of its files is no longer.
   bool isUploading(const std::string& path) const;
   ThumbnailCache& thumbCache() { return thumbCache_; }
-  UploadJournal& journal() { return journal_; }
+  // The resume journal (api/upload_journal.h: the SDK and its tool).
+  UploadJournal& journal() { return *journal_; }
 
-  // A timer the host may arm for its own periodic work; the handler only ever invalidates it,
-  // at the start and end of each upload.
+  // A timer (the SDK's platform/dispatch/timer.h) that may be armed for periodic work; the
+  // handler only ever invalidates it, at the start and end of each upload.
   std::unique_ptr<Timer> uploadTimer;
 
  private:
@@ -229,12 +235,12 @@ class NembraUploadingHandler {
   FileSystem& fs_;
   Seams seams_;
   ThumbnailCache thumbCache_;
-  UploadJournal journal_;
+  std::unique_ptr<UploadJournal> journal_;
   int reloadLimit_ = kDefaultReloadLimit;
 
   std::shared_ptr<Reachability> reachability_;
   NotificationCenter* center_;
-  std::optional<NotificationCenter::Token> reachabilityObserver_;
+  std::optional<uint64_t> reachabilityObserver_;  // a NotificationCenter::Token
 
   TaskHandle uploadTask_;
   // Every unfinished flow, oldest first.
@@ -243,7 +249,7 @@ class NembraUploadingHandler {
   // Main-queue tasks hold it weakly and do nothing once it is gone.
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   // Last: destroyed first, running what is posted to it while the members above still live.
-  ConcurrentQueue background_{"com.nembra.uploads.background", 2};
+  std::unique_ptr<ConcurrentQueue> background_;  // "com.nembra.uploads.background", 2 threads
 };
 
 }  // namespace nembra

@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "api/nembra.h"
-#include "api/nembra_uploading_handler.h"
-#include "api/reply_status.h"
+#include "nembra/application.h"
 #include "nembra/json.h"
+#include "nembra/nembra_uploading_handler.h"
+#include "nembra/reply_status.h"
 
 namespace nembra {
 
