@@ -2,6 +2,7 @@
 BUILD_DIR      ?= build
 ASAN_BUILD_DIR ?= build-asan
 FUZZ_BUILD_DIR ?= build-fuzz
+TSAN_BUILD_DIR ?= build-tsan
 FUZZ_SECONDS   ?= 60
 JOBS           ?= $(shell nproc)
 CTEST_FLAGS    ?= --output-on-failure -j $(JOBS)
@@ -11,7 +12,7 @@ export CCACHE_BASEDIR   := $(CURDIR)
 export CCACHE_NOHASHDIR := 1
 export CCACHE_MAXSIZE   ?= 5G
 
-.PHONY: all deps build test unit-test asan-test demo bench fuzz clean
+.PHONY: all deps build test unit-test asan-test tsan-test demo bench fuzz clean
 
 all: build
 
@@ -31,6 +32,12 @@ test: build
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(ASAN_BUILD_DIR) -L 'unit|fuzz' $(CTEST_FLAGS)
 
+# The unit tests under ThreadSanitizer: a check for developers touching threads, not part of CI.
+tsan-test: deps
+	cmake -S . -B $(TSAN_BUILD_DIR) -G Ninja -DNEMBRA_TSAN=ON -DCMAKE_BUILD_TYPE=Debug
+	cmake --build $(TSAN_BUILD_DIR) -j $(JOBS)
+	ctest --test-dir $(TSAN_BUILD_DIR) -L unit $(CTEST_FLAGS)
+
 demo: build
 	@scripts/demo.sh $(BUILD_DIR)
 
@@ -43,4 +50,4 @@ fuzz: deps
 	@scripts/run-fuzzers.sh $(FUZZ_BUILD_DIR) $(FUZZ_SECONDS)
 
 clean:
-	rm -rf $(BUILD_DIR) $(ASAN_BUILD_DIR) $(FUZZ_BUILD_DIR)
+	rm -rf $(BUILD_DIR) $(ASAN_BUILD_DIR) $(FUZZ_BUILD_DIR) $(TSAN_BUILD_DIR)

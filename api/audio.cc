@@ -1,12 +1,10 @@
 #include "nembra/audio.h"
 
-#include "api/model_fields.h"
+#include "api/model_field_lists.h"
 
 namespace nembra {
 
-namespace {
-
-const ModelFields<Audio>& fields() {
+const ModelFields<Audio>& audioFields() {
   using M = Audio;
   static const ModelFields<M> list =
       ModelFields<M>()
@@ -22,7 +20,7 @@ const ModelFields<Audio>& fields() {
           .string("default_stream_id", &M::defaultStreamId)
           .array("tags", &M::tags)
           .string("data", &M::data)
-          .nested("device_info", &M::deviceInfo)
+          .nested("device_info", &M::deviceInfo, deviceInfoFields)
           .int64("submission_date", &M::submissionDate)
           .string("expiration_days", &M::expirationDays)
           .string("resubmission_date", &M::resubmissionDate)
@@ -41,7 +39,7 @@ const ModelFields<Audio>& fields() {
           .string("meta_profile_id", &M::metaProfileId)
           .boolean("volatile", &M::_volatile)
           .dictionary("default_stream", &M::defaultStream)
-          .nested("original_stream", &M::originalStream)
+          .nested("original_stream", &M::originalStream, streamModelFields)
           .string("token", &M::token)
           .string("key", &M::key)
           .string("title", &M::title)
@@ -51,18 +49,16 @@ const ModelFields<Audio>& fields() {
   return list;
 }
 
-}  // namespace
-
 Audio Audio::initWithJson(const Json& json) {
   Audio audio;
   audio.setInfo(json);
   return audio;
 }
 
-void Audio::setInfo(const Json& json) { fields().read(*this, json); }
+void Audio::setInfo(const Json& json) { audioFields().read(*this, json); }
 
 void Audio::clear() { *this = Audio(); }
 
-Json Audio::toDictionary() const { return fields().write(*this); }
+Json Audio::toDictionary() const { return audioFields().write(*this); }
 
 }  // namespace nembra

@@ -1,7 +1,9 @@
 #include "nembra/device_info.h"
 
+#include <iterator>
+
+#include "api/model_field_lists.h"
 #include "api/sdk_version.h"
-#include "api/utils.h"
 #include "platform/system/device_facts.h"
 
 namespace nembra {
@@ -23,30 +25,31 @@ void DeviceInfo::clear() {
   deviceName = device.name;
 }
 
-void DeviceInfo::setInfo(const Json& json) {
-  os = Utils::getStringFromJson(json, "os");
-  nembraSdkVer = Utils::getStringFromJson(json, "nembraSdkVer");
-  deviceModel = Utils::getStringFromJson(json, "deviceModel");
-  systemVersion = Utils::getStringFromJson(json, "systemVersion");
-  deviceName = Utils::getStringFromJson(json, "deviceName");
+const ModelFields<DeviceInfo>& deviceInfoFields() {
+  using M = DeviceInfo;
+  static const ModelFields<M> list = ModelFields<M>()
+                                         .string("os", &M::os)
+                                         .string("nembraSdkVer", &M::nembraSdkVer)
+                                         .string("deviceModel", &M::deviceModel)
+                                         .string("systemVersion", &M::systemVersion)
+                                         .string("deviceName", &M::deviceName);
+  return list;
 }
 
-Json DeviceInfo::toDictionary() const {
-  Json json = Json::object();
-  json["os"] = os;
-  json["nembraSdkVer"] = nembraSdkVer;
-  json["deviceModel"] = deviceModel;
-  json["systemVersion"] = systemVersion;
-  json["deviceName"] = deviceName;
-  return json;
-}
+void DeviceInfo::setInfo(const Json& json) { deviceInfoFields().read(*this, json); }
+
+Json DeviceInfo::toDictionary() const { return deviceInfoFields().write(*this); }
 
 std::string DeviceInfo::toString() const {
   // Kept as is: readers of the logs expect this exact layout.
   const std::string indent = "\n" + std::string(28, ' ');
-  return "DeviceInfo{" + indent + "os=" + os + "," + indent + "nembraSdkVer=" + nembraSdkVer + "," +
-         indent + "deviceModel=" + deviceModel + "," + indent + "systemVersion=" + systemVersion +
-         "," + indent + "deviceName=" + deviceName + "}";
+  std::string text = "DeviceInfo{";
+  const Json fields = toDictionary();
+  for (auto it = fields.begin(); it != fields.end(); ++it) {
+    text += indent + it.key() + "=" + it->get<std::string>();
+    text += std::next(it) != fields.end() ? "," : "}";
+  }
+  return text;
 }
 
 }  // namespace nembra

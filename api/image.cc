@@ -1,12 +1,10 @@
 #include "nembra/image.h"
 
-#include "api/model_fields.h"
+#include "api/model_field_lists.h"
 
 namespace nembra {
 
-namespace {
-
-const ModelFields<Image>& fields() {
+const ModelFields<Image>& imageFields() {
   using M = Image;
   static const ModelFields<M> list =
       ModelFields<M>()
@@ -20,7 +18,7 @@ const ModelFields<Image>& fields() {
           .string("default_stream_id", &M::defaultStreamId)
           .array("tags", &M::tags)
           .string("data", &M::data)
-          .nested("device_info", &M::deviceInfo)
+          .nested("device_info", &M::deviceInfo, deviceInfoFields)
           .int64("submission_date", &M::submissionDate)
           .string("expiration_days", &M::expirationDays)
           .string("resubmission_date", &M::resubmissionDate)
@@ -49,18 +47,16 @@ const ModelFields<Image>& fields() {
   return list;
 }
 
-}  // namespace
-
 Image Image::initWithJson(const Json& json) {
   Image image;
   image.setInfo(json);
   return image;
 }
 
-void Image::setInfo(const Json& json) { fields().read(*this, json); }
+void Image::setInfo(const Json& json) { imageFields().read(*this, json); }
 
 void Image::clear() { *this = Image(); }
 
-Json Image::toDictionary() const { return fields().write(*this); }
+Json Image::toDictionary() const { return imageFields().write(*this); }
 
 }  // namespace nembra

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 
+#include "api/aspect_ratio_defaults.h"
 #include "api/percent_encoding.h"
 #include "api/reachability_manager.h"
 #include "nembra/file_info_data.h"
@@ -32,7 +33,9 @@ constexpr const char* kErrorSource = "nembra.ios.sdk";
 
 Nembra::Nembra(MainQueue& mainQueue)
     : mainQueue_(mainQueue),
-      logSink_([](const std::string& message) { std::fprintf(stderr, "%s\n", message.c_str()); }) {}
+      logSink_([](const std::string& message) { std::fprintf(stderr, "%s\n", message.c_str()); }) {
+  AspectRatioDefaults::setUp();
+}
 
 Nembra::Nembra(std::string token, MainQueue& mainQueue) : Nembra(mainQueue) {
   token_ = std::move(token);

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "api/background_task_context.h"
+#include "api/media_urls.h"
 #include "api/percent_encoding.h"
 #include "api/utils.h"
 #include "nembra/application.h"
@@ -203,8 +204,8 @@ NembraConnect::TaskHandle NembraConnect::requestStringWithMethod(const std::stri
         if (error) {
           callback(std::nullopt, response, error);
         } else if (!isValidUtf8(body)) {
-          callback(std::nullopt, response,
-                   Error::parse("the reply from " + response.url + " is not UTF-8 text"));
+          // Not text: nothing to hand over, and nothing went wrong with the request.
+          callback(std::nullopt, response, std::nullopt);
         } else {
           callback(std::string(body.begin(), body.end()), response, std::nullopt);
         }
@@ -664,9 +665,8 @@ std::string NembraConnect::resolveUrl(const std::string& path) {
   return path;
 }
 
-// The video collection URL of the application, as the upload handler builds it.
 std::string NembraConnect::videoCollectionUrl(const std::string& path) {
-  return application_.uploadingHandler().getApiUrlWithType(VIDEO, path);
+  return MediaUrls::of(application_).apiUrl(VIDEO, path);
 }
 
 std::shared_ptr<BackgroundTaskContext> NembraConnect::takeContext(uint64_t taskIdentifier) {

@@ -3,12 +3,12 @@
 #include <filesystem>
 
 #include "api/media_token.h"
+#include "api/media_urls.h"
 #include "api/utils.h"
 #include "nembra/application.h"
 #include "nembra/media_type.h"
 #include "nembra/nembra_cache_manager.h"
 #include "nembra/nembra_connect.h"
-#include "nembra/reply_status.h"
 #include "platform/dispatch/serial_queue.h"
 #include "platform/media/image_codec.h"
 
@@ -31,16 +31,13 @@ std::string tokenAt(const std::optional<Json>& json, const char* key) {
   return object ? Utils::getStringFromJson(*object, "token") : "";
 }
 
-NembraVideos::JsonCallback videoOnMain(MainQueue& main, NembraVideos::VideoCallback callback,
-                                       std::string what) {
-  return [&main, callback = std::move(callback), what = std::move(what)](
-             const std::optional<Json>& json, const HttpResponse& response,
-             const OptionalError& error) {
-    main.async([callback, what, json, response, error] {
-      OptionalError failure = error;
-      if (!failure) failure = ReplyStatus::check(what, response, json);
+NembraVideos::JsonCallback videoOnMain(MainQueue& main, NembraVideos::VideoCallback callback) {
+  return [&main, callback = std::move(callback)](const std::optional<Json>& json,
+                                                 const HttpResponse& response,
+                                                 const OptionalError& error) {
+    main.async([callback, json, response, error] {
       Video video = Video::initWithJson(json && json->is_object() ? *json : Json::object());
-      if (callback) callback(video, response, failure);
+      if (callback) callback(video, response, error);
     });
   };
 }
@@ -54,7 +51,7 @@ NembraVideos::NembraVideos(Nembra& application)
 NembraVideos::~NembraVideos() { *alive_ = false; }
 
 std::string NembraVideos::baseUrl(const std::string& path) {
-  return application_.uploadingHandler().getApiUrlWithType(VIDEO, path);
+  return MediaUrls::of(application_).apiUrl(VIDEO, path);
 }
 
 void NembraVideos::tellDelegate(std::function<void(NembraUploadingDelegate&)> call) {
@@ -73,15 +70,11 @@ NembraVideos::TaskHandle NembraVideos::index(const Json& data, VideosCallback ca
       JsonCallback([main, callback](const std::optional<Json>& json, const HttpResponse& response,
                                     const OptionalError& error) {
         main->async([callback, json, response, error] {
-          OptionalError failure = error;
-          if (!failure) failure = ReplyStatus::check("the index request", response, json);
           std::vector<Video> videos;
           if (json && json->is_array()) {
             for (const Json& element : *json) videos.push_back(Video::initWithJson(element));
-          } else if (!failure) {
-            failure = Error::parse("the index answer is not a JSON array");
           }
-          if (callback) callback(videos, response, failure);
+          if (callback) callback(videos, response, error);
         });
       }));
 }
@@ -102,8 +95,7 @@ NembraVideos::TaskHandle NembraVideos::index(const Json& data, StringCallback st
 NembraVideos::TaskHandle NembraVideos::get(const std::string& token, const Json& data,
                                            VideoCallback callback) {
   return application_.uploadingHandler().getWithType(
-      VIDEO, token, data,
-      videoOnMain(application_.mainQueue(), std::move(callback), "the get request"));
+      VIDEO, token, data, videoOnMain(application_.mainQueue(), std::move(callback)));
 }
 
 void NembraVideos::download(const std::string& token, DownloadCallback callback) {
@@ -111,19 +103,18 @@ void NembraVideos::download(const std::string& token, DownloadCallback callback)
 }
 
 std::string NembraVideos::getVideoUrl(const std::string& token) {
-  return application_.uploadingHandler().getPathWithType(VIDEO, token);
+  return MediaUrls::of(application_).mediaUrl(VIDEO, token);
 }
 
 std::string NembraVideos::getImageUrl(const std::string& token) {
-  return application_.config().cdn_api_url + "/v1/applications/" + application_.token() +
-         "/videos/" + token + "/image";
+  return MediaUrls::of(application_).videoCoverUrl(token);
 }
 
 NembraVideos::TaskHandle NembraVideos::update(const std::string& token, const Json& data,
                                               VideoCallback callback) {
   return application_.uploadingHandler().updateWithType(
       VIDEO, token, std::string(), data,
-      videoOnMain(application_.mainQueue(), std::move(callback), "the update request"));
+      videoOnMain(application_.mainQueue(), std::move(callback)));
 }
 
 NembraVideos::TaskHandle NembraVideos::update(const Video& video, VideoCallback callback) {
@@ -133,17 +124,9 @@ NembraVideos::TaskHandle NembraVideos::update(const Video& video, VideoCallback 
 NembraVideos::TaskHandle NembraVideos::destroy(const std::string& token,
                                                const std::string& streamToken,
                                                JsonCallback callback) {
-  OptionalError refused = MediaToken::check(token, "video token");
-  if (!refused && !streamToken.empty()) refused = MediaToken::check(streamToken, "stream token");
-  if (refused) {
-    application_.mainQueue().async([callback, refused] {
-      if (callback) callback(std::nullopt, HttpResponse{}, refused);
-    });
-    return nullptr;
-  }
-  std::string path = "/" + token;
-  if (!streamToken.empty()) path += "/streams/" + streamToken;
-  return application_.connect().deleteJsonWithPath(baseUrl(path), nullptr, std::move(callback));
+  // The empty stream token names the video itself.
+  return application_.uploadingHandler().deleteWithType(VIDEO, token, streamToken,
+                                                        std::move(callback));
 }
 
 NembraVideos::TaskHandle NembraVideos::createEmptyVideoWithData(const Json& data,
@@ -180,8 +163,7 @@ NembraVideos::TaskHandle NembraVideos::attachCoverWithVideoToken(const std::stri
                                                                  const StillImage& cover,
                                                                  const Json& data,
                                                                  VideoCallback callback) {
-  JsonCallback answer = videoOnMain(application_.mainQueue(), std::move(callback),
-                                    "the cover request of video " + token);
+  JsonCallback answer = videoOnMain(application_.mainQueue(), std::move(callback));
   std::vector<uint8_t> jpeg;
   // The best JPEG quality: the service makes every smaller size from this one.
   if (auto error = makeImageCodec()->encodeJpeg(cover.data, 2, jpeg)) {
@@ -232,7 +214,6 @@ NembraVideos::TaskHandle NembraVideos::attachVideoWithVideoToken(
             json = std::move(parsed);
           }
         }
-        if (!failure) failure = ReplyStatus::check("the videoattach request", response, json);
         if (callback) callback(json, response, failure);
         if (!alive.lock()) return;
         tellDelegate([file, token, streamToken](NembraUploadingDelegate& delegate) {
@@ -344,14 +325,13 @@ void NembraVideos::createVideoWithData(const Json& data, const std::string& file
                        ", response = " + jsonText(json));
       std::string token = tokenAt(json, "video");
       std::string stream = tokenAt(json, "stream");
+      // Missing tokens end the flow with the answer's own error; a token that is not safe to
+      // put in a path is refused.
       OptionalError failure = error;
-      if (!failure) failure = ReplyStatus::check("the create request", response, json);
-      if (!failure && (token.empty() || stream.empty())) {
-        failure = Error::parse("the create answer has no \"video\" or \"stream\" token");
-      }
-      if (!failure) failure = MediaToken::check(token, "video token");
-      if (!failure) failure = MediaToken::check(stream, "stream token");
-      if (failure) {
+      const bool missing = token.empty() || stream.empty();
+      if (!failure && !missing) failure = MediaToken::check(token, "video token");
+      if (!failure && !missing) failure = MediaToken::check(stream, "stream token");
+      if (failure || missing) {
         application_.log("ERROR: no video or stream object created");
         tellDelegate([copy, token, stream](NembraUploadingDelegate& delegate) {
           if (delegate.uploadFinishedWithPath) delegate.uploadFinishedWithPath(copy, token, stream);
@@ -363,7 +343,7 @@ void NembraVideos::createVideoWithData(const Json& data, const std::string& file
       }
       application_.log("video created with token: " + token + ", default stream: " + stream);
       if (!cover) {
-        attachAndSubmit(token, stream, data, copy, callback, progress, true);
+        attachAndSubmit(token, stream, data, copy, callback, progress);
         return;
       }
       attachCoverWithVideoToken(token, stream, *cover, data,
@@ -372,8 +352,7 @@ void NembraVideos::createVideoWithData(const Json& data, const std::string& file
                                   // A cover that did not take leaves the service's own; the video
                                   // goes on.
                                   if (alive.lock())
-                                    attachAndSubmit(token, stream, data, copy, callback, progress,
-                                                    true);
+                                    attachAndSubmit(token, stream, data, copy, callback, progress);
                                 });
     });
   });
@@ -389,49 +368,42 @@ void NembraVideos::rerecordVideoWithToken(const std::string& token, const std::s
     return;
   }
   std::weak_ptr<bool> alive = alive_;
-  createStreamWithVideoToken(
-      token, data,
-      [this, alive, token, file, data, callback, progress](const std::optional<Json>& json,
-                                                           const HttpResponse& response,
-                                                           const OptionalError& error) {
-        if (!alive.lock()) return;
-        std::string stream =
-            json && json->is_object() ? Utils::getStringFromJson(*json, "token") : "";
-        OptionalError failure = error;
-        if (!failure) failure = ReplyStatus::check("the stream request", response, json);
-        if (!failure && stream.empty()) {
-          failure = Error::parse("the stream answer has no \"token\"");
-        }
-        if (!failure) failure = MediaToken::check(stream, "stream token");
-        if (failure) {
-          application_.log("ERROR: no video or stream object created");
-          if (callback) callback(json, response, failure);
-          return;
-        }
-        application_.log("video token: " + token + ", stream: " + stream +
-                         ", streamCreatedResponse: " + jsonText(json));
-        attachAndSubmit(token, stream, data, file, callback, progress, false);
-      });
+  createStreamWithVideoToken(token, data,
+                             [this, alive, token, file, data, callback, progress](
+                                 const std::optional<Json>& json, const HttpResponse& response,
+                                 const OptionalError& error) {
+                               if (!alive.lock()) return;
+                               std::string stream = json && json->is_object()
+                                                        ? Utils::getStringFromJson(*json, "token")
+                                                        : "";
+                               OptionalError failure = error;
+                               if (!failure && !stream.empty())
+                                 failure = MediaToken::check(stream, "stream token");
+                               if (failure || stream.empty()) {
+                                 application_.log("ERROR: no video or stream object created");
+                                 if (callback) callback(json, response, failure);
+                                 return;
+                               }
+                               application_.log("video token: " + token + ", stream: " + stream +
+                                                ", streamCreatedResponse: " + jsonText(json));
+                               attachAndSubmit(token, stream, data, file, callback, progress);
+                             });
 }
 
 void NembraVideos::attachAndSubmit(const std::string& token, const std::string& streamToken,
                                    const Json& data, const std::string& file, JsonCallback callback,
-                                   ProgressCallback progress, bool removeOnFailure) {
+                                   ProgressCallback progress) {
   std::weak_ptr<bool> alive = alive_;
   attachVideoWithVideoToken(
       token, streamToken, data, file,
-      [this, alive, token, streamToken, data, file, callback, removeOnFailure](
-          const std::optional<Json>& json, const HttpResponse& response,
-          const OptionalError& error) {
+      [this, alive, token, streamToken, data, file, callback](const std::optional<Json>& json,
+                                                              const HttpResponse& response,
+                                                              const OptionalError& error) {
         if (!alive.lock()) return;
         application_.log("video attached with error: " + errorText(error) +
                          ", response: " + std::to_string(response.status) + " " + jsonText(json));
-        if (error) {
-          // The file did not arrive: nothing to submit.
-          if (removeOnFailure) Utils::removeFileWithPath(file);
-          if (callback) callback(json, response, error);
-          return;
-        }
+        // Submitted whatever the attach answered: the service decides what a stream without
+        // its file becomes.
         recorderSubmitWithVideoToken(
             token, streamToken, data,
             [this, alive, token, file, callback](const std::optional<Json>& json,
@@ -441,9 +413,7 @@ void NembraVideos::attachAndSubmit(const std::string& token, const std::string& 
               application_.log("recorder submitted with error: " + errorText(error) +
                                ", response: " + jsonText(json));
               uploadFinished(token, file);
-              OptionalError failure = error;
-              if (!failure) failure = ReplyStatus::check("the submit request", response, json);
-              if (callback) callback(json, response, failure);
+              if (callback) callback(json, response, error);
             });
       },
       std::move(progress));

@@ -1,12 +1,10 @@
 #include "nembra/stream_model.h"
 
-#include "api/model_fields.h"
+#include "api/model_field_lists.h"
 
 namespace nembra {
 
-namespace {
-
-const ModelFields<StreamModel>& fields() {
+const ModelFields<StreamModel>& streamModelFields() {
   using M = StreamModel;
   static const ModelFields<M> list =
       ModelFields<M>()
@@ -50,18 +48,16 @@ const ModelFields<StreamModel>& fields() {
   return list;
 }
 
-}  // namespace
-
 StreamModel StreamModel::initWithJson(const Json& json) {
   StreamModel model;
   model.setInfo(json);
   return model;
 }
 
-void StreamModel::setInfo(const Json& json) { fields().read(*this, json); }
+void StreamModel::setInfo(const Json& json) { streamModelFields().read(*this, json); }
 
 void StreamModel::clear() { *this = StreamModel(); }
 
-Json StreamModel::toDictionary() const { return fields().write(*this); }
+Json StreamModel::toDictionary() const { return streamModelFields().write(*this); }
 
 }  // namespace nembra

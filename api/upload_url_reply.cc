@@ -1,11 +1,11 @@
 #include "api/upload_url_reply.h"
 
-#include <cstdio>
-
 #include "api/media_token.h"
 #include "api/utils.h"
 #include "nembra/media_fields.h"
 #include "nembra/media_type.h"
+#include "platform/http/base64.h"
+#include "platform/http/http_time.h"
 
 namespace nembra {
 
@@ -33,47 +33,6 @@ std::optional<ReplyKeys> keysFor(int type) {
 std::string tokenOf(const Json& reply, const char* key) {
   auto object = Utils::getDictionaryFromJson(reply, key);
   return object ? Utils::getStringFromJson(*object, "token") : "";
-}
-
-std::optional<std::string> base64Decode(const std::string& text) {
-  auto value = [](char c) -> int {
-    if (c >= 'A' && c <= 'Z') return c - 'A';
-    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-    if (c >= '0' && c <= '9') return c - '0' + 52;
-    if (c == '+' || c == '-') return 62;
-    if (c == '/' || c == '_') return 63;
-    return -1;
-  };
-  std::string out;
-  uint32_t buffer = 0;
-  int bits = 0;
-  for (char c : text) {
-    if (c == '=' || c == '\n' || c == '\r') continue;
-    int v = value(c);
-    if (v < 0) return std::nullopt;
-    buffer = (buffer << 6) | static_cast<uint32_t>(v);
-    bits += 6;
-    if (bits >= 8) {
-      bits -= 8;
-      out += static_cast<char>((buffer >> bits) & 0xFF);
-    }
-  }
-  return out;
-}
-
-// "2024-05-01T12:00:00Z" or with fractional seconds, as UTC.
-std::optional<std::chrono::sys_seconds> parseIso8601(const std::string& text) {
-  int year, month, day, hour, minute, second;
-  char tail = 0;
-  if (std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%c", &year, &month, &day, &hour, &minute,
-                  &second, &tail) < 6) {
-    return std::nullopt;
-  }
-  using namespace std::chrono;
-  year_month_day date{std::chrono::year(year), std::chrono::month(static_cast<unsigned>(month)),
-                      std::chrono::day(static_cast<unsigned>(day))};
-  if (!date.ok() || hour > 23 || minute > 59 || second > 60) return std::nullopt;
-  return sys_days(date) + hours(hour) + minutes(minute) + seconds(second);
 }
 
 }  // namespace
@@ -123,13 +82,15 @@ std::optional<std::chrono::sys_seconds> UploadUrlReply::formExpiration(const Jso
   if (!fields.is_object()) return std::nullopt;
   auto policy = fields.find("Policy");
   if (policy == fields.end() || !policy->is_string()) return std::nullopt;
-  auto decoded = base64Decode(policy->get<std::string>());
+  auto decoded = base64DecodeLoose(policy->get<std::string>());
   if (!decoded) return std::nullopt;
   Json document = Json::parse(*decoded, nullptr, false);
   if (!document.is_object()) return std::nullopt;
   auto expiration = document.find("expiration");
   if (expiration == document.end() || !expiration->is_string()) return std::nullopt;
-  return parseIso8601(expiration->get<std::string>());
+  auto seconds = parseIso8601(expiration->get<std::string>());
+  if (!seconds) return std::nullopt;
+  return std::chrono::sys_seconds(std::chrono::seconds(*seconds));
 }
 
 }  // namespace nembra

@@ -26,6 +26,8 @@ struct GlobalOptions {
   std::string rtmpUrl;
   bool debug = false;
   bool json = false;
+  // "window", "terminal" or "none"; empty picks from the environment.
+  std::string ui;
 };
 
 class CliContext {
@@ -56,5 +58,7 @@ void registerStreamCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerUploadCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerMediaCommands(CLI::App& app, CliContext& context, int& exitCode);
 void registerCacheCommand(CLI::App& app, CliContext& context, int& exitCode);
+// After registerMediaCommands: adds `images show` to its images command.
+void registerShowCommands(CLI::App& app, CliContext& context, int& exitCode);
 
 }  // namespace nembra

@@ -19,13 +19,17 @@
 #include "nembra/nembra_images.h"
 #include "nembra/nembra_uploading_handler.h"
 #include "nembra/nembra_videos.h"
+#include "nembra/reply_status.h"
 #include "platform/files/file_system.h"
 #include "platform/media/media_backend.h"
 #include "platform/media/media_log.h"
 #include "platform/media/media_probe.h"
 #include "platform/media/media_sample_writer.h"
+#include "platform/ui/screen_presenter.h"
+#include "platform/ui/window_ui.h"
 #include "streaming/live_publisher.h"
 #include "streaming/stream_log.h"
+#include "viewer/viewer_screens.h"
 
 namespace nembra {
 
@@ -72,6 +76,7 @@ class DemoRun {
     step("Upload an image, find it in the list, download it", [this] { return roundTrip(IMAGE); });
     step("Stream live, then watch the recording become the video's file",
          [this] { return liveStream(); });
+    step("Show an image in the window", [this] { return showImage(); });
     auto seconds = std::chrono::duration<double>(Clock::now() - started).count();
     std::cout << "\n" << passed_ << " of " << total_ - skipped_ << " steps passed";
     if (skipped_ > 0) std::cout << " (" << skipped_ << " skipped)";
@@ -112,6 +117,38 @@ class DemoRun {
     start([&answer](Answer value) { answer = std::move(value); });
     nembra_.mainQueue().runUntil([&] { return answer.has_value(); }, timeout);
     return answer;
+  }
+
+  // Opens the image viewer on a sample picture in a window for a moment and reads the window
+  // back to see it drawn.
+  Outcome showImage() {
+    OptionalError error;
+    auto window = WindowUi::open(nembra_.mainQueue(), WindowUi::Options{}, error);
+    if (!window) {
+      std::cout << "    skipped the window: " << error->message << "\n";
+      return Outcome::Skipped;
+    }
+    auto sample = makeSample(IMAGE);
+    if (!sample) return Outcome::Failed;
+    installViewerScreens();
+    auto presenter = std::make_shared<ScreenPresenter>(*window, nembra_.mainQueue());
+    nembra_.setScreenPresenter(presenter);
+    nembra_.showImageFromUri(*sample);
+    WindowScreenshot shot;
+    const bool drawn = nembra_.mainQueue().runUntil(
+        [&] {
+          window->screenshot(shot);
+          auto middle = shot.at(shot.width / 2, shot.height / 2);
+          return middle[0] + middle[1] + middle[2] > 0;
+        },
+        std::chrono::seconds(10));
+    // Leaves it up long enough to be seen.
+    nembra_.mainQueue().runUntil([] { return false; }, std::chrono::milliseconds(1500));
+    presenter->dismissAll();
+    nembra_.mainQueue().runUntilIdle();
+    std::cout << "    " << (drawn ? "shown" : "nothing drawn") << " in a " << shot.width << " x "
+              << shot.height << " window\n";
+    return drawn ? Outcome::Passed : Outcome::Failed;
   }
 
   bool showDevice() {
@@ -221,9 +258,12 @@ class DemoRun {
   std::optional<std::vector<std::string>> listTokens(int type) {
     auto done = std::make_shared<std::promise<std::vector<std::string>>>();
     bool failed = false;
-    auto collect = [&](const auto& models, const OptionalError& error) {
+    auto collect = [&](const auto& models, const HttpResponse& response,
+                       const OptionalError& answered) {
       std::vector<std::string> tokens;
       for (const auto& model : models) tokens.push_back(model.token);
+      OptionalError error = answered;
+      if (!error) error = ReplyStatus::check("the index request", response);
       if (error) {
         std::cout << "    cannot list: " << error->message << "\n";
         failed = true;
@@ -232,14 +272,14 @@ class DemoRun {
     };
     Json page{{"limit", 100}};
     if (type == VIDEO) {
-      nembra_.videos().index(page, [&](const std::vector<Video>& all, const HttpResponse&,
-                                       const OptionalError& e) { collect(all, e); });
+      nembra_.videos().index(page, [&](const std::vector<Video>& all, const HttpResponse& r,
+                                       const OptionalError& e) { collect(all, r, e); });
     } else if (type == AUDIO) {
-      nembra_.audios().index(page, [&](const std::vector<Audio>& all, const HttpResponse&,
-                                       const OptionalError& e) { collect(all, e); });
+      nembra_.audios().index(page, [&](const std::vector<Audio>& all, const HttpResponse& r,
+                                       const OptionalError& e) { collect(all, r, e); });
     } else {
-      nembra_.images().index(page, [&](const std::vector<Image>& all, const HttpResponse&,
-                                       const OptionalError& e) { collect(all, e); });
+      nembra_.images().index(page, [&](const std::vector<Image>& all, const HttpResponse& r,
+                                       const OptionalError& e) { collect(all, r, e); });
     }
     auto future = done->get_future();
     nembra_.mainQueue().runUntil(
@@ -264,10 +304,13 @@ class DemoRun {
     std::string failure;
     bool ended = false;
     delegate->uploadVerifiedWithPath = [&](const std::string&, const std::string& media,
-                                           const std::string&, const HttpResponse&,
-                                           const OptionalError& error, const std::optional<Json>&) {
+                                           const std::string&, const HttpResponse& response,
+                                           const OptionalError& error,
+                                           const std::optional<Json>& json) {
       token = media;
-      if (error) failure = "not confirmed: " + error->message;
+      OptionalError refused = error;
+      if (!refused) refused = ReplyStatus::check("the confirm request", response, json);
+      if (refused) failure = "not confirmed: " + refused->message;
       ended = true;
     };
     delegate->errorWithError = [&](const Error& error) {

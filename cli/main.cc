@@ -35,6 +35,10 @@ int main(int argc, char** argv) {
   app.add_option("--rtmp-url", options.rtmpUrl, "RTMP ingest URL (overrides --server)");
   app.add_flag("--debug", options.debug, "Print the SDK's logs on standard error");
   app.add_flag("--json", options.json, "Machine-readable output");
+  app.add_option("--ui", options.ui,
+                 "Screens in: window, terminal or none (default: window when a display is set, "
+                 "terminal when standard input is one, else none)")
+      ->check(CLI::IsMember({"window", "terminal", "none"}));
 
   int exitCode = 0;
   nembra::registerRequestCommand(app, context, exitCode);
@@ -44,6 +48,7 @@ int main(int argc, char** argv) {
   nembra::registerUploadCommand(app, context, exitCode);
   nembra::registerMediaCommands(app, context, exitCode);
   nembra::registerCacheCommand(app, context, exitCode);
+  nembra::registerShowCommands(app, context, exitCode);
 #ifdef NEMBRA_HAVE_SERVICE
   nembra::registerServeCommand(app, context, exitCode);
 #endif

@@ -148,21 +148,21 @@ class ResourceCommands {
   Endpoint& resource() { return (nembra().*endpoint_)(); }
   std::string command(const char* verb) const { return name_ + " " + verb; }
 
+  // The handler's JSON requests rather than the endpoint's models: an HTTP failure then
+  // reports the service's own explanation from the answer's body.
   int list(const MediaArguments& args) {
-    std::atomic<bool> done = false;
-    std::vector<Model> models;
-    OptionalError failure;
-    resource().index(
-        Json{{"limit", args.limit}, {"offset", args.offset}},
-        [&](const std::vector<Model>& list, const HttpResponse&, const OptionalError& error) {
-          models = list;
-          failure = error;
-          done = true;
-        });
-    if (!waitFor(nembra(), done)) return fail(command("list"), "no answer");
-    if (failure) return fail(command("list"), failure->message);
+    std::optional<Json> json;
+    const Json data{{"limit", args.limit}, {"offset", args.offset}};
+    if (int code = awaitJson(command("list"), "the index request", json, [&](auto callback) {
+          nembra().uploadingHandler().indexWithType(type_, data, JsonCallback(callback));
+        })) {
+      return code;
+    }
+    // "[]" reaches us as no JSON (the connection's two-byte rule): an empty list.
     std::vector<Json> rows;
-    for (const Model& model : models) rows.push_back(model.toDictionary());
+    if (json && json->is_array()) {
+      for (const Json& element : *json) rows.push_back(Model::initWithJson(element).toDictionary());
+    }
     if (context_.options.json) {
       std::cout << Json(rows).dump(2) << "\n";
     } else {
@@ -172,18 +172,14 @@ class ResourceCommands {
   }
 
   int get(const MediaArguments& args) {
-    std::atomic<bool> done = false;
-    Model result;
-    OptionalError failure;
-    resource().get(args.token, Json::object(),
-                   [&](const Model& model, const HttpResponse&, const OptionalError& error) {
-                     result = model;
-                     failure = error;
-                     done = true;
-                   });
-    if (!waitFor(nembra(), done)) return fail(command("get"), "no answer");
-    if (failure) return fail(command("get"), failure->message);
-    printModel(result.toDictionary(), context_.options.json);
+    std::optional<Json> json;
+    if (int code = awaitJson(command("get"), "the get request", json, [&](auto callback) {
+          nembra().uploadingHandler().getWithType(type_, args.token, Json::object(),
+                                                  JsonCallback(callback));
+        })) {
+      return code;
+    }
+    printModel(modelFrom(json).toDictionary(), context_.options.json);
     return 0;
   }
 
@@ -191,18 +187,14 @@ class ResourceCommands {
     std::string error;
     Json data = parseFields(args.fields, error);
     if (!error.empty()) return fail(command("update"), error, 2);
-    std::atomic<bool> done = false;
-    Model result;
-    OptionalError failure;
-    resource().update(args.token, data,
-                      [&](const Model& model, const HttpResponse&, const OptionalError& e) {
-                        result = model;
-                        failure = e;
-                        done = true;
-                      });
-    if (!waitFor(nembra(), done)) return fail(command("update"), "no answer");
-    if (failure) return fail(command("update"), failure->message);
-    printModel(result.toDictionary(), context_.options.json);
+    std::optional<Json> json;
+    if (int code = awaitJson(command("update"), "the update request", json, [&](auto callback) {
+          nembra().uploadingHandler().updateWithType(type_, args.token, std::string(), data,
+                                                     JsonCallback(callback));
+        })) {
+      return code;
+    }
+    printModel(modelFrom(json).toDictionary(), context_.options.json);
     return 0;
   }
 
@@ -223,11 +215,19 @@ class ResourceCommands {
     return deliver(command("download"), *path, args.output);
   }
 
-  // Answers with JSON on the connection's queue; waits for it.
+  using JsonCallback = NembraUploadingHandler::JsonCallback;
+
+  static Model modelFrom(const std::optional<Json>& json) {
+    return Model::initWithJson(json && json->is_object() ? *json : Json::object());
+  }
+
+  // Starts a request that answers with JSON on the connection's queue and waits for it. 0 with
+  // |json| set when the service answered 2xx; otherwise the command's failure exit code, the
+  // message naming |what| and the service's explanation.
   template <typename Start>
-  int jsonRequest(const std::string& label, Start start) {
+  int awaitJson(const std::string& label, const std::string& what, std::optional<Json>& json,
+                Start start) {
     std::atomic<bool> done = false;
-    std::optional<Json> json;
     HttpResponse response;
     OptionalError failure;
     start([&](const std::optional<Json>& answer, const HttpResponse& r, const OptionalError& e) {
@@ -237,8 +237,16 @@ class ResourceCommands {
       done = true;
     });
     if (!waitFor(nembra(), done)) return fail(label, "no answer");
-    if (!failure) failure = ReplyStatus::check(label, response, json);
+    if (!failure) failure = ReplyStatus::check(what, response, json);
     if (failure) return fail(label, failure->message);
+    return 0;
+  }
+
+  // Answers with JSON on the connection's queue; waits for it and prints the answer.
+  template <typename Start>
+  int jsonRequest(const std::string& label, Start start) {
+    std::optional<Json> json;
+    if (int code = awaitJson(label, label, json, start)) return code;
     if (json) printModel(*json, context_.options.json);
     return 0;
   }
@@ -404,11 +412,13 @@ void registerVideoExtras(CLI::App& group, CliContext& context, int& exitCode,
     }
     std::atomic<bool> done = false;
     std::optional<Json> answer;
+    HttpResponse response;
     OptionalError failure;
     nembra.videos().createVideoWithData(
         data, args->file, cover,
-        [&](const std::optional<Json>& json, const HttpResponse&, const OptionalError& e) {
+        [&](const std::optional<Json>& json, const HttpResponse& r, const OptionalError& e) {
           answer = json;
+          response = r;
           failure = e;
           done = true;
         },
@@ -418,11 +428,15 @@ void registerVideoExtras(CLI::App& group, CliContext& context, int& exitCode,
       return;
     }
     nembra.mainQueue().runUntilIdle();
+    if (!failure) failure = ReplyStatus::check("the create request", response, answer);
+    Video video = Video::initWithJson(answer && answer->is_object() ? *answer : Json::object());
+    if (!failure && video.token.empty()) {
+      failure = Error::parse("the create answer has no \"video\" or \"stream\" token");
+    }
     if (failure) {
       exitCode = fail("videos create", failure->message);
       return;
     }
-    Video video = Video::initWithJson(answer ? *answer : Json::object());
     if (context.options.json) {
       std::cout << video.toDictionary().dump(2) << "\n";
     } else {
@@ -446,11 +460,13 @@ void registerVideoExtras(CLI::App& group, CliContext& context, int& exitCode,
     }
     std::atomic<bool> done = false;
     std::optional<Json> answer;
+    HttpResponse response;
     OptionalError failure;
     nembra.videos().rerecordVideoWithToken(
         args->token, *handed, Json::object(),
-        [&](const std::optional<Json>& json, const HttpResponse&, const OptionalError& e) {
+        [&](const std::optional<Json>& json, const HttpResponse& r, const OptionalError& e) {
           answer = json;
+          response = r;
           failure = e;
           done = true;
         },
@@ -459,6 +475,10 @@ void registerVideoExtras(CLI::App& group, CliContext& context, int& exitCode,
     nembra.mainQueue().runUntilIdle();
     std::error_code ec;
     fs::remove(*handed, ec);
+    if (answered && !failure) failure = ReplyStatus::check("the stream request", response, answer);
+    if (answered && !failure && (!answer || !answer->is_object() || !answer->contains("token"))) {
+      failure = Error::parse("the stream answer has no \"token\"");
+    }
     if (!answered || failure) {
       exitCode = fail("videos rerecord", failure ? failure->message : "no answer");
       return;

@@ -20,6 +20,7 @@
 #include "nembra/application.h"
 #include "nembra/media_type.h"
 #include "nembra/nembra_uploading_handler.h"
+#include "nembra/reply_status.h"
 #include "nembra/uploading_config.h"
 #include "platform/files/file_system.h"
 #include "platform/media/media_log.h"
@@ -209,14 +210,21 @@ class UploadRun {
     FileUpload* target = &upload;
     nembra_.uploadingHandler().uploadWithType(
         upload.type, upload.handed, data_,
-        [this, target](const std::optional<Json>&, const HttpResponse&, const OptionalError& e) {
-          if (e) end(*target, e->message);
+        [this, target](const std::optional<Json>& json, const HttpResponse& response,
+                       const OptionalError& e) {
+          OptionalError failure = e;
+          if (!failure) failure = ReplyStatus::check("the upload URL request", response, json);
+          if (failure) end(*target, failure->message);
         },
         [this, target](int64_t sent, int64_t expected) {
           board_.update(target->line, sent, expected);
         },
-        [this, target](const std::optional<Json>&, const HttpResponse&, const OptionalError& e) {
-          end(*target, e ? "the service did not confirm the upload: " + e->message : "");
+        [this, target](const std::optional<Json>& json, const HttpResponse& response,
+                       const OptionalError& e) {
+          OptionalError failure = e;
+          if (!failure) failure = ReplyStatus::check("the confirm request", response, json);
+          end(*target,
+              failure ? "the service did not confirm the upload: " + failure->message : "");
         });
   }
 
@@ -236,15 +244,18 @@ class UploadRun {
         if (FileUpload* upload = find(path)) board_.update(upload->line, sent, expected);
       }
     };
-    delegate_->uploadVerifiedWithPath =
-        [this](const std::string& path, const std::string& token, const std::string&,
-               const HttpResponse&, const OptionalError& error, const std::optional<Json>&) {
-          if (!arguments_.resume) return;
-          FileUpload* found = find(path);
-          FileUpload& upload = found ? *found : trackResumed(path);
-          upload.token = token;
-          end(upload, error ? "the service did not confirm the upload: " + error->message : "");
-        };
+    delegate_->uploadVerifiedWithPath = [this](const std::string& path, const std::string& token,
+                                               const std::string&, const HttpResponse& response,
+                                               const OptionalError& error,
+                                               const std::optional<Json>& json) {
+      if (!arguments_.resume) return;
+      FileUpload* found = find(path);
+      FileUpload& upload = found ? *found : trackResumed(path);
+      upload.token = token;
+      OptionalError failure = error;
+      if (!failure) failure = ReplyStatus::check("the confirm request", response, json);
+      end(upload, failure ? "the service did not confirm the upload: " + failure->message : "");
+    };
     // Names no file: whichever upload the handler no longer runs is the one that failed.
     delegate_->errorWithInfo = [this](const std::optional<Json>&, const Error& error,
                                       int32_t action) {

@@ -12,6 +12,8 @@ find_package(nlohmann_json REQUIRED)
 find_package(SQLite3 REQUIRED)
 pkg_check_modules(FFMPEG REQUIRED IMPORTED_TARGET
   libavformat libavcodec libavutil libswscale libswresample libavdevice libavfilter)
+# The window and audio output of the screens (platform/ui, platform/audio).
+pkg_check_modules(SDL2 REQUIRED IMPORTED_TARGET sdl2 SDL2_ttf)
 # Loopback servers in tests and the local service.
 pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 

@@ -7,6 +7,12 @@ if(NEMBRA_SANITIZE)
   add_link_options(-fsanitize=address,undefined)
   set(NEMBRA_TEST_ENVIRONMENT "UBSAN_OPTIONS=print_stacktrace=1")
 endif()
+if(NEMBRA_TSAN)
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+  set(NEMBRA_TEST_ENVIRONMENT
+      "TSAN_OPTIONS=halt_on_error=1 second_deadlock_stack=1 suppressions=${PROJECT_SOURCE_DIR}/scripts/tsan.supp")
+endif()
 
 # Collects the sources of a module: every .cc except tests, in the current directory or, with
 # DIRS, in the listed subdirectories of it.

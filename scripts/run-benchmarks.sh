@@ -2,6 +2,9 @@
 # Runs every benchmark binary of a build (BUILD_DIR/bench/*_bench) one after another, then the
 # benchmark scripts listed below, and keeps each one's output under BUILD_DIR/bench-results/.
 # Extra arguments go to every binary (e.g. --benchmark_filter=Chunk), not to the scripts.
+# player_engine_bench plays a 60 s 1080p file twice (ffplay, then the engine) in windows on an
+# Xvfb display it starts itself: about two minutes, and the file is kept in the temporary
+# directory for the next run.
 # Usage: scripts/run-benchmarks.sh BUILD_DIR [ARGS...]
 set -euo pipefail
 

@@ -6,8 +6,8 @@
 #include <memory>
 #include <vector>
 
+#include "platform/http/http_time.h"
 #include "service/byte_range.h"
-#include "service/http_time.h"
 #include "service/service_reply.h"
 
 namespace nembra {

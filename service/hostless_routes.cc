@@ -1,7 +1,7 @@
 #include "service/hostless_routes.h"
 
+#include "platform/http/http_time.h"
 #include "service/form_params.h"
-#include "service/http_time.h"
 #include "service/list_window.h"
 #include "service/service_reply.h"
 

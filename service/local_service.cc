@@ -8,15 +8,16 @@
 #include <exception>
 #include <filesystem>
 
+#include "platform/dispatch/thread_name.h"
+#include "platform/http/http_time.h"
 #include "platform/media/frame_grabber.h"
 #include "platform/media/media_probe.h"
 #include "platform/media/media_remuxer.h"
-#include "platform/dispatch/thread_name.h"
+#include "platform/net/tcp_listener.h"
 #include "service/cdn_file_server.h"
 #include "service/data_directory.h"
 #include "service/fault_injection.h"
 #include "service/hostless_routes.h"
-#include "service/http_time.h"
 #include "service/http_worker_pool.h"
 #include "service/media_analyzer.h"
 #include "service/media_library.h"
@@ -31,7 +32,6 @@
 #include "service/storage_policy_verifier.h"
 #include "service/storage_server.h"
 #include "service/storage_upload_receiver.h"
-#include "service/tcp_listener.h"
 #include "service/token_rules.h"
 #include "service/videos_routes.h"
 
@@ -110,8 +110,8 @@ OptionalError LocalService::open() {
   verifier_ = std::make_unique<StoragePolicyVerifier>(credentials);
   library_ = std::make_unique<MediaLibrary>(*store_, *directory_, *analyzer_, *signer_, options_);
   faults_ = std::make_unique<FaultInjection>(options_.faults);
-  ingest_ = std::make_unique<RtmpIngest>(*library_, *sessions_, *directory_,
-                                         makeMediaRemuxer(), log_);
+  ingest_ =
+      std::make_unique<RtmpIngest>(*library_, *sessions_, *directory_, makeMediaRemuxer(), log_);
 
   std::string rtmpUrl;
   if (options_.rtmpPort != 0) {
@@ -251,12 +251,14 @@ OptionalError LocalService::start() {
   }
   // Linux takes a new backlog for a socket that listens already.
   if (listenSocket_ >= 0) ::listen(listenSocket_, SOMAXCONN);
-  auto storageListener = TcpListener::open(options_.host, options_.storagePort);
+  OptionalError listenError;
+  std::unique_ptr<TcpListener> storageListener =
+      TcpListener::open(options_.host, options_.storagePort, listenError);
   if (!storageListener) {
     server_.reset();
-    return storageListener.error();
+    return listenError;
   }
-  storagePort_ = (*storageListener)->port();
+  storagePort_ = storageListener->port();
   if (auto error = open()) {
     ingest_.reset();
     server_.reset();
@@ -265,7 +267,7 @@ OptionalError LocalService::start() {
   installServer();
   size_t threads = static_cast<size_t>(std::max(1, options_.httpThreads));
   storageServer_ = std::make_unique<StorageServer>(*storage_, *faults_, threads);
-  storageServer_->start(std::move(*storageListener));
+  storageServer_->start(std::move(storageListener));
   listener_ = std::thread([this] {
     setCurrentThreadName("com.nembra.service.listen");
     server_->listen_after_bind();

@@ -1,14 +1,11 @@
 #include "service/media_json.h"
 
-#include "service/http_time.h"
+#include "api/model_field_lists.h"
+#include "platform/http/http_time.h"
 #include "service/media_library.h"
 
 namespace nembra {
 namespace {
-
-using Json = nlohmann::ordered_json;
-
-const char* text(bool value) { return value ? "true" : "false"; }
 
 // Settable fields read back with their defaults.
 struct Attributes {
@@ -17,6 +14,12 @@ struct Attributes {
   std::string string(const char* name, const std::string& fallback = "") const {
     auto it = values.find(name);
     return it != values.end() && it->is_string() ? it->get<std::string>() : fallback;
+  }
+  // Any value as the text a model's string field holds; "" when missing or null.
+  std::string text(const char* name) const {
+    auto it = values.find(name);
+    if (it == values.end() || it->is_null()) return "";
+    return it->is_string() ? it->get<std::string>() : it->dump();
   }
   bool flag(const char* name) const {
     auto it = values.find(name);
@@ -34,7 +37,16 @@ struct Attributes {
     auto it = values.find("tags");
     return it != values.end() && it->is_array() ? Json(*it) : Json::array();
   }
+  // The device description a client sent, each missing key "" (never this machine's).
+  DeviceInfo deviceInfo() const {
+    DeviceInfo info;
+    auto it = values.find("device_info");
+    info.setInfo(it != values.end() && it->is_object() ? Json(*it) : Json::object());
+    return info;
+  }
 };
+
+const char* text(bool value) { return value ? "true" : "false"; }
 
 // Shared by the three kinds: the default stream's state is the media's.
 struct Summary {
@@ -91,113 +103,110 @@ Json MediaJson::media(const MediaView& view) const {
 }
 
 Json MediaJson::stream(const MediaView& view, const StreamRecord& stream) const {
+  Json json = streamModelFields().write(streamModel(view, stream), BooleanForm::kText);
+  // Beyond the model: why the file could not be read, for whoever looks at the service.
+  if (!stream.probeError.empty()) json["probe_error"] = stream.probeError;
+  return json;
+}
+
+StreamModel MediaJson::streamModel(const MediaView& view, const StreamRecord& stream) const {
   Attributes attributes{stream.attributes};
   MediaKind kind = view.media.kind;
   bool hasFile = stream.state == StreamState::Uploaded || stream.state == StreamState::Ready;
   bool streamable = hasFile && stream.probeError.empty();
   const StreamRecord* preferred = view.defaultStream();
-  Json json;
-  json["volatile"] = text(attributes.flag("volatile"));
-  json["token"] = stream.token;
-  json["key"] =
-      MediaLibrary::objectKey(view.media.application, kind, view.media.token, stream.token);
-  json["creation_type"] = static_cast<int>(stream.origin);
-  json["state"] = static_cast<int>(stream.state);
-  json["streamable"] = streamable ? 1 : 0;
-  json["video_analysis"] = Json::object();
-  json["audio_transcription"] = Json::object();
-  json["audio_keywords"] = Json::array();
-  json["push_services_success"] = Json::array();
-  json["default_stream_id"] = preferred ? preferred->token : "";
-  json["effect_profile"] = attributes.any("effect_profile", "");
-  json["effect_profile_id"] = attributes.string("effect_profile_id");
-  json["video_profile_transcoding"] = attributes.string("video_profile_transcoding");
-  json["video_type"] = hasFile ? std::string(mediaFileName(kind)).substr(6) : "";
-  json["video_sub_type"] = "";
-  json["image_size"] = stream.coverSize > 0       ? stream.coverSize
-                       : kind == MediaKind::Image ? stream.fileSize
-                                                  : 0;
-  json["audio_size"] = kind == MediaKind::Audio ? stream.fileSize : 0;
-  json["video_size"] = kind == MediaKind::Video ? stream.fileSize : 0;
-  json["video_width"] = stream.width;
-  json["video_height"] = stream.height;
-  json["duration"] = stream.duration;
-  json["has_video"] = text(kind != MediaKind::Image && stream.hasVideo);
-  json["has_image"] = text(stream.coverSize > 0 || (kind == MediaKind::Image && hasFile));
-  json["has_audio"] = text(stream.hasAudio);
-  json["video_has_audio"] = text(stream.hasVideo && stream.hasAudio);
-  json["nsfw"] = Json::object();
-  json["submission_date"] = stream.submissionDate;
-  json["subtitles"] = Json::array();
-  json["type"] = mediaKindName(kind);
-  json["created"] = stream.created;
-  json["owned"] = "true";
-  json["creation_type_string"] = streamOriginName(stream.origin);
-  json["streamable_string"] = streamable ? "streamable" : "not_streamable";
-  json["state_string"] = streamStateName(stream.state);
-  json["video_token"] = view.media.token;
-  json["parent_stream"] = "";
-  if (!stream.probeError.empty()) json["probe_error"] = stream.probeError;
-  return json;
+  StreamModel model;
+  model._volatile = attributes.flag("volatile");
+  model.token = stream.token;
+  model.key = MediaLibrary::objectKey(view.media.application, kind, view.media.token, stream.token);
+  model.creationType = static_cast<int32_t>(stream.origin);
+  model.state = static_cast<int32_t>(stream.state);
+  model.streamable = streamable ? 1 : 0;
+  model.videoAnalysis = Json::object();
+  model.audioTranscription = Json::object();
+  model.audioKeywords = Json::array();
+  model.pushServicesSuccess = Json::array();
+  model.defaultStreamId = preferred ? preferred->token : "";
+  model.effectProfile = attributes.text("effect_profile");
+  model.effectProfileId = attributes.string("effect_profile_id");
+  model.videoProfileTranscoding = attributes.string("video_profile_transcoding");
+  model.videoType = hasFile ? std::string(mediaFileName(kind)).substr(6) : "";
+  model.imageSize = static_cast<int32_t>(stream.coverSize > 0       ? stream.coverSize
+                                         : kind == MediaKind::Image ? stream.fileSize
+                                                                    : 0);
+  model.audioSize = static_cast<int32_t>(kind == MediaKind::Audio ? stream.fileSize : 0);
+  model.videoSize = static_cast<int32_t>(kind == MediaKind::Video ? stream.fileSize : 0);
+  model.videoWidth = stream.width;
+  model.videoHeight = stream.height;
+  model.duration = stream.duration;
+  model.hasVideo = kind != MediaKind::Image && stream.hasVideo;
+  model.hasImage = stream.coverSize > 0 || (kind == MediaKind::Image && hasFile);
+  model.hasAudio = stream.hasAudio;
+  model.videoHasAudio = stream.hasVideo && stream.hasAudio;
+  model.nsfw = Json::object();
+  model.submissionDate = static_cast<int32_t>(stream.submissionDate);
+  model.subtitles = Json::array();
+  model.type = mediaKindName(kind);
+  model.created = static_cast<int32_t>(stream.created);
+  model.owned = true;
+  model.creationTypeString = streamOriginName(stream.origin);
+  model.streamableString = streamable ? "streamable" : "not_streamable";
+  model.stateString = streamStateName(stream.state);
+  model.videoToken = view.media.token;
+  return model;
 }
 
 Json MediaJson::video(const MediaView& view) const {
   const MediaRecord& media = view.media;
   Attributes attributes{media.attributes};
   Summary summary = summarize(view);
-  Json streams = Json::array();
-  for (const auto& stream : view.streams) streams.push_back(this->stream(view, stream));
-  // The original and default streams are among those just built: copied, not built again.
-  auto builtFor = [&](const StreamRecord* record) {
-    return record ? streams[static_cast<size_t>(record - view.streams.data())] : Json::object();
-  };
-  Json original = builtFor(view.originalStream());
-  Json preferred = builtFor(view.defaultStream());
-
-  Json json;
-  json["volatile"] = text(attributes.flag("volatile"));
-  json["token"] = media.token;
-  json["key"] = attributes.string("key");
-  json["state"] = summary.state;
-  json["only_audio"] = text(attributes.flag("only_audio"));
-  json["title"] = attributes.string("title");
-  json["description"] = attributes.string("description");
-  json["max_duration"] = attributes.number("max_duration");
-  json["enforce_duration"] = text(attributes.flag("enforce_duration"));
-  json["video_source"] = attributes.string("video_source");
-  json["duration"] = summary.duration;
-  json["tags"] = attributes.tags();
-  json["data"] = attributes.any("data", "");
-  json["device_info"] = attributes.any("device_info", Json::object());
-  json["submission_date"] = summary.submissionDate;
-  json["expiration_days"] = attributes.any("expiration_days", 0);
-  json["resubmission_date"] = 0;
-  json["stream_submission_date"] = summary.submissionDate;
-  json["user_language"] = text(attributes.flag("user_language"));
-  json["delete_old_streams"] = text(attributes.flag("delete_old_streams"));
-  json["auto_crop"] = text(attributes.flag("auto_crop"));
-  json["auto_pad"] = text(attributes.flag("auto_pad"));
-  json["hd"] = text(summary.height >= 720);
-  json["average_rating"] = 0;
-  json["submitted"] = text(summary.submitted);
-  json["approved"] = "true";
-  json["moderation_reason"] = "";
-  json["effect_profile"] = attributes.any("effect_profile", "");
-  json["default_image_selector"] = attributes.number("default_image_selector");
-  json["video_file_name"] = "video.mp4";
-  json["type"] = "video";
-  json["created"] = media.created;
-  json["owned"] = "true";
-  json["video_profile"] = attributes.string("video_profile");
-  json["meta_profile"] = attributes.string("meta_profile");
-  json["meta_profile_id"] = attributes.string("meta_profile_id");
-  json["state_string"] = summary.stateString;
-  json["streams"] = std::move(streams);
-  json["original_stream"] = std::move(original);
-  json["default_stream"] = std::move(preferred);
-  json["embed_image_url"] = coverUrl(media);
-  json["embed_video_url"] = mediaUrl(media);
-  return json;
+  Video video;
+  video._volatile = attributes.flag("volatile");
+  video.token = media.token;
+  video.key = attributes.string("key");
+  video.state = summary.state;
+  video.onlyAudio = attributes.flag("only_audio");
+  video.title = attributes.string("title");
+  video._description = attributes.string("description");
+  video.maxDuration = attributes.number("max_duration");
+  video.enforceDuration = attributes.flag("enforce_duration");
+  video.videoSource = attributes.string("video_source");
+  video.duration = summary.duration;
+  video.tags = attributes.tags();
+  video.data = attributes.any("data", "");
+  video.deviceInfo = attributes.deviceInfo();
+  video.submissionDate = summary.submissionDate;
+  video.expirationDays = attributes.any("expiration_days", 0);
+  video.streamSubmissionDate = static_cast<int32_t>(summary.submissionDate);
+  video.userLanguage = attributes.flag("user_language");
+  video.deleteOldStreams = attributes.flag("delete_old_streams");
+  video.autoCrop = attributes.flag("auto_crop");
+  video.autoPad = attributes.flag("auto_pad");
+  video.hd = summary.height >= 720;
+  video.averageRating = 0;
+  video.submitted = summary.submitted;
+  video.approved = true;
+  video.effectProfile = attributes.any("effect_profile", "");
+  video.defaultImageSelector = attributes.number("default_image_selector");
+  video.videoFileName = "video.mp4";
+  video.type = "video";
+  video.created = static_cast<int32_t>(media.created);
+  video.owned = true;
+  video.videoProfile = attributes.string("video_profile");
+  video.metaProfile = attributes.string("meta_profile");
+  video.metaProfileId = attributes.string("meta_profile_id");
+  video.stateString = summary.stateString;
+  video.streams = Json::array();
+  for (const auto& stream : view.streams) video.streams->push_back(this->stream(view, stream));
+  if (const StreamRecord* original = view.originalStream()) {
+    video.originalStream = streamModel(view, *original);
+  }
+  if (const StreamRecord* preferred = view.defaultStream()) {
+    video.defaultStream = streamModel(view, *preferred);
+  }
+  video.embedImageUrl = coverUrl(media);
+  video.embedVideoUrl = mediaUrl(media);
+  return videoFields().write(video, BooleanForm::kText);
 }
 
 Json MediaJson::audio(const MediaView& view) const {
@@ -206,46 +215,43 @@ Json MediaJson::audio(const MediaView& view) const {
   Summary summary = summarize(view);
   const StreamRecord* original = view.originalStream();
   const StreamRecord* preferred = view.defaultStream();
-  Json json;
-  json["_id"] = media.token;
-  json["created"] = formatIso8601(media.created);
-  json["updated"] = formatIso8601(media.updated);
-  json["application_id"] = media.application;
-  json["state"] = summary.state;
-  json["min_duration"] = attributes.number("min_duration");
-  json["max_duration"] = attributes.string("max_duration");
-  json["enforce_duration"] = text(attributes.flag("enforce_duration"));
-  json["original_stream_id"] = original ? original->token : "";
-  json["default_stream_id"] = preferred ? preferred->token : "";
-  json["tags"] = attributes.tags();
-  json["data"] = attributes.string("data");
-  json["device_info"] = attributes.any("device_info", Json::object());
-  json["submission_date"] = summary.submissionDate;
-  json["expiration_days"] = attributes.any("expiration_days", "");
-  json["resubmission_date"] = attributes.string("resubmission_date");
-  json["stream_submission_date"] = summary.submissionDate;
-  json["user_language"] = text(attributes.flag("user_language"));
-  json["delete_old_streams"] = text(attributes.flag("delete_old_streams"));
-  json["auto_crop"] = text(attributes.flag("auto_crop"));
-  json["creation_auth_session_id"] = media.creationSession;
-  json["average_rating"] = 0;
-  json["ratings"] = "";
-  json["comments"] = Json::array();
-  json["submitted"] = text(summary.submitted);
-  json["approved"] = "true";
-  json["moderation_reason"] = "";
-  json["audio_profile_id"] = attributes.string("audio_profile_id");
-  json["meta_profile_id"] = attributes.string("meta_profile_id");
-  json["volatile"] = text(attributes.flag("volatile"));
-  json["default_stream"] = preferred ? stream(view, *preferred) : Json::object();
-  json["original_stream"] = original ? stream(view, *original) : Json::object();
-  json["token"] = media.token;
-  json["key"] = attributes.string("key");
-  json["title"] = attributes.string("title");
-  json["description"] = attributes.string("description");
-  json["duration"] = summary.duration;
-  json["state_string"] = summary.stateString;
-  return json;
+  Audio audio;
+  audio._id = media.token;
+  audio.created = formatIso8601(media.created);
+  audio.updated = formatIso8601(media.updated);
+  audio.applicationId = media.application;
+  audio.state = summary.state;
+  audio.minDuration = attributes.number("min_duration");
+  audio.maxDuration = attributes.text("max_duration");
+  audio.enforceDuration = attributes.flag("enforce_duration");
+  audio.originalStreamId = original ? original->token : "";
+  audio.defaultStreamId = preferred ? preferred->token : "";
+  audio.tags = attributes.tags();
+  audio.data = attributes.text("data");
+  audio.deviceInfo = attributes.deviceInfo();
+  audio.submissionDate = summary.submissionDate;
+  audio.expirationDays = attributes.text("expiration_days");
+  audio.resubmissionDate = attributes.text("resubmission_date");
+  audio.streamSubmissionDate = summary.submissionDate;
+  audio.userLanguage = attributes.flag("user_language");
+  audio.deleteOldStreams = attributes.flag("delete_old_streams");
+  audio.autoCrop = attributes.flag("auto_crop");
+  audio.creationAuthSessionId = media.creationSession;
+  audio.comments = Json::array();
+  audio.submitted = summary.submitted;
+  audio.approved = "true";
+  audio.audioProfileId = attributes.string("audio_profile_id");
+  audio.metaProfileId = attributes.string("meta_profile_id");
+  audio._volatile = attributes.flag("volatile");
+  audio.defaultStream = preferred ? stream(view, *preferred) : Json::object();
+  if (original) audio.originalStream = streamModel(view, *original);
+  audio.token = media.token;
+  audio.key = attributes.string("key");
+  audio.title = attributes.string("title");
+  audio._description = attributes.string("description");
+  audio.duration = summary.duration;
+  audio.stateString = summary.stateString;
+  return audioFields().write(audio, BooleanForm::kText);
 }
 
 Json MediaJson::image(const MediaView& view) const {
@@ -254,46 +260,43 @@ Json MediaJson::image(const MediaView& view) const {
   Summary summary = summarize(view);
   const StreamRecord* original = view.originalStream();
   const StreamRecord* preferred = view.defaultStream();
-  Json json;
-  json["_id"] = media.token;
-  json["created"] = formatIso8601(media.created);
-  json["updated"] = formatIso8601(media.updated);
-  json["application_id"] = media.application;
-  json["state"] = summary.state;
-  json["image_source"] = attributes.number("image_source");
-  json["original_stream_id"] = original ? original->token : "";
-  json["default_stream_id"] = preferred ? preferred->token : "";
-  json["tags"] = attributes.tags();
-  json["data"] = attributes.string("data");
-  json["device_info"] = attributes.any("device_info", Json::object());
-  json["submission_date"] = summary.submissionDate;
-  json["expiration_days"] = attributes.any("expiration_days", "");
-  json["resubmission_date"] = attributes.string("resubmission_date");
-  json["stream_submission_date"] = std::to_string(summary.submissionDate);
-  json["user_language"] = text(attributes.flag("user_language"));
-  json["delete_old_streams"] = text(attributes.flag("delete_old_streams"));
-  json["auto_crop"] = text(attributes.flag("auto_crop"));
-  json["auto_pad"] = text(attributes.flag("auto_pad"));
-  json["hd"] = text(attributes.flag("hd") || summary.height >= 720);
-  json["creation_auth_session_id"] = media.creationSession;
-  json["average_rating"] = 0;
-  json["ratings"] = "";
-  json["comments"] = Json::array();
-  json["submitted"] = text(summary.submitted);
-  json["approved"] = "true";
-  json["moderation_reason"] = "";
-  json["facebook_likes"] = 0;
-  json["facebook_shares"] = 0;
-  json["image_file_name"] = attributes.string("image_file_name", "image.jpg");
+  Image image;
+  image._id = media.token;
+  image.created = formatIso8601(media.created);
+  image.updated = formatIso8601(media.updated);
+  image.applicationId = media.application;
+  image.state = summary.state;
+  image.imageSource = attributes.number("image_source");
+  image.originalStreamId = original ? original->token : "";
+  image.defaultStreamId = preferred ? preferred->token : "";
+  image.tags = attributes.tags();
+  image.data = attributes.text("data");
+  image.deviceInfo = attributes.deviceInfo();
+  image.submissionDate = summary.submissionDate;
+  image.expirationDays = attributes.text("expiration_days");
+  image.resubmissionDate = attributes.text("resubmission_date");
+  image.streamSubmissionDate = std::to_string(summary.submissionDate);
+  image.userLanguage = text(attributes.flag("user_language"));
+  image.deleteOldStreams = text(attributes.flag("delete_old_streams"));
+  image.autoCrop = text(attributes.flag("auto_crop"));
+  image.autoPad = attributes.flag("auto_pad");
+  image.hd = attributes.flag("hd") || summary.height >= 720;
+  image.creationAuthSessionId = media.creationSession;
+  image.comments = Json::array();
+  image.submitted = text(summary.submitted);
+  image.approved = "true";
+  image.imageFileName = attributes.string("image_file_name", "image.jpg");
+  image.token = media.token;
+  image.key = attributes.string("key");
+  image.title = attributes.string("title");
+  image._description = attributes.string("description");
+  image.duration = summary.duration;
+  image.stateString = summary.stateString;
+  Json json = imageFields().write(image, BooleanForm::kText);
+  // Beyond the model, as for audios: the volatile flag and the two streams.
   json["volatile"] = text(attributes.flag("volatile"));
   json["default_stream"] = preferred ? stream(view, *preferred) : Json::object();
   json["original_stream"] = original ? stream(view, *original) : Json::object();
-  json["token"] = media.token;
-  json["key"] = attributes.string("key");
-  json["title"] = attributes.string("title");
-  json["description"] = attributes.string("description");
-  json["duration"] = summary.duration;
-  json["state_string"] = summary.stateString;
   return json;
 }
 

@@ -1,5 +1,6 @@
-// Renders media and streams as the SDK's models read them: every key of Video, Audio, Image and
-// StreamModel, with the types those models declare.
+// Renders media and streams as the SDK's models read them: each is filled into the api model of
+// its kind (Video, Audio, Image, StreamModel) and written through that model's field list, so
+// the keys, their types and their order are the model's.
 //
 // Booleans go out as the texts "true" and "false": the SDK reads a boolean as true only when its
 // text is exactly "true", and a JSON true prints as "1" on its side.
@@ -10,6 +11,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "nembra/stream_model.h"
 #include "service/media_view.h"
 
 namespace nembra {
@@ -44,6 +46,8 @@ class MediaJson {
   const PublicUrls& urls() const { return urls_; }
 
  private:
+  StreamModel streamModel(const MediaView& view, const StreamRecord& stream) const;
+
   const PublicUrls urls_;
 };
 

@@ -2,12 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
+#include "api/model_field_lists.h"
 
 namespace nembra {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 MediaView sampleView(MediaKind kind) {
   MediaView view;
@@ -35,8 +33,10 @@ MediaView sampleView(MediaKind kind) {
   return view;
 }
 
-void expectKeys(const Json& json, const std::vector<const char*>& keys) {
-  for (const char* key : keys) EXPECT_TRUE(json.contains(key)) << "missing \"" << key << "\"";
+// Every key the api model lists is there: the SDK reads nothing the service leaves out.
+template <typename Model>
+void expectModelKeys(const Json& json, const ModelFields<Model>& fields) {
+  for (const char* key : fields.keys()) EXPECT_TRUE(json.contains(key)) << "missing " << key;
 }
 
 // The SDK reads a boolean as true only from the text "true": none may go out as a JSON boolean.
@@ -49,157 +49,74 @@ void expectNoJsonBooleans(const Json& json, const std::string& where) {
 
 const PublicUrls kUrls = PublicUrls::fromBase("http://h:1", "http://h:2/storage/b", "");
 
-TEST(MediaJsonTest, VideoFillsEveryKeyOfTheModel) {
-  Json json = MediaJson(kUrls).video(sampleView(MediaKind::Video));
-  expectKeys(json, {"volatile",
-                    "token",
-                    "key",
-                    "state",
-                    "only_audio",
-                    "title",
-                    "description",
-                    "max_duration",
-                    "enforce_duration",
-                    "video_source",
-                    "duration",
-                    "tags",
-                    "data",
-                    "device_info",
-                    "submission_date",
-                    "expiration_days",
-                    "resubmission_date",
-                    "stream_submission_date",
-                    "user_language",
-                    "delete_old_streams",
-                    "auto_crop",
-                    "auto_pad",
-                    "hd",
-                    "average_rating",
-                    "submitted",
-                    "approved",
-                    "moderation_reason",
-                    "effect_profile",
-                    "default_image_selector",
-                    "video_file_name",
-                    "type",
-                    "created",
-                    "owned",
-                    "video_profile",
-                    "meta_profile",
-                    "meta_profile_id",
-                    "state_string",
-                    "streams",
-                    "original_stream",
-                    "default_stream",
-                    "embed_image_url",
-                    "embed_video_url"});
-  expectNoJsonBooleans(json, "video");
-  EXPECT_EQ(json["enforce_duration"], "true");
-  EXPECT_EQ(json["hd"], "true");
-  EXPECT_EQ(json["state_string"], "ready");  // the default stream's, not the newest's
-  EXPECT_EQ(json["default_stream"]["token"], "s1");
-  EXPECT_EQ(json["streams"].size(), 2u);
-  EXPECT_EQ(json["embed_video_url"], "http://h:1/cdn/v1/applications/app/videos/m1/video.mp4");
-  EXPECT_EQ(json["embed_image_url"], "http://h:1/cdn/v1/applications/app/videos/m1/image");
-}
-
-TEST(MediaJsonTest, StreamFillsEveryKeyOfTheModel) {
+TEST(MediaJsonTest, VideoReadsBackIntoTheSdkModel) {
   MediaView view = sampleView(MediaKind::Video);
-  Json json = MediaJson(kUrls).stream(view, view.streams[0]);
-  expectKeys(json, {"volatile",
-                    "token",
-                    "key",
-                    "creation_type",
-                    "state",
-                    "streamable",
-                    "video_analysis",
-                    "audio_transcription",
-                    "audio_keywords",
-                    "push_services_success",
-                    "default_stream_id",
-                    "effect_profile",
-                    "effect_profile_id",
-                    "video_profile_transcoding",
-                    "video_type",
-                    "video_sub_type",
-                    "image_size",
-                    "audio_size",
-                    "video_size",
-                    "video_width",
-                    "video_height",
-                    "duration",
-                    "has_video",
-                    "has_image",
-                    "has_audio",
-                    "video_has_audio",
-                    "nsfw",
-                    "submission_date",
-                    "subtitles",
-                    "type",
-                    "created",
-                    "owned",
-                    "creation_type_string",
-                    "streamable_string",
-                    "state_string",
-                    "video_token",
-                    "parent_stream"});
-  expectNoJsonBooleans(json, "stream");
-  EXPECT_EQ(json["video_width"], 1280);
-  EXPECT_EQ(json["has_image"], "true");
-  EXPECT_EQ(json["streamable"], 1);
-  EXPECT_EQ(json["key"], "applications/app/videos/m1/streams/s1/video.mp4");
+  view.media.attributes["device_info"] = {{"os", "Android"}, {"deviceName", 7}};
+  Json json = MediaJson(kUrls).video(view);
+  expectModelKeys(json, videoFields());
+  expectNoJsonBooleans(json, "video");
+
+  Video video = Video::initWithJson(json);
+  EXPECT_EQ(video.title, "T");
+  EXPECT_TRUE(video.enforceDuration);
+  EXPECT_TRUE(video.hd);
+  EXPECT_TRUE(video.submitted);
+  EXPECT_FALSE(video.autoPad);
+  EXPECT_EQ(video.stateString, "ready");  // the default stream's, not the newest's
+  EXPECT_EQ(video.defaultStream.token, "s1");
+  EXPECT_EQ(video.defaultStream.videoWidth, 1280);
+  EXPECT_TRUE(video.defaultStream.hasAudio);
+  ASSERT_TRUE(video.streams && video.streams->size() == 2u);
+  EXPECT_EQ((*video.streams)[1]["token"], "s2");
+  // The client's device, never the service's own machine.
+  EXPECT_EQ(video.deviceInfo.os, "Android");
+  EXPECT_EQ(video.deviceInfo.deviceName, "7");
+  EXPECT_EQ(video.deviceInfo.systemVersion, "");
+  EXPECT_EQ(video.embedVideoUrl, "http://h:1/cdn/v1/applications/app/videos/m1/video.mp4");
+  EXPECT_EQ(video.embedImageUrl, "http://h:1/cdn/v1/applications/app/videos/m1/image");
 }
 
-TEST(MediaJsonTest, AudioAndImageFillTheirModelsWithTheirOwnTypes) {
+TEST(MediaJsonTest, StreamReadsBackIntoTheSdkModel) {
+  MediaView view = sampleView(MediaKind::Video);
+  view.streams[1].probeError = "moov atom not found";
   MediaJson renderer(kUrls);
-  Json audio = renderer.audio(sampleView(MediaKind::Audio));
-  expectKeys(audio, {"_id",
-                     "created",
-                     "updated",
-                     "application_id",
-                     "state",
-                     "min_duration",
-                     "max_duration",
-                     "enforce_duration",
-                     "original_stream_id",
-                     "default_stream_id",
-                     "tags",
-                     "data",
-                     "device_info",
-                     "submission_date",
-                     "expiration_days",
-                     "resubmission_date",
-                     "stream_submission_date",
-                     "user_language",
-                     "delete_old_streams",
-                     "auto_crop",
-                     "creation_auth_session_id",
-                     "average_rating",
-                     "ratings",
-                     "comments",
-                     "submitted",
-                     "approved",
-                     "moderation_reason",
-                     "audio_profile_id",
-                     "meta_profile_id",
-                     "volatile",
-                     "default_stream",
-                     "original_stream",
-                     "token",
-                     "key",
-                     "title",
-                     "description",
-                     "duration",
-                     "state_string"});
-  expectNoJsonBooleans(audio, "audio");
-  EXPECT_TRUE(audio["max_duration"].is_string());
-  EXPECT_EQ(audio["created"], "2024-05-01T12:00:00.000Z");
+  Json json = renderer.stream(view, view.streams[0]);
+  expectModelKeys(json, streamModelFields());
+  expectNoJsonBooleans(json, "stream");
+  EXPECT_FALSE(json.contains("probe_error"));
+  StreamModel stream = StreamModel::initWithJson(json);
+  EXPECT_EQ(stream.videoWidth, 1280);
+  EXPECT_TRUE(stream.hasImage);
+  EXPECT_TRUE(stream.videoHasAudio);
+  EXPECT_EQ(stream.streamable, 1);
+  EXPECT_EQ(stream.defaultStreamId, "s1");
+  EXPECT_EQ(stream.key, "applications/app/videos/m1/streams/s1/video.mp4");
+  EXPECT_EQ(renderer.stream(view, view.streams[1])["probe_error"], "moov atom not found");
+}
 
-  Json image = renderer.image(sampleView(MediaKind::Image));
-  expectKeys(image, {"_id", "image_source", "facebook_likes", "facebook_shares", "image_file_name",
-                     "auto_pad", "hd", "stream_submission_date"});
-  expectNoJsonBooleans(image, "image");
-  EXPECT_TRUE(image["stream_submission_date"].is_string());
+TEST(MediaJsonTest, AudioAndImageReadBackWithTheirOwnTypes) {
+  MediaJson renderer(kUrls);
+  MediaView audioView = sampleView(MediaKind::Audio);
+  audioView.media.attributes["max_duration"] = 30;
+  Json audioJson = renderer.audio(audioView);
+  expectModelKeys(audioJson, audioFields());
+  expectNoJsonBooleans(audioJson, "audio");
+  Audio audio = Audio::initWithJson(audioJson);
+  EXPECT_EQ(audio.maxDuration, "30");
+  EXPECT_EQ(audio.created, "2024-05-01T12:00:00.000Z");
+  EXPECT_TRUE(audio.enforceDuration);
+  EXPECT_EQ(audio.originalStream.token, "s1");
+  EXPECT_EQ(audio.defaultStreamId, "s1");
+
+  Json imageJson = renderer.image(sampleView(MediaKind::Image));
+  expectModelKeys(imageJson, imageFields());
+  expectNoJsonBooleans(imageJson, "image");
+  Image image = Image::initWithJson(imageJson);
+  EXPECT_EQ(image.streamSubmissionDate, "0");
+  EXPECT_EQ(image.submitted, "true");
+  EXPECT_TRUE(image.hd);
+  EXPECT_EQ(image.imageFileName, "image.jpg");
+  EXPECT_EQ(imageJson["default_stream"]["token"], "s1");
   EXPECT_EQ(renderer.mediaUrl(sampleView(MediaKind::Image).media),
             "http://h:1/files/v1/applications/app/images/m1/image.jpg");
 }

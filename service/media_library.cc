@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "service/http_time.h"
+#include "platform/http/http_time.h"
 #include "service/media_attributes.h"
 #include "service/token_rules.h"
 

@@ -8,7 +8,7 @@
 #include <fstream>
 #include <thread>
 
-#include "service/http_time.h"
+#include "platform/http/http_time.h"
 
 namespace nembra {
 namespace {

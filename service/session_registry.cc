@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "service/http_time.h"
+#include "platform/http/http_time.h"
 #include "service/sigv4_signing.h"
 #include "service/token_rules.h"
 

@@ -1,9 +1,8 @@
 // The pieces of AWS Signature Version 4 that browser-style POST uploads use: the derived signing
-// key, HMAC-SHA256, hex and base64. The storage endpoint signs its forms with them and checks
+// key, HMAC-SHA256 and hex. The storage endpoint signs its forms with them and checks
 // posted forms with the same chain, so any S3-compatible client works against it.
 #pragma once
 
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -29,11 +28,6 @@ std::string sigv4SigningKey(const std::string& secret, const std::string& date,
 // The hex signature of a base64 policy document.
 std::string sigv4PolicySignature(const StorageCredentials& credentials, const std::string& date,
                                  std::string_view base64Policy);
-
-std::string base64Encode(std::string_view bytes);
-// Strict: standard alphabet, '=' padding only at the end, length a multiple of 4; surrounding
-// whitespace is not accepted.
-std::optional<std::string> base64Decode(std::string_view text);
 
 bool constantTimeEquals(std::string_view a, std::string_view b);
 

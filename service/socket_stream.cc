@@ -1,31 +1,14 @@
 #include "service/socket_stream.h"
 
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 namespace nembra {
 
-SocketStream::SocketStream(int fd) : fd_(fd) {}
+SocketStream::SocketStream(std::unique_ptr<TcpSocket> socket) : socket_(std::move(socket)) {}
 
-SocketStream::~SocketStream() { ::close(fd_); }
-
-bool SocketStream::setTimeout(int option, std::chrono::milliseconds timeout) {
-  // A zero timeout would mean none at all.
-  timeout = std::max(timeout, std::chrono::milliseconds(1));
-  auto& current = option == SO_RCVTIMEO ? receiveTimeout_ : sendTimeout_;
-  if (current == timeout) return true;
-  timeval value{};
-  value.tv_sec = static_cast<time_t>(timeout.count() / 1000);
-  value.tv_usec = static_cast<suseconds_t>(timeout.count() % 1000 * 1000);
-  if (::setsockopt(fd_, SOL_SOCKET, option, &value, sizeof(value)) != 0) return false;
-  current = timeout;
-  return true;
-}
+SocketStream::~SocketStream() { socket_->close(); }
 
 SocketStream::Read SocketStream::fill(std::chrono::milliseconds timeout, size_t most) {
   // Allocated on first use: an idle connection costs no buffer.
@@ -38,20 +21,26 @@ SocketStream::Read SocketStream::fill(std::chrono::milliseconds timeout, size_t 
     end_ -= begin_;
     begin_ = 0;
   }
-  // A socket timeout, not a poll() before each read: one system call per block.
-  if (!setTimeout(SO_RCVTIMEO, timeout)) return Read::Failed;
-  size_t room = std::min(kBufferBytes - end_, std::max<size_t>(most, 1));
-  for (;;) {
-    ssize_t received = ::recv(fd_, buffer_.get() + end_, room, 0);
-    if (received > 0) {
-      end_ += static_cast<size_t>(received);
-      return Read::Data;
-    }
-    if (received == 0) return Read::Closed;
-    if (errno == EINTR) continue;
-    if (errno == EAGAIN || errno == EWOULDBLOCK) return Read::TimedOut;
-    return Read::Failed;
+  // A socket timeout, not a poll() before each read: one system call per block. Set only when
+  // it changes, which it rarely does on one connection.
+  timeout = std::max(timeout, std::chrono::milliseconds(1));
+  if (timeout != receiveTimeout_) {
+    if (!socket_->setReceiveTimeout(timeout)) return Read::Failed;
+    receiveTimeout_ = timeout;
   }
+  size_t room = std::min(kBufferBytes - end_, std::max<size_t>(most, 1));
+  TcpIoResult received =
+      socket_->receiveSome({reinterpret_cast<uint8_t*>(buffer_.get()) + end_, room});
+  switch (received.status) {
+    case TcpIoStatus::Ok:
+      end_ += received.bytes;
+      return Read::Data;
+    case TcpIoStatus::Closed:
+      return Read::Closed;
+    case TcpIoStatus::Failed:
+      break;
+  }
+  return received.error == EAGAIN || received.error == EWOULDBLOCK ? Read::TimedOut : Read::Failed;
 }
 
 void SocketStream::consume(size_t bytes) {
@@ -60,20 +49,18 @@ void SocketStream::consume(size_t bytes) {
 }
 
 bool SocketStream::send(std::string_view bytes, std::chrono::milliseconds timeout) {
-  if (!setTimeout(SO_SNDTIMEO, timeout)) return false;
-  while (!bytes.empty()) {
-    ssize_t sent = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    if (sent < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    bytes.remove_prefix(static_cast<size_t>(sent));
+  timeout = std::max(timeout, std::chrono::milliseconds(1));
+  if (timeout != sendTimeout_) {
+    if (!socket_->setSendTimeout(timeout)) return false;
+    sendTimeout_ = timeout;
   }
-  return true;
+  const std::span<const uint8_t> buffers[] = {
+      {reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}};
+  return socket_->sendAll(buffers).status == TcpIoStatus::Ok;
 }
 
 void SocketStream::lingeringClose(size_t drainBytes, std::chrono::milliseconds timeout) {
-  ::shutdown(fd_, SHUT_WR);
+  socket_->shutdownSending();
   auto deadline = std::chrono::steady_clock::now() + timeout;
   size_t drained = 0;
   while (drained < drainBytes) {
@@ -87,6 +74,6 @@ void SocketStream::lingeringClose(size_t drainBytes, std::chrono::milliseconds t
   consume(end_ - begin_);
 }
 
-void SocketStream::shutdown() { ::shutdown(fd_, SHUT_RDWR); }
+void SocketStream::shutdown() { socket_->shutdown(); }
 
 }  // namespace nembra

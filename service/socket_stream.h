@@ -1,6 +1,7 @@
 // One accepted TCP connection with its receive buffer: reads land in a large buffer (so a body
 // arrives in blocks of up to kBufferBytes per system call), the parsers work on the buffered
-// bytes in place, and what they leave stays for the next request on the connection.
+// bytes in place, and what they leave stays for the next request on the connection. The socket
+// is platform's; this loop only decides how much to read and how long to wait.
 //
 // Threading: owned and used by the thread serving the connection; shutdown() may be called from
 // any thread to end a read or write in progress.
@@ -10,6 +11,8 @@
 #include <cstddef>
 #include <memory>
 #include <string_view>
+
+#include "platform/net/tcp_socket.h"
 
 namespace nembra {
 
@@ -25,8 +28,7 @@ class SocketStream {
 
   static constexpr size_t kBufferBytes = 1 << 20;
 
-  // Takes ownership of the connected socket |fd|.
-  explicit SocketStream(int fd);
+  explicit SocketStream(std::unique_ptr<TcpSocket> socket);
   // Closes the socket.
   ~SocketStream();
   SocketStream(const SocketStream&) = delete;
@@ -50,9 +52,7 @@ class SocketStream {
   void shutdown();
 
  private:
-  bool setTimeout(int option, std::chrono::milliseconds timeout);
-
-  const int fd_;
+  const std::unique_ptr<TcpSocket> socket_;
   std::unique_ptr<char[]> buffer_;
   size_t begin_ = 0;
   size_t end_ = 0;

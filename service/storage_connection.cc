@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "platform/http/http_time.h"
 #include "service/http_body_reader.h"
-#include "service/http_time.h"
 #include "service/rest_request.h"
 #include "service/service_reply.h"
 

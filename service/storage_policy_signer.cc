@@ -1,6 +1,7 @@
 #include "service/storage_policy_signer.h"
 
-#include "service/http_time.h"
+#include "platform/http/base64.h"
+#include "platform/http/http_time.h"
 #include "service/token_rules.h"
 
 namespace nembra {

@@ -5,8 +5,9 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "platform/http/base64.h"
+#include "platform/http/http_time.h"
 #include "service/http_text.h"
-#include "service/http_time.h"
 
 namespace nembra {
 namespace {

@@ -25,11 +25,11 @@ void StorageServer::start(std::unique_ptr<TcpListener> listener) {
 
 void StorageServer::acceptLoop() {
   for (;;) {
-    int fd = listener_->accept();
-    if (fd < 0) return;
+    std::unique_ptr<TcpSocket> socket = listener_->accept();
+    if (!socket) return;
     // Shared only because a queued task must be copyable; the serving thread is its one user,
     // and a task the pool drops while stopping closes the socket with it.
-    auto stream = std::make_shared<SocketStream>(fd);
+    auto stream = std::make_shared<SocketStream>(std::move(socket));
     pool_->enqueue([this, stream] { serve(*stream); });
   }
 }

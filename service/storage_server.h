@@ -11,10 +11,10 @@
 #include <set>
 #include <thread>
 
+#include "platform/net/tcp_listener.h"
 #include "service/fault_injection.h"
 #include "service/storage_connection.h"
 #include "service/storage_upload_receiver.h"
-#include "service/tcp_listener.h"
 
 namespace nembra {
 

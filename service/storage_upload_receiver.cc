@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "service/http_time.h"
+#include "platform/http/http_time.h"
 #include "service/multipart_stream_parser.h"
 #include "service/service_reply.h"
 #include "service/upload_spool.h"

@@ -270,7 +270,8 @@ TEST_P(CutUploadTest, ActsOnTheServiceCuttingTheTransfer) {
   writeBytes(file, 200000);
   Sdk sdk(scratch.file("home"), service->baseUrl());
   sdk.nembra().uploadingConfig().setLostConnectionAction(c.action);
-  sdk.nembra().uploadingHandler().setReloadLimit(1);
+  // The second new attempt would come 400 ms after the first: past the checks below.
+  sdk.nembra().uploadingHandler().setReloadDelay(200ms);
   EXPECT_EQ(sdk.upload(VIDEO, file), "");
   ASSERT_TRUE(sdk.pump([&] { return sdk.transferErrors.size() == c.attempts; }));
   sdk.pump([] { return false; }, 300ms);
@@ -278,6 +279,7 @@ TEST_P(CutUploadTest, ActsOnTheServiceCuttingTheTransfer) {
   EXPECT_EQ(sdk.transferErrors.back().substr(0, 3), std::to_string(c.action));
   EXPECT_TRUE(sdk.verified.empty());
   EXPECT_EQ(fs::exists(file), c.fileKept);
+  sdk.nembra().uploadingConfig().setShouldTurnOffUploader(true);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -401,6 +403,16 @@ TEST(MediaCommandsTest, UploadListDownloadAndCacheFromTheCommandLine) {
     argv.insert(argv.end(), args.begin(), args.end());
     return runCommand(argv, 120s);
   };
+
+  // An application with nothing yet lists nothing, successfully; a missing video is the
+  // service's 404, read from the answer's status.
+  auto none = cli({"videos", "list", "--json"});
+  EXPECT_EQ(none.exitCode, 0) << none.output;
+  EXPECT_NE(none.output.find("[]"), std::string::npos) << none.output;
+  auto absent = cli({"videos", "get", "nosuchvideo"});
+  EXPECT_EQ(absent.exitCode, 1);
+  EXPECT_NE(absent.output.find("the get request answered HTTP 404"), std::string::npos)
+      << absent.output;
 
   auto uploaded = cli({"upload", video, image, "--extra", "title=from cli"});
   ASSERT_EQ(uploaded.exitCode, 0) << uploaded.output;

@@ -31,10 +31,13 @@ class NembraVideos;
 class NembraAudios;
 class NembraImages;
 class FileInfoData;
+class RemoteImageLoader;
+class ScreenPresenter;
 
 class Nembra {
  public:
-  // init: empty token, default configuration objects, debug logs off.
+  // init: empty token, default configuration objects, the process-wide aspect ratios
+  // (AspectRatioDefaults), debug logs off.
   explicit Nembra(MainQueue& mainQueue = MainQueue::shared());
   // initWithToken: also reads the "AppGroup" user default.
   explicit Nembra(std::string token, MainQueue& mainQueue = MainQueue::shared());
@@ -71,16 +74,16 @@ class Nembra {
 
   // Uploads the file at |path| with the type its lower-cased extension names: "mp4", "mov",
   // "avi" video; "mp3", "wav", "aac" audio; "png", "jpg", "bmp", "jpeg" image. Any other
-  // extension is handed on with no type, which the upload handler refuses with an error.
+  // extension is handed on with no type (0), whose upload URLs are "": the connection's error
+  // then ends the upload.
   void uploadFromPath(const std::string& path, const Json& data);
-  void uploadFromPath(const std::string& path, const Json& data,
-                      std::function<void(const std::optional<Json>&, const HttpResponse&,
-                                         const OptionalError&)>
-                          callback,
-                      std::function<void(int64_t, int64_t)> progress,
-                      std::function<void(const std::optional<Json>&, const HttpResponse&,
-                                         const OptionalError&)>
-                          confirmCallback);
+  void uploadFromPath(
+      const std::string& path, const Json& data,
+      std::function<void(const std::optional<Json>&, const HttpResponse&, const OptionalError&)>
+          callback,
+      std::function<void(int64_t, int64_t)> progress,
+      std::function<void(const std::optional<Json>&, const HttpResponse&, const OptionalError&)>
+          confirmCallback);
   // The media type uploadFromPath picks for |path|; 0 when the extension names none.
   static int mediaTypeForPath(const std::string& path);
   // Cancels the upload of |path|, deleting the file when |deleteFile| is set.
@@ -90,6 +93,22 @@ class Nembra {
   size_t resumeUnfinishedUploads();
 
   MainQueue& mainQueue() { return mainQueue_; }
+
+  // Screens (api/nembra_screens.h): the host's presenter, held weakly, over which the viewer
+  // and the other screens are presented. Without one, or without an installed screen module,
+  // the show operations log an error and do nothing.
+  void setScreenPresenter(std::weak_ptr<ScreenPresenter> presenter) {
+    screenPresenter_ = std::move(presenter);
+  }
+  std::shared_ptr<ScreenPresenter> screenPresenter() const { return screenPresenter_.lock(); }
+  // Image tokens, turned into URLs with images().getImageUrl, then showImageFromUris.
+  void showImage(const std::string& token);
+  void showImages(const std::vector<std::string>& tokens);
+  // Presents the image viewer over the topmost screen: URLs, file:// URIs or local paths.
+  void showImageFromUri(const std::string& uri);
+  void showImageFromUris(const std::vector<std::string>& uris);
+  // Remote image loading for screens, made on first use; shared with the screens that use it.
+  std::shared_ptr<RemoteImageLoader> imageLoader();
 
   // Delegates are held weakly.
   void setRecorderDelegate(std::weak_ptr<NembraRecorderDelegate> d) { recorderDelegate_ = d; }
@@ -101,13 +120,9 @@ class Nembra {
     return uploadingDelegate_.lock();
   }
   void setPlayerDelegate(std::weak_ptr<NembraPlayerDelegate> d) { playerDelegate_ = d; }
-  std::shared_ptr<NembraPlayerDelegate> getPlayerDelegate() const {
-    return playerDelegate_.lock();
-  }
+  std::shared_ptr<NembraPlayerDelegate> getPlayerDelegate() const { return playerDelegate_.lock(); }
   void setSensorDelegate(std::weak_ptr<NembraSensorDelegate> d) { sensorDelegate_ = d; }
-  std::shared_ptr<NembraSensorDelegate> getSensorDelegate() const {
-    return sensorDelegate_.lock();
-  }
+  std::shared_ptr<NembraSensorDelegate> getSensorDelegate() const { return sensorDelegate_.lock(); }
   // Stores the delegate and at once runs the five hardware checks, in the order below.
   void setHardwarePermissionDelegate(std::weak_ptr<NembraHardwarePermissionDelegate> d);
   std::shared_ptr<NembraHardwarePermissionDelegate> getHardwarePermissionDelegate() const {
@@ -181,9 +196,10 @@ class Nembra {
   std::unique_ptr<NembraVideos> videos_;
   std::unique_ptr<NembraAudios> audios_;
   std::unique_ptr<NembraImages> images_;
+  std::shared_ptr<RemoteImageLoader> imageLoader_;
+  std::weak_ptr<ScreenPresenter> screenPresenter_;
   std::unique_ptr<NembraConnect> connectObj_;
-  // The accessors above may be first called from a request callback's thread (the connection
-  // asks the upload handler for URLs there).
+  // The accessors above may be first called from a request callback's thread.
   std::recursive_mutex lazyMutex_;
 
   std::weak_ptr<NembraRecorderDelegate> recorderDelegate_;

@@ -1,6 +1,9 @@
 // What the audios and images resources share: the upload handler's type-parametrised
 // operations for one media type, with the answers turned into that type's model.
 //
+// Answers reach the callbacks as the connection delivers them: an HTTP error status is an
+// ordinary answer, for the caller to read from the response.
+//
 // Threading: call from the main queue. Model-returning operations (index, get, update) convert
 // the answer and call back on the main queue; destroy calls back on the connection's callback
 // queue; download and create behave as the upload handler's operations.
@@ -14,7 +17,6 @@
 #include "nembra/application.h"
 #include "nembra/json.h"
 #include "nembra/nembra_uploading_handler.h"
-#include "nembra/reply_status.h"
 
 namespace nembra {
 
@@ -34,19 +36,17 @@ class MediaEndpoint {
   explicit MediaEndpoint(Nembra& application) : application_(application) {}
   virtual ~MediaEndpoint() = default;
 
-  // One model per element of the answer, in order. An answer that is not a JSON array gives no
-  // models, with the answer's error (an HTTP error status, or a Parse error when there is none).
+  // One model per element of the answer, in order. An answer that is not a JSON array (an
+  // empty "[]" included, which the connection hands over as no JSON) gives no models, with the
+  // answer's own error.
   TaskHandle index(const Json& data, ModelsCallback callback) {
     return handler().indexWithType(
         Type, data,
         onMain([callback](const std::optional<Json>& json, const HttpResponse& response,
-                          OptionalError error) {
+                          const OptionalError& error) {
           std::vector<Model> models;
-          if (!error) error = ReplyStatus::check("the index request", response, json);
           if (json && json->is_array()) {
             for (const Json& element : *json) models.push_back(Model::initWithJson(element));
-          } else if (!error) {
-            error = Error::parse("the index answer is not a JSON array");
           }
           if (callback) callback(models, response, error);
         }));
@@ -63,17 +63,18 @@ class MediaEndpoint {
         }));
   }
   TaskHandle get(const std::string& token, const Json& data, ModelCallback callback) {
-    return handler().getWithType(Type, token, data, modelOnMain(std::move(callback), "get"));
+    return handler().getWithType(Type, token, data, modelOnMain(std::move(callback)));
   }
   void download(const std::string& token, DownloadCallback callback) {
     handler().downloadWithType(Type, token, std::move(callback));
   }
+  // DELETE "<base>/<token>": the empty stream token names the resource itself.
   TaskHandle destroy(const std::string& token, JsonCallback callback) {
-    return handler().deleteWithType(Type, token, std::nullopt, std::move(callback));
+    return handler().deleteWithType(Type, token, std::string(), std::move(callback));
   }
   TaskHandle update(const std::string& token, const Json& data, ModelCallback callback) {
     return handler().updateWithType(Type, token, std::string(), data,
-                                    modelOnMain(std::move(callback), "update"));
+                                    modelOnMain(std::move(callback)));
   }
   // With the model's own token (an empty one posts to the base followed by a lone "/") and its
   // toDictionary as data.
@@ -103,11 +104,9 @@ class MediaEndpoint {
       main->async([body, json, response, error] { body(json, response, error); });
     };
   }
-  JsonCallback modelOnMain(ModelCallback callback, const char* what) {
-    std::string label = std::string("the ") + what + " request";
-    return onMain([callback, label](const std::optional<Json>& json, const HttpResponse& response,
-                                    OptionalError error) {
-      if (!error) error = ReplyStatus::check(label, response, json);
+  JsonCallback modelOnMain(ModelCallback callback) {
+    return onMain([callback](const std::optional<Json>& json, const HttpResponse& response,
+                             const OptionalError& error) {
       Model model = Model::initWithJson(json && json->is_object() ? *json : Json::object());
       if (callback) callback(model, response, error);
     });

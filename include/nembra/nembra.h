@@ -19,6 +19,7 @@
 #include "nembra/json.h"
 #include "nembra/live_file_publisher.h"
 #include "nembra/main_queue.h"
+#include "nembra/media_callbacks.h"
 #include "nembra/media_fields.h"
 #include "nembra/media_type.h"
 #include "nembra/nembra_audios.h"

@@ -53,7 +53,7 @@ class NembraConnect {
   using DataCallback = std::function<void(const Bytes& data, const HttpResponse& response,
                                           const OptionalError& error)>;
   // The body as UTF-8 text; absent when there is an error. A body that is not valid UTF-8
-  // gives no text and a Parse error.
+  // gives no text and no error.
   using StringCallback =
       std::function<void(const std::optional<std::string>& text, const HttpResponse& response,
                          const OptionalError& error)>;
@@ -125,11 +125,11 @@ class NembraConnect {
   TaskHandle getSession(SessionCallback callback);
 
   // Uploads |file| as the "file" part of a multipart POST to |path| (a path without a scheme
-  // goes under the video collection URL), |data| completed into the query string. The form is
-  // sent as it is laid out, the file's bytes read straight from |file| (its length fixed when
-  // the upload starts; a file that shrinks meanwhile fails the upload): no copy of a large file
-  // is made first. The callback gets no body; |progress| gets (bytes sent, bytes expected).
-  // |identifier| labels the task (its taskDescription).
+  // goes under the video collection URL, MediaUrls::apiUrl), |data| completed into the query
+  // string. The form is sent as it is laid out, the file's bytes read straight from |file| (its
+  // length fixed when the upload starts; a file that shrinks meanwhile fails the upload): no copy
+  // of a large file is made first. The callback gets no body; |progress| gets (bytes sent, bytes
+  // expected). |identifier| labels the task (its taskDescription).
   TaskHandle backgroundUploadWithPath(const std::string& path, const Parameters& data,
                                       const std::string& identifier, const std::string& file,
                                       DataCallback callback, ProgressCallback progress);

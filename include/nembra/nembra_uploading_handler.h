@@ -1,12 +1,18 @@
-// Runs every transfer of a media file to the service and the small per-media requests around
-// it: the three-step upload (ask for an upload URL, post the file to the storage URL as a
-// multipart form, confirm), get, update, delete, index, download into the local cache, a video's
-// cover (from the service or grabbed from a local file) and its original-stream description.
+// Every transfer of a media file to the service and the small per-media requests around it, as
+// one object the endpoints and hosts call. It hands each job to the class that does it:
+//   MediaUrls        the REST bases and media file URLs of each type
+//   MediaUploader    the upload flow, its journal, the Wi-Fi hold and lost-connection actions
+//   UploadResumption restarting uploads a killed process left unfinished
+//   MediaRequests    index, get, update, delete and a video's original-stream description
+//   MediaDownloader  downloads into the local cache
+//   VideoCovers      a video's cover, from the service or grabbed from a local file
+//   VideoConversion  converting a local video to a small MP4 before it is uploaded
 //
-// Every upload is journaled (UploadJournal) from its start until the service has confirmed it,
-// so resumeUnfinishedUploads() in a later process finishes what a killed one left. A file handed
-// in is deleted only once the service has answered its confirm (or by the lost-connection
-// action 554, or cancelUpload with deleteFile), whatever is killed when.
+// Answers reach the callbacks as the connection delivers them: an HTTP error status is an
+// ordinary answer, read from the response, never turned into an error here.
+//
+// A file handed in is deleted only once the service has answered its confirm (or by the
+// lost-connection action 554, or cancelUpload with deleteFile), whatever is killed when.
 //
 // Threading: call every member from the main queue of the application object. Delegate calls
 // and the upload flow's callbacks (the upload-URL callback, progress, the confirm callback) run
@@ -18,27 +24,20 @@
 // dropped.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <functional>
-#include <list>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "nembra/error.h"
-#include "nembra/http_message.h"
-#include "nembra/http_task.h"
 #include "nembra/json.h"
-#include "nembra/still_image.h"
+#include "nembra/media_callbacks.h"
 #include "nembra/thumbnail_cache.h"
 
 namespace nembra {
 
 // The SDK's own parts the handler is built on; hosts never need them.
-class ConcurrentQueue;
-class FileSystem;
 class FrameGrabber;
 class HttpClient;
 class ImageCodec;
@@ -48,22 +47,22 @@ class NotificationCenter;
 class Reachability;
 class Timer;
 class UploadJournal;
+class MediaUploader;
+class UploadResumption;
+class MediaRequests;
+class MediaDownloader;
+class VideoCovers;
+class VideoConversion;
 
 class NembraUploadingHandler {
  public:
-  using TaskHandle = std::shared_ptr<HttpTask>;
-  using JsonCallback = std::function<void(
-      const std::optional<Json>& json, const HttpResponse& response, const OptionalError& error)>;
-  using StringCallback =
-      std::function<void(const std::optional<std::string>& text, const HttpResponse& response,
-                         const OptionalError& error)>;
-  using ProgressCallback = std::function<void(int64_t totalBytesSent, int64_t totalBytesExpected)>;
-  // The cached file's path, or nothing with the reason.
-  using DownloadCallback =
-      std::function<void(const std::optional<std::string>& path, const OptionalError& error)>;
-  using ImageCallback = std::function<void(StillImagePtr image, const HttpResponse& response,
-                                           const OptionalError& error)>;
-  using LocalImageCallback = std::function<void(StillImagePtr image, const OptionalError& error)>;
+  using TaskHandle = MediaCallbacks::TaskHandle;
+  using JsonCallback = MediaCallbacks::JsonCallback;
+  using StringCallback = MediaCallbacks::StringCallback;
+  using ProgressCallback = MediaCallbacks::ProgressCallback;
+  using DownloadCallback = MediaCallbacks::DownloadCallback;
+  using ImageCallback = MediaCallbacks::ImageCallback;
+  using LocalImageCallback = MediaCallbacks::LocalImageCallback;
 
   // What the handler reaches the platform through; an empty member gets the real one (the SDK's
   // tests inject their own).
@@ -75,11 +74,6 @@ class NembraUploadingHandler {
     std::string journalDirectory;  // "": UploadJournal::directoryFor the application's token
   };
 
-  // A storage that keeps failing would otherwise make action 552 create new media forever.
-  static constexpr int kDefaultReloadLimit = 5;
-  // A journaled storage form this close to its expiry is not tried again: a new URL is asked.
-  static constexpr std::chrono::seconds kFormExpiryMargin{60};
-
   // initWithNembraApplication: the owner must outlive the handler.
   explicit NembraUploadingHandler(Nembra& application);
   NembraUploadingHandler(Nembra& application, Seams seams);
@@ -88,11 +82,8 @@ class NembraUploadingHandler {
   NembraUploadingHandler(const NembraUploadingHandler&) = delete;
   NembraUploadingHandler& operator=(const NembraUploadingHandler&) = delete;
 
-  // The REST base of |type| followed by |path|: videos on server_api_url, audios and images on
-  // dev_server_api_url (deliberately apart, as the service is deployed); "" for another type.
+  // MediaUrls' apiUrl and mediaUrl for the owner's configuration and token.
   std::string getApiUrlWithType(int type, const std::string& path);
-  // The media file URL of |token|: videos on cdn_api_url, audios and images on file_server_url;
-  // "" for another type.
   std::string getPathWithType(int type, const std::string& token);
 
   // The upload flow with no callbacks.
@@ -102,11 +93,8 @@ class NembraUploadingHandler {
                             JsonCallback callback, ProgressCallback progress,
                             JsonCallback confirmCallback);
   // Starts the upload flow of the file at |path| with |data| as the upload-URL request's
-  // parameters. Returns that request's task; nothing when the uploader is turned off (then
-  // nothing at all happens) or when the file or type is refused before any request (the
-  // callback and the delegate's errorWithError then say why). |callback| gets the upload-URL
-  // answer, with an error also when the answer is unusable (an HTTP error status, no
-  // "url_data", no tokens); |progress| the bytes sent; |confirmCallback| the confirm answer.
+  // parameters (MediaUploader::upload). An unknown type is not refused: its URLs are "", so the
+  // connection answers with its error.
   TaskHandle uploadUrlWithType(int type, const std::string& path, const Json& data,
                                JsonCallback callback, ProgressCallback progress,
                                JsonCallback confirmCallback);
@@ -146,110 +134,53 @@ class NembraUploadingHandler {
   TaskHandle getOriginalStreamDescriptionForVideoByToken(const std::string& token,
                                                          JsonCallback callback);
 
-  // Converts the video at |path| to a small MP4 ("video.mp4" in the documents directory,
-  // replaced) on a background queue, then uploads that as VIDEO; a file that cannot be
-  // converted, or whose conversion fails, is uploaded as it is. Callbacks as uploadWithType.
+  // Converts the video at |path| to a small MP4, then uploads that as VIDEO (VideoConversion).
+  // Callbacks as uploadWithType.
   void convertToMp4WithPath(const std::string& path, const Json& data, JsonCallback callback,
                             ProgressCallback progress, JsonCallback confirmCallback);
 
-  // Cancels the transfer of |path| (the last transfer started when none of |path| runs); with
-  // |deleteFile| also deletes |path|. A cancel is not a lost connection: no lost-connection
-  // action runs for it, and the delegate's errorWithInfo gets a Cancelled error.
+  // Cancels the transfer of |path| (the last transfer started when none of |path| runs): it ends
+  // with a Cancelled error and its end-of-transfer step runs, the lost-connection action
+  // included. With |deleteFile| also deletes |path|.
   void cancelUpload(const std::string& path, bool deleteFile);
   // Invalidates uploadTimer when it is valid.
   void stopTimer();
 
-  // Restarts every journaled upload no one is working on: a file whose storage form is still
-  // valid is posted again (a presigned form cannot resume mid-body), one whose form expired or
-  // that never got one asks for a new upload URL, one that reached storage is confirmed. They
-  // report through the delegate only. Returns how many were restarted.
+  // Restarts every journaled upload no one is working on (UploadResumption). Returns how many.
   size_t resumeUnfinishedUploads();
 
   // Where reachability comes from and where its changes are announced; the shared manager's
   // target and the default center unless set (the SDK's tests inject their own).
   void setReachability(std::shared_ptr<Reachability> reachability, NotificationCenter& center);
-  void setReloadLimit(int limit) { reloadLimit_ = limit; }
+  // How long action 552 waits before its first new attempt (doubling after each).
+  void setReloadDelay(std::chrono::milliseconds first);
 
   // The task of the last transfer started.
-  TaskHandle uploadTask() const { return uploadTask_; }
+  TaskHandle uploadTask() const;
   // Uploads started and not yet confirmed, failed or cancelled.
-  size_t activeUploadCount() const { return live_.size(); }
+  size_t activeUploadCount() const;
   // Whether an upload of |path| is among them: after errorWithInfo, which names no file, a host
   // with several uploads running asks which of its files is no longer.
   bool isUploading(const std::string& path) const;
   ThumbnailCache& thumbCache() { return thumbCache_; }
   // The resume journal (api/upload_journal.h: the SDK and its tool).
-  UploadJournal& journal() { return *journal_; }
+  UploadJournal& journal();
 
   // A timer (the SDK's platform/dispatch/timer.h) that may be armed for periodic work; the
   // handler only ever invalidates it, at the start and end of each upload.
   std::unique_ptr<Timer> uploadTimer;
 
  private:
-  struct Transfer;
-  using TransferPtr = std::shared_ptr<Transfer>;
-
-  TransferPtr newTransfer(int type, const std::string& path, const Json& data,
-                          JsonCallback callback, ProgressCallback progress,
-                          JsonCallback confirmCallback);
-  TaskHandle startFlow(const TransferPtr& transfer);
-  TaskHandle requestUploadUrl(const TransferPtr& transfer);
-  void onUploadUrlReply(const TransferPtr& transfer, const std::optional<Json>& json,
-                        const HttpResponse& response, OptionalError error);
-  void startTransfer(const TransferPtr& transfer);
-  void launchTransfer(const TransferPtr& transfer);
-  void onTransferProgress(const TransferPtr& transfer);
-  void onTransferEnded(const TransferPtr& transfer, const HttpResponse& response,
-                       OptionalError error);
-  void handleTransferFailure(const TransferPtr& transfer, const Error& failure);
-  void sendConfirm(const TransferPtr& transfer);
-  void onConfirmReply(const TransferPtr& transfer, const std::optional<Json>& json,
-                      const HttpResponse& response, OptionalError error);
-  void uploadCompletedWithType(int type, const std::string& path, const std::string& token,
-                               const std::string& streamToken,
-                               const std::optional<Json>& confirmJsonObject,
-                               const HttpResponse& confirmResponse,
-                               const OptionalError& confirmError);
-  void restart(const TransferPtr& transfer);
-  void finish(const TransferPtr& transfer, bool keepRecord);
-  void writeRecord(const TransferPtr& transfer);
-
-  void onReachabilityChanged();
-  void watchReachability();
-  void unwatchReachabilityIfIdle();
-  bool holdsForWifi(int status) const;
-
-  // Runs |task| on the main queue unless the handler is gone by then.
-  void onMain(std::function<void()> task);
-  void failBeforeRequest(const TransferPtr& transfer, Error error);
-  TaskHandle refuse(Error error, JsonCallback callback);
-  std::string uploadUrlFor(int type);
-  std::string confirmUrlFor(const Transfer& transfer);
-  // Made on first use, on the main queue.
-  FrameGrabber& frameGrabber();
-  MediaConverter& mediaConverter();
-  ImageCodec& imageCodec();
-  HttpClient& downloadClient();
-
   Nembra& application_;
-  FileSystem& fs_;
-  Seams seams_;
   ThumbnailCache thumbCache_;
-  std::unique_ptr<UploadJournal> journal_;
-  int reloadLimit_ = kDefaultReloadLimit;
-
-  std::shared_ptr<Reachability> reachability_;
-  NotificationCenter* center_;
-  std::optional<uint64_t> reachabilityObserver_;  // a NotificationCenter::Token
-
-  TaskHandle uploadTask_;
-  // Every unfinished flow, oldest first.
-  std::list<TransferPtr> live_;
-
+  std::unique_ptr<MediaRequests> requests_;
+  std::unique_ptr<MediaDownloader> downloader_;
+  std::unique_ptr<VideoCovers> covers_;
+  std::unique_ptr<MediaUploader> uploader_;
+  std::unique_ptr<UploadResumption> resumption_;
+  std::unique_ptr<VideoConversion> conversion_;
   // Main-queue tasks hold it weakly and do nothing once it is gone.
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
-  // Last: destroyed first, running what is posted to it while the members above still live.
-  std::unique_ptr<ConcurrentQueue> background_;  // "com.nembra.uploads.background", 2 threads
 };
 
 }  // namespace nembra

@@ -2,6 +2,9 @@
 // streams, media URLs, creating a video from a local file (create, optional cover, attach,
 // submit), re-recording, and cover pictures with a thumbnail cache of its own.
 //
+// Answers reach the callbacks as the connection delivers them: an HTTP error status is an
+// ordinary answer, for the caller to read from the response.
+//
 // Threading: call from the main queue. index, get and update convert the answer and call back on
 // the main queue. The other requests and the multi-step flows (createVideoWithData,
 // rerecordVideoWithToken) call back on the connection's callback queue, as it delivers; delegate
@@ -48,7 +51,7 @@ class NembraVideos {
   ~NembraVideos();
 
   // One Video per element of the answer; an answer that is not a JSON array gives none, with
-  // the answer's error (an HTTP error status, or a Parse error when there is none).
+  // the answer's own error.
   TaskHandle index(const Json& data, VideosCallback callback);
   TaskHandle index(const Json& data, StringCallback stringCallback);
   TaskHandle get(const std::string& token, const Json& data, VideoCallback callback);
@@ -59,7 +62,8 @@ class NembraVideos {
   TaskHandle update(const std::string& token, const Json& data, VideoCallback callback);
   // With the video's own token and its toDictionary as data.
   TaskHandle update(const Video& video, VideoCallback callback);
-  // Deletes the video, or only its stream |streamToken| when that is not empty.
+  // Deletes the video, or only its stream |streamToken| when that is not empty, through the
+  // upload handler's deleteWithType (so the uploading delegate hears deleteWithToken).
   TaskHandle destroy(const std::string& token, const std::string& streamToken,
                      JsonCallback callback);
 
@@ -76,8 +80,8 @@ class NembraVideos {
   TaskHandle attachCoverWithVideoToken(const std::string& token, const std::string& streamToken,
                                        const StillImage& cover, const Json& data,
                                        VideoCallback callback);
-  // Sends |file| as a multipart upload to the stream's "videoattach" path; an answer with an
-  // HTTP error status gives an Http error.
+  // Sends |file| as a multipart upload to the stream's "videoattach" path; a body that is not
+  // JSON gives a Parse error.
   TaskHandle attachVideoWithVideoToken(const std::string& token, const std::string& streamToken,
                                        const Json& data, const std::string& file,
                                        JsonCallback callback, ProgressCallback progress);
@@ -99,8 +103,9 @@ class NembraVideos {
                     ProgressCallback progress, JsonCallback confirmCallback);
   // Copies |file| to a temporary file, creates an empty video with its stream, attaches the
   // cover when there is one, sends the copy, submits the stream and caches the copy as the
-  // video's file. The callback gets the submit answer, or the first error that ends the flow
-  // (no copy, no tokens, a failed attach). |file| itself is never touched.
+  // video's file. The stream is submitted whatever the attach step answered. The callback gets
+  // the submit answer, or what ends the flow early: no copy (a File error) or a create answer
+  // without both tokens (with that answer's own error). |file| itself is never touched.
   void createVideoWithData(const Json& data, const std::string& file, StillImagePtr cover,
                            JsonCallback callback, ProgressCallback progress);
   // A new stream for the existing video |token|, with |file| attached and submitted; |file| is
@@ -119,8 +124,7 @@ class NembraVideos {
   std::string baseUrl(const std::string& path);
   // Steps 5 and 6 of the create flow, shared with re-recording.
   void attachAndSubmit(const std::string& token, const std::string& streamToken, const Json& data,
-                       const std::string& file, JsonCallback callback, ProgressCallback progress,
-                       bool removeOnFailure);
+                       const std::string& file, JsonCallback callback, ProgressCallback progress);
   void tellDelegate(std::function<void(NembraUploadingDelegate&)> call);
 
   Nembra& application_;

@@ -46,4 +46,13 @@ class AudioOutput {
   virtual void setVolume(float volume) = 0;
 };
 
+// The SDL device output (opened at start(); start() fails with a message when there is no
+// device) and the real-time null output.
+std::unique_ptr<AudioOutput> makeSdlAudioOutput();
+std::unique_ptr<AudioOutput> makeNullAudioOutput();
+
+// An output whose start() tries the SDL device first and falls back to the null output, so a
+// player keeps time on a machine without sound.
+std::unique_ptr<AudioOutput> makeAudioOutput();
+
 }  // namespace nembra

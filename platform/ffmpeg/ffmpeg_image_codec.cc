@@ -1,10 +1,10 @@
-#include "platform/media/image_codec.h"
-
 #include <algorithm>
 #include <cstring>
 
-#include "platform/ffmpeg/ffmpeg_media_backend.h"
 #include "platform/ffmpeg/ffmpeg_av_support.h"
+#include "platform/ffmpeg/ffmpeg_media_backend.h"
+#include "platform/ffmpeg/ffmpeg_picture_decoder.h"
+#include "platform/media/image_codec.h"
 
 extern "C" {
 #include <libswscale/swscale.h>
@@ -121,6 +121,16 @@ class FfmpegImageCodec final : public ImageCodec {
       return std::nullopt;
     }
     return encode(*picture, quality, jpeg);
+  }
+
+  OptionalError decodePicture(std::span<const uint8_t> bytes, const PictureLimits& limits,
+                              Picture& picture) override {
+    const Signature* signature = identify(bytes);
+    if (!signature) {
+      return Error::media(bytes.empty() ? "the picture is empty"
+                                        : "the bytes are not a picture of a known format");
+    }
+    return ffmpegDecodePicture(bytes, signature->format, signature->codec, limits, picture);
   }
 };
 

@@ -5,11 +5,12 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
-#include "platform/media/media_backend.h"
 #include "platform/ffmpeg/ffmpeg_aac_encoder.h"
-#include "platform/ffmpeg/ffmpeg_x264_encoder.h"
 #include "platform/ffmpeg/ffmpeg_device_source.h"
 #include "platform/ffmpeg/ffmpeg_file_source.h"
+#include "platform/ffmpeg/ffmpeg_player_engine.h"
+#include "platform/ffmpeg/ffmpeg_x264_encoder.h"
+#include "platform/media/media_backend.h"
 
 namespace nembra {
 
@@ -24,6 +25,9 @@ class FfmpegMediaBackend final : public MediaBackend {
     return newFfmpegMediaConverter();
   }
   std::unique_ptr<ImageCodec> makeImageCodec() override { return newFfmpegImageCodec(); }
+  std::unique_ptr<MediaPlayerEngine> makePlayerEngine(MediaPlayerEngineOptions options) override {
+    return std::make_unique<player::PlayerEngine>(std::move(options));
+  }
 
   std::unique_ptr<MediaSource> openFile(const std::string& path, OptionalError& error) override {
     return MediaSourceFile::open(path, error);

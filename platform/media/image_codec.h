@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "nembra/error.h"
+#include "platform/media/picture.h"
 
 namespace nembra {
 
@@ -30,6 +31,12 @@ class ImageCodec {
   // anything else is decoded and encoded at |quality|, 2 (best) to 31.
   virtual OptionalError encodeJpeg(std::span<const uint8_t> bytes, int quality,
                                    std::vector<uint8_t>& jpeg) = 0;
+  // Decodes |bytes| (JPEG, PNG, GIF with all its frames, WebP, BMP, TIFF) to RGBA within
+  // |limits|. A JPEG larger than the limits is decoded at a reduced size straight away, so a huge
+  // picture costs memory only for what is shown. Errors of kind Media name the format and
+  // the reason: unknown bytes, truncated or damaged data, a source too large to decode.
+  virtual OptionalError decodePicture(std::span<const uint8_t> bytes, const PictureLimits& limits,
+                                      Picture& picture) = 0;
 };
 
 // The media plug-in's codec.

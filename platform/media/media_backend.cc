@@ -131,9 +131,7 @@ void setMediaLogLevel(MediaLogLevel level) {
   if (MediaBackend* backend = loadedBackend.load()) backend->setLogLevel(level);
 }
 
-std::unique_ptr<MediaProbe> makeMediaProbe() {
-  return MediaBackend::shared().makeMediaProbe();
-}
+std::unique_ptr<MediaProbe> makeMediaProbe() { return MediaBackend::shared().makeMediaProbe(); }
 std::unique_ptr<FrameGrabber> makeFrameGrabber() {
   return MediaBackend::shared().makeFrameGrabber();
 }
@@ -143,8 +141,10 @@ std::unique_ptr<MediaRemuxer> makeMediaRemuxer() {
 std::unique_ptr<MediaConverter> makeMediaConverter() {
   return MediaBackend::shared().makeMediaConverter();
 }
-std::unique_ptr<ImageCodec> makeImageCodec() {
-  return MediaBackend::shared().makeImageCodec();
+std::unique_ptr<ImageCodec> makeImageCodec() { return MediaBackend::shared().makeImageCodec(); }
+
+std::unique_ptr<MediaPlayerEngine> makeMediaPlayerEngine(MediaPlayerEngineOptions options) {
+  return MediaBackend::shared().makePlayerEngine(std::move(options));
 }
 
 std::unique_ptr<MediaSource> openTestPatternSource(int width, int height, int fps,

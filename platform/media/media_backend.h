@@ -24,6 +24,7 @@
 #include "platform/media/media_encoder_audio.h"
 #include "platform/media/media_encoder_video.h"
 #include "platform/media/media_log.h"
+#include "platform/media/media_player_engine.h"
 #include "platform/media/media_probe.h"
 #include "platform/media/media_remuxer.h"
 #include "platform/media/media_source.h"
@@ -40,6 +41,7 @@ class MediaBackend {
   virtual std::unique_ptr<MediaRemuxer> makeMediaRemuxer() = 0;
   virtual std::unique_ptr<MediaConverter> makeMediaConverter() = 0;
   virtual std::unique_ptr<ImageCodec> makeImageCodec() = 0;
+  virtual std::unique_ptr<MediaPlayerEngine> makePlayerEngine(MediaPlayerEngineOptions options) = 0;
 
   virtual std::unique_ptr<MediaSource> openFile(const std::string& path, OptionalError& error) = 0;
   virtual std::unique_ptr<MediaSource> openTestPattern(int width, int height, int fps,

@@ -76,6 +76,34 @@ bool parseAvcDecoderConfig(std::span<const uint8_t> record, AvcConfig& config) {
   return readSets(ppsCount, config.pps);
 }
 
+std::vector<uint8_t> writeAvcDecoderConfig(const AvcConfig& config) {
+  const std::vector<uint8_t>& first = config.sps.front();
+  auto profileByte = [&](size_t i) { return i < first.size() ? first[i] : uint8_t{0}; };
+  std::vector<uint8_t> record;
+  auto put16 = [&](size_t value) {
+    record.push_back(static_cast<uint8_t>(value >> 8));
+    record.push_back(static_cast<uint8_t>(value));
+  };
+  record.push_back(1);               // configuration version
+  record.push_back(profileByte(1));  // profile
+  record.push_back(profileByte(2));  // profile compatibility
+  record.push_back(profileByte(3));  // level
+  // 6 reserved bits, then the NAL length size minus one
+  record.push_back(static_cast<uint8_t>(0xFC | ((config.lengthSize - 1) & 0x03)));
+  // 3 reserved bits, then the number of SPS
+  record.push_back(static_cast<uint8_t>(0xE0 | (config.sps.size() & 0x1F)));
+  for (const auto& sps : config.sps) {
+    put16(sps.size());
+    record.insert(record.end(), sps.begin(), sps.end());
+  }
+  record.push_back(static_cast<uint8_t>(config.pps.size() & 0xFF));  // number of PPS
+  for (const auto& pps : config.pps) {
+    put16(pps.size());
+    record.insert(record.end(), pps.begin(), pps.end());
+  }
+  return record;
+}
+
 void repackAccessUnit(const std::vector<NalUnit>& units, std::vector<uint8_t>& out,
                       std::vector<uint8_t>& sps, std::vector<uint8_t>& pps) {
   for (NalUnit unit : units) {

@@ -39,6 +39,11 @@ struct AvcConfig {
 // False when |record| is not a complete version-1 record.
 bool parseAvcDecoderConfig(std::span<const uint8_t> record, AvcConfig& config);
 
+// The version-1 record of |config|: profile, compatibility and level are bytes 1 to 3 of the
+// first SPS (0 where it is shorter), the SPS count keeps its low 5 bits and the PPS count its
+// low 8. REQUIRES: config.sps is not empty.
+std::vector<uint8_t> writeAvcDecoderConfig(const AvcConfig& config);
+
 // Converts |units| into 4-byte length-prefixed form, moving parameter sets into |sps| / |pps|
 // (the last of each kind wins) and dropping access unit delimiters.
 void repackAccessUnit(const std::vector<NalUnit>& units, std::vector<uint8_t>& out,

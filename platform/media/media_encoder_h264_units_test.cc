@@ -61,6 +61,24 @@ TEST(H264UnitsTest, ParsesDecoderConfigurationRecordAndRefusesTruncation) {
   }
 }
 
+TEST(H264UnitsTest, WrittenRecordReadsBack) {
+  const h264::AvcConfig config{
+      {Bytes{0x67, 0x64, 0x00, 0x28, 0xAC}, Bytes{0x67, 0x42}}, {Bytes{0x68, 0xEB, 0xE3}}, 2};
+  const Bytes record = h264::writeAvcDecoderConfig(config);
+  const Bytes head = {0x01, 0x64, 0x00, 0x28, 0xFD, 0xE2};
+  ASSERT_GE(record.size(), head.size());
+  EXPECT_EQ(Bytes(record.begin(), record.begin() + 6), head);
+  h264::AvcConfig read;
+  ASSERT_TRUE(h264::parseAvcDecoderConfig(record, read));
+  EXPECT_EQ(read.sps, config.sps);
+  EXPECT_EQ(read.pps, config.pps);
+  EXPECT_EQ(read.lengthSize, 2);
+  // Profile bytes missing from a short first SPS are written as zeros.
+  const h264::AvcConfig shortSps{{Bytes{0x67, 0x42}}, {}, 4};
+  EXPECT_EQ(h264::writeAvcDecoderConfig(shortSps),
+            (Bytes{0x01, 0x42, 0x00, 0x00, 0xFF, 0xE1, 0x00, 0x02, 0x67, 0x42, 0x00}));
+}
+
 TEST(H264UnitsTest, RepackMovesParameterSetsOutAndDropsDelimiters) {
   const Bytes stream = {0,    0,    1, 0x09, 0xF0, 0,    0,    1, 0x67, 0x42, 0,    0,   1,
                         0x68, 0xCE, 0, 0,    1,    0x06, 0x05, 0, 0,    1,    0x65, 0x88};

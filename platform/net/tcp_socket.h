@@ -1,5 +1,5 @@
-// A blocking TCP client socket, the one seam between the streaming core and the OS network
-// stack.
+// A blocking TCP socket, the one seam between the SDK and the OS network stack: a client's
+// connection (connect) or one a TcpListener accepted.
 #pragma once
 
 #include <chrono>
@@ -70,6 +70,15 @@ class TcpSocket {
   // that is closing stops its receiving thread without waiting out the poll.
   virtual void interruptWait() = 0;
   virtual size_t bytesAvailable() = 0;
+  // How long a blocked receive or send waits before failing with EAGAIN; at least 1 ms (zero
+  // would mean forever). False when the socket refused it.
+  virtual bool setReceiveTimeout(std::chrono::milliseconds timeout) = 0;
+  virtual bool setSendTimeout(std::chrono::milliseconds timeout) = 0;
+  // Stops sending (the peer reads the end of the stream) and keeps receiving.
+  virtual void shutdownSending() = 0;
+  // Ends both directions: a receive or send blocked in another thread returns, and every later
+  // one fails. The descriptor stays open until close().
+  virtual void shutdown() = 0;
   virtual void close() = 0;
   virtual bool isOpen() const = 0;
   virtual TcpSocketCounters counters() const = 0;

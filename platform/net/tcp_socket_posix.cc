@@ -77,6 +77,8 @@ std::unique_ptr<TcpSocket> createTcpSocket() { return std::make_unique<TcpSocket
 
 TcpSocketPosix::TcpSocketPosix() : wakeFd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
+TcpSocketPosix::TcpSocketPosix(int connectedFd) : TcpSocketPosix() { fd_.store(connectedFd); }
+
 TcpSocketPosix::~TcpSocketPosix() {
   close();
   if (wakeFd_ >= 0) ::close(wakeFd_);
@@ -211,6 +213,20 @@ size_t TcpSocketPosix::bytesAvailable() {
   }
   return static_cast<size_t>(available);
 }
+
+bool TcpSocketPosix::setReceiveTimeout(std::chrono::milliseconds timeout) {
+  const timeval value = ToTimeval(std::max(timeout, std::chrono::milliseconds(1)));
+  return ::setsockopt(fd_.load(), SOL_SOCKET, SO_RCVTIMEO, &value, sizeof(value)) == 0;
+}
+
+bool TcpSocketPosix::setSendTimeout(std::chrono::milliseconds timeout) {
+  const timeval value = ToTimeval(std::max(timeout, std::chrono::milliseconds(1)));
+  return ::setsockopt(fd_.load(), SOL_SOCKET, SO_SNDTIMEO, &value, sizeof(value)) == 0;
+}
+
+void TcpSocketPosix::shutdownSending() { ::shutdown(fd_.load(), SHUT_WR); }
+
+void TcpSocketPosix::shutdown() { ::shutdown(fd_.load(), SHUT_RDWR); }
 
 void TcpSocketPosix::close() {
   const int fd = fd_.exchange(-1);

@@ -14,6 +14,8 @@ namespace nembra {
 class TcpSocketPosix : public TcpSocket {
  public:
   TcpSocketPosix();
+  // Takes ownership of a connected socket (one a listener accepted).
+  explicit TcpSocketPosix(int connectedFd);
   ~TcpSocketPosix() override;
   TcpSocketPosix(const TcpSocketPosix&) = delete;
   TcpSocketPosix& operator=(const TcpSocketPosix&) = delete;
@@ -26,6 +28,10 @@ class TcpSocketPosix : public TcpSocket {
   bool waitReadable(std::chrono::milliseconds timeout) override;
   void interruptWait() override;
   size_t bytesAvailable() override;
+  bool setReceiveTimeout(std::chrono::milliseconds timeout) override;
+  bool setSendTimeout(std::chrono::milliseconds timeout) override;
+  void shutdownSending() override;
+  void shutdown() override;
   void close() override;
   bool isOpen() const override;
   TcpSocketCounters counters() const override;

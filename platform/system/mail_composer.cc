@@ -1,11 +1,11 @@
 #include "platform/system/mail_composer.h"
 
-#include <openssl/evp.h>
-
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+
+#include "platform/http/base64.h"
 
 namespace nembra {
 
@@ -17,11 +17,7 @@ std::string base64Lines(const std::string& bytes) {
   std::string out;
   constexpr size_t kChunk = 57;  // 57 input bytes → one 76-character line
   for (size_t i = 0; i < bytes.size(); i += kChunk) {
-    size_t n = std::min(kChunk, bytes.size() - i);
-    unsigned char encoded[80];
-    int written = EVP_EncodeBlock(encoded, reinterpret_cast<const unsigned char*>(bytes.data() + i),
-                                  static_cast<int>(n));
-    out.append(reinterpret_cast<char*>(encoded), written);
+    out += base64Encode(std::string_view(bytes).substr(i, kChunk));
     out += "\r\n";
   }
   return out;
@@ -30,7 +26,8 @@ std::string base64Lines(const std::string& bytes) {
 }  // namespace
 
 MailComposer::MailComposer(std::string outboxDirectory)
-    : outbox_(std::move(outboxDirectory)), handler_([](const MailMessage&, const std::string& path) {
+    : outbox_(std::move(outboxDirectory)),
+      handler_([](const MailMessage&, const std::string& path) {
         std::fprintf(stderr, "mail to support saved as %s\n", path.c_str());
       }) {}
 

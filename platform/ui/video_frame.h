@@ -10,7 +10,7 @@
 namespace nembra {
 
 struct VideoFrame {
-  int width = 0;   // luma size in pixels
+  int width = 0;  // luma size in pixels
   int height = 0;
   // Display aspect of one pixel (num / den), 1/1 for square pixels.
   int sampleAspectNum = 1;

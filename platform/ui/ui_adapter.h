@@ -1,0 +1,44 @@
+// The host's UI: makes the view of each presented screen. Three adapters exist: the window
+// (SDL2), the terminal and the headless recorder; the host picks one (the CLI's --ui).
+//
+// Threading: main queue only.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "nembra/error.h"
+#include "platform/ui/screen_view.h"
+
+namespace nembra {
+
+class MainQueue;
+
+enum class UiKind { Window, Terminal, None };
+
+class UiAdapter {
+ public:
+  virtual ~UiAdapter() = default;
+
+  virtual UiKind kind() const = 0;
+  // The view of a screen named |screenName|, shown over the views made before it until it is
+  // destroyed.
+  virtual std::unique_ptr<ScreenView> makeView(const std::string& screenName) = 0;
+  // Runs on the main queue when the user asks to leave altogether (closes the window, Ctrl-C in
+  // the terminal).
+  virtual void setQuitHandler(std::function<void()> handler) = 0;
+};
+
+// The kind to use when the host does not say: the window when DISPLAY or WAYLAND_DISPLAY is
+// set, the terminal when standard input is one, otherwise none.
+UiKind defaultUiKind();
+// "window", "terminal", "none"; false for another text.
+bool parseUiKind(const std::string& text, UiKind& kind);
+const char* uiKindName(UiKind kind);
+
+// Makes the adapter of |kind| driven from |mainQueue|. Null, with |error| set to a message a
+// person can act on, when it cannot start (no display, a font missing).
+std::unique_ptr<UiAdapter> makeUiAdapter(UiKind kind, MainQueue& mainQueue, OptionalError& error);
+
+}  // namespace nembra
