@@ -1,5 +1,8 @@
 #include "nembra/uploading_config.h"
 
+#include "api/config_line.h"
+#include "api/extra_args.h"
+
 namespace nembra {
 
 void UploadingConfig::setLostConnectionAction(int32_t action) {
@@ -10,25 +13,20 @@ void UploadingConfig::setSyncInterval(int64_t interval) {
   syncInterval_ = interval > 0 ? interval : DEFAULT_SYNC_INTERVAL;
 }
 
-void UploadingConfig::setExtraArgs(const Json& args) {
-  extraArgs_ = args.is_object() ? args : Json::object();
-}
+void UploadingConfig::setExtraArgs(const Json& args) { extraArgs_ = extraArgsCopy(args); }
 
 void UploadingConfig::addExtraArgs(const Json& args) {
-  if (!args.is_object()) return;
-  Json merged = extraArgs_;
-  for (const auto& entry : args.items()) merged[entry.key()] = entry.value();
-  extraArgs_ = std::move(merged);
+  extraArgs_ = mergedExtraArgs(extraArgs_, args);
 }
 
+// One blank fewer on each run than the other configuration objects: the collected reports of
+// this object have always had these widths.
 std::string UploadingConfig::stringValueConfig() const {
-  return "{" + std::string(23, ' ') +
-         "\"shouldUseWifiOnly\": " + std::to_string(shouldUseWifiOnly_ ? 1 : 0) + "," +
-         std::string(24, ' ') + "\"syncInterval\": " + std::to_string(syncInterval_) + "," +
-         std::string(24, ' ') +
-         "\"shouldTurnOffUploader\": " + std::to_string(shouldTurnOffUploader_ ? 1 : 0) + "," +
-         std::string(24, ' ') +
-         "\"lostConnectionAction\": " + std::to_string(lostConnectionAction_) + "}";
+  return configJsonLine({{"shouldUseWifiOnly", flagText(shouldUseWifiOnly_)},
+                         {"syncInterval", std::to_string(syncInterval_)},
+                         {"shouldTurnOffUploader", flagText(shouldTurnOffUploader_)},
+                         {"lostConnectionAction", std::to_string(lostConnectionAction_)}},
+                        {.first = 23, .between = 24});
 }
 
 }  // namespace nembra

@@ -27,6 +27,8 @@ OptionalError SdlAudioOutput::start(const AudioSpec& wanted, Fill fill) {
   device_ = SDL_OpenAudioDevice(nullptr, 0, &want, &got,
                                 SDL_AUDIO_ALLOW_FREQUENCY_CHANGE | SDL_AUDIO_ALLOW_CHANNELS_CHANGE);
   if (device_ == 0) return Error::media(std::string("no audio device: ") + SDL_GetError());
+  // The device thread may be running already: it reads these under the lock.
+  std::lock_guard lock(mutex_);
   spec_ = AudioSpec{got.freq, got.channels};
   deviceBufferSeconds_ = double(got.samples) / got.freq;
   paused_ = true;
@@ -66,7 +68,12 @@ void SdlAudioOutput::callback(void* opaque, Uint8* stream, int length) {
   auto* samples = reinterpret_cast<int16_t*>(stream);
   const size_t count = static_cast<size_t>(length) / sizeof(int16_t);
   std::fill(samples, samples + count, 0);
-  const size_t frames = count / static_cast<size_t>(std::max(1, self->spec_.channels));
+  AudioSpec spec;
+  {
+    std::lock_guard lock(self->mutex_);
+    spec = self->spec_;
+  }
+  const size_t frames = count / static_cast<size_t>(std::max(1, spec.channels));
   self->fill_(samples, frames);
   const float volume = self->volume_.load();
   if (volume < 1.0f) {
@@ -76,7 +83,7 @@ void SdlAudioOutput::callback(void* opaque, Uint8* stream, int length) {
   }
   std::lock_guard lock(self->mutex_);
   self->lastFill_ = Clock::now();
-  self->lastFillSeconds_ = double(frames) / self->spec_.sampleRate;
+  self->lastFillSeconds_ = double(frames) / spec.sampleRate;
 }
 
 std::unique_ptr<AudioOutput> makeSdlAudioOutput() { return std::make_unique<SdlAudioOutput>(); }

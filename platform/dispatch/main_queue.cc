@@ -10,10 +10,10 @@ MainQueue& MainQueue::shared() {
 }
 
 void MainQueue::async(Task task) {
-  {
-    std::lock_guard lock(mutex_);
-    tasks_.push_back(std::move(task));
-  }
+  // Notified under the lock: the owner may destroy the queue as soon as it sees the task, and
+  // the condition variable must not be touched after that.
+  std::lock_guard lock(mutex_);
+  tasks_.push_back(std::move(task));
   wake_.notify_all();
 }
 
@@ -71,10 +71,8 @@ bool MainQueue::runUntil(const std::function<bool()>& done, std::chrono::millise
 }
 
 void MainQueue::stop() {
-  {
-    std::lock_guard lock(mutex_);
-    stopRequested_ = true;
-  }
+  std::lock_guard lock(mutex_);  // notified under the lock, as in async()
+  stopRequested_ = true;
   wake_.notify_all();
 }
 

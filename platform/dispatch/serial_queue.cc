@@ -18,10 +18,10 @@ SerialQueue::~SerialQueue() {
 }
 
 void SerialQueue::async(Task task) {
-  {
-    std::lock_guard lock(mutex_);
-    tasks_.push_back(std::move(task));
-  }
+  // Notified under the lock: the owner may destroy the queue as soon as it sees the task, and
+  // the condition variable must not be touched after that.
+  std::lock_guard lock(mutex_);
+  tasks_.push_back(std::move(task));
   wake_.notify_one();
 }
 
