@@ -1,4 +1,4 @@
-#include "api/aspect_ratio.h"
+#include "nembra/aspect_ratio.h"
 
 #include <cctype>
 #include <charconv>

@@ -6,7 +6,7 @@
 
 #include <optional>
 
-#include "api/aspect_ratio.h"
+#include "nembra/aspect_ratio.h"
 
 namespace nembra {
 

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "api/nembra.h"
+#include "nembra/application.h"
 
 namespace nembra {
 namespace {

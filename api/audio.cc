@@ -1,4 +1,4 @@
-#include "api/audio.h"
+#include "nembra/audio.h"
 
 #include "api/model_field_lists.h"
 

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "nembra/error.h"
+#include "nembra/http_task.h"
 #include "platform/http/http_client.h"
-#include "platform/http/http_task.h"
 
 namespace nembra {
 

@@ -1,4 +1,4 @@
-#include "api/cache_config.h"
+#include "nembra/cache_config.h"
 
 #include "api/config_line.h"
 

@@ -1,4 +1,4 @@
-#include "api/content_model.h"
+#include "nembra/content_model.h"
 
 namespace nembra {
 

@@ -1,9 +1,9 @@
-#include "api/content_model.h"
+#include "nembra/content_model.h"
 
 #include <gtest/gtest.h>
 
-#include "api/audio.h"
-#include "api/image.h"
+#include "nembra/audio.h"
+#include "nembra/image.h"
 
 namespace nembra {
 

@@ -1,4 +1,4 @@
-#include "api/device_info.h"
+#include "nembra/device_info.h"
 
 #include <iterator>
 

@@ -1,4 +1,4 @@
-#include "api/file_info_data.h"
+#include "nembra/file_info_data.h"
 
 namespace nembra {
 

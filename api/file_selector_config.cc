@@ -2,7 +2,7 @@
 
 #include "api/config_line.h"
 #include "api/extra_args.h"
-#include "api/media_type.h"
+#include "nembra/media_type.h"
 
 namespace nembra {
 

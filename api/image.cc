@@ -1,4 +1,4 @@
-#include "api/image.h"
+#include "nembra/image.h"
 
 #include "api/model_field_lists.h"
 

@@ -4,11 +4,11 @@
 #include <future>
 
 #include "api/media_token.h"
-#include "api/media_type.h"
 #include "api/media_urls.h"
-#include "api/nembra.h"
-#include "api/nembra_cache_manager.h"
-#include "api/reply_status.h"
+#include "nembra/application.h"
+#include "nembra/media_type.h"
+#include "nembra/nembra_cache_manager.h"
+#include "nembra/reply_status.h"
 #include "platform/files/file_system.h"
 #include "platform/http/http_curl_client.h"
 

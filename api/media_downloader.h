@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "api/media_callbacks.h"
+#include "nembra/media_callbacks.h"
 #include "platform/dispatch/concurrent_queue.h"
 #include "platform/http/http_client.h"
 

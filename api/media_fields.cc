@@ -1,4 +1,4 @@
-#include "api/media_fields.h"
+#include "nembra/media_fields.h"
 
 #include <iterator>
 

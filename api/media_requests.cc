@@ -1,10 +1,10 @@
 #include "api/media_requests.h"
 
 #include "api/media_token.h"
-#include "api/media_type.h"
 #include "api/media_urls.h"
-#include "api/nembra.h"
-#include "api/nembra_connect.h"
+#include "nembra/application.h"
+#include "nembra/media_type.h"
+#include "nembra/nembra_connect.h"
 
 namespace nembra {
 

@@ -11,7 +11,7 @@
 #include <optional>
 #include <string>
 
-#include "api/media_callbacks.h"
+#include "nembra/media_callbacks.h"
 
 namespace nembra {
 

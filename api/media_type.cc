@@ -1,4 +1,4 @@
-#include "api/media_type.h"
+#include "nembra/media_type.h"
 
 namespace nembra {
 

@@ -8,16 +8,16 @@
 #include <cstring>
 #include <filesystem>
 
-#include "api/media_type.h"
 #include "api/media_urls.h"
-#include "api/nembra.h"
-#include "api/nembra_cache_manager.h"
-#include "api/nembra_connect.h"
-#include "api/reply_status.h"
 #include "api/upload_resumption.h"
 #include "api/upload_url_reply.h"
-#include "api/uploading_config.h"
 #include "api/utils.h"
+#include "nembra/application.h"
+#include "nembra/media_type.h"
+#include "nembra/nembra_cache_manager.h"
+#include "nembra/nembra_connect.h"
+#include "nembra/reply_status.h"
+#include "nembra/uploading_config.h"
 
 namespace nembra {
 

@@ -18,10 +18,10 @@
 #include <memory>
 #include <string>
 
-#include "api/media_callbacks.h"
 #include "api/upload_journal.h"
 #include "api/upload_network_hold.h"
 #include "api/upload_transfer.h"
+#include "nembra/media_callbacks.h"
 
 namespace nembra {
 

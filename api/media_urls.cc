@@ -1,8 +1,8 @@
 #include "api/media_urls.h"
 
-#include "api/media_type.h"
-#include "api/nembra.h"
-#include "api/nembra_config.h"
+#include "nembra/application.h"
+#include "nembra/media_type.h"
+#include "nembra/nembra_config.h"
 
 namespace nembra {
 

@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "api/media_type.h"
-#include "api/nembra_config.h"
+#include "nembra/media_type.h"
+#include "nembra/nembra_config.h"
 
 namespace nembra {
 namespace {

@@ -5,13 +5,13 @@
 // Threading: each list is built on first use and only read afterwards; any thread.
 #pragma once
 
-#include "api/audio.h"
-#include "api/device_info.h"
-#include "api/image.h"
-#include "api/media_fields.h"
 #include "api/model_fields.h"
-#include "api/stream_model.h"
-#include "api/video.h"
+#include "nembra/audio.h"
+#include "nembra/device_info.h"
+#include "nembra/image.h"
+#include "nembra/media_fields.h"
+#include "nembra/stream_model.h"
+#include "nembra/video.h"
 
 namespace nembra {
 

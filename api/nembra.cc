@@ -1,22 +1,22 @@
-#include "api/nembra.h"
+#include "nembra/application.h"
 
 #include <cctype>
 #include <chrono>
 #include <cstdio>
 
 #include "api/aspect_ratio_defaults.h"
-#include "api/file_info_data.h"
-#include "api/media_type.h"
-#include "api/nembra_audios.h"
-#include "api/nembra_cache_manager.h"
-#include "api/nembra_connect.h"
-#include "api/nembra_images.h"
-#include "api/nembra_uploading_handler.h"
-#include "api/nembra_videos.h"
 #include "api/percent_encoding.h"
 #include "api/reachability_manager.h"
-#include "platform/system/capture_hardware.h"
+#include "nembra/file_info_data.h"
+#include "nembra/media_type.h"
+#include "nembra/nembra_audios.h"
+#include "nembra/nembra_cache_manager.h"
+#include "nembra/nembra_connect.h"
+#include "nembra/nembra_images.h"
+#include "nembra/nembra_uploading_handler.h"
+#include "nembra/nembra_videos.h"
 #include "platform/files/file_system.h"
+#include "platform/system/capture_hardware.h"
 #include "platform/system/local_notifications.h"
 #include "platform/system/mail_composer.h"
 #include "platform/system/user_defaults.h"

@@ -1,4 +1,4 @@
-#include "api/nembra_audios.h"
+#include "nembra/nembra_audios.h"
 
 namespace nembra {
 

@@ -1,13 +1,14 @@
-#include "api/nembra_cache_manager.h"
+#include "nembra/nembra_cache_manager.h"
 
 #include <algorithm>
 #include <filesystem>
 #include <vector>
 
-#include "api/cache_config.h"
 #include "api/media_token.h"
-#include "api/media_type.h"
-#include "api/nembra.h"
+#include "nembra/application.h"
+#include "nembra/cache_config.h"
+#include "nembra/media_type.h"
+#include "platform/files/file_system.h"
 
 namespace nembra {
 
@@ -44,6 +45,9 @@ std::string joinPath(const std::string& directory, const std::string& name) {
 }
 
 }  // namespace
+
+NembraCacheManager::NembraCacheManager(Nembra& application, bool isPlayer)
+    : NembraCacheManager(application, isPlayer, FileSystem::shared()) {}
 
 NembraCacheManager::NembraCacheManager(Nembra& application, bool isPlayer, FileSystem& fs)
     : application_(application), isPlayer_(isPlayer), fs_(fs) {}

@@ -1,4 +1,4 @@
-#include "api/nembra_cache_manager.h"
+#include "nembra/nembra_cache_manager.h"
 
 #include <gtest/gtest.h>
 
@@ -6,8 +6,9 @@
 #include <fstream>
 #include <thread>
 
-#include "api/media_type.h"
-#include "api/nembra.h"
+#include "nembra/application.h"
+#include "nembra/media_type.h"
+#include "platform/files/file_system.h"
 #include "platform/http/testing/http_test_support.h"
 
 namespace nembra {

@@ -1,4 +1,4 @@
-#include "api/nembra_config.h"
+#include "nembra/nembra_config.h"
 
 namespace nembra {
 

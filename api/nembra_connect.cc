@@ -1,19 +1,26 @@
-#include "api/nembra_connect.h"
+#include "nembra/nembra_connect.h"
 
 #include <cstring>
 #include <istream>
 #include <ostream>
 #include <random>
 
-#include "api/media_type.h"
+#include "api/background_task_context.h"
 #include "api/media_urls.h"
-#include "api/nembra.h"
 #include "api/percent_encoding.h"
 #include "api/utils.h"
+#include "nembra/application.h"
+#include "nembra/media_type.h"
+#include "nembra/nembra_uploading_handler.h"
+#include "platform/dispatch/concurrent_queue.h"
 #include "platform/http/http_body_file.h"
 #include "platform/http/http_curl_client.h"
 
 namespace nembra {
+
+static_assert(
+    std::is_same_v<NembraConnect::ProgressCallback, BackgroundTaskContext::ProgressHandler>,
+    "the public header names the context's progress handler type itself");
 
 namespace {
 
@@ -148,10 +155,12 @@ HttpHeaders multipartHeaders(int64_t length) {
 }  // namespace
 
 NembraConnect::NembraConnect(Nembra& application)
-    : application_(application), client_(std::make_unique<CurlHttpClient>()) {}
+    : NembraConnect(application, std::make_unique<CurlHttpClient>()) {}
 
 NembraConnect::NembraConnect(Nembra& application, std::unique_ptr<HttpClient> client)
-    : application_(application), client_(std::move(client)) {}
+    : application_(application),
+      uploadQueue_(std::make_unique<ConcurrentQueue>("com.gcd.nembraUploadQueue")),
+      client_(std::move(client)) {}
 
 NembraConnect::~NembraConnect() = default;
 
@@ -625,7 +634,7 @@ NembraConnect::TaskHandle NembraConnect::startUpload(HttpRequest request,
     taskContexts_[task->taskIdentifier()] =
         std::make_shared<BackgroundTaskContext>(std::move(completion), std::move(progress), task);
   }
-  uploadQueue_.async([this, task] {
+  uploadQueue_->async([this, task] {
     // Never waits: the upload starts whether or not another is in flight.
     (void)uploadSemaphore_.try_acquire();
     task->resume();

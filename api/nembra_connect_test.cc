@@ -1,4 +1,4 @@
-#include "api/nembra_connect.h"
+#include "nembra/nembra_connect.h"
 
 #include <gtest/gtest.h>
 
@@ -6,10 +6,10 @@
 #include <regex>
 #include <sstream>
 
-#include "api/nembra.h"
+#include "nembra/application.h"
+#include "nembra/main_queue.h"
 #include "platform/http/http_curl_client.h"
 #include "platform/http/testing/http_test_support.h"
-#include "platform/dispatch/main_queue.h"
 
 namespace nembra {
 namespace {

@@ -1,4 +1,4 @@
-#include "api/nembra_images.h"
+#include "nembra/nembra_images.h"
 
 namespace nembra {
 

@@ -4,9 +4,9 @@
 
 #include <mutex>
 
-#include "api/nembra.h"
-#include "api/nembra_images.h"
 #include "api/remote_image_loader.h"
+#include "nembra/application.h"
+#include "nembra/nembra_images.h"
 
 namespace nembra {
 namespace {

@@ -1,14 +1,14 @@
-#include "api/nembra_uploading_handler.h"
+#include "nembra/nembra_uploading_handler.h"
 
 #include "api/media_downloader.h"
 #include "api/media_requests.h"
-#include "api/media_type.h"
 #include "api/media_uploader.h"
 #include "api/media_urls.h"
-#include "api/nembra.h"
 #include "api/upload_resumption.h"
 #include "api/video_conversion.h"
 #include "api/video_covers.h"
+#include "nembra/application.h"
+#include "nembra/media_type.h"
 
 namespace nembra {
 

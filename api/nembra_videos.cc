@@ -1,14 +1,15 @@
-#include "api/nembra_videos.h"
+#include "nembra/nembra_videos.h"
 
 #include <filesystem>
 
 #include "api/media_token.h"
-#include "api/media_type.h"
 #include "api/media_urls.h"
-#include "api/nembra.h"
-#include "api/nembra_cache_manager.h"
-#include "api/nembra_connect.h"
 #include "api/utils.h"
+#include "nembra/application.h"
+#include "nembra/media_type.h"
+#include "nembra/nembra_cache_manager.h"
+#include "nembra/nembra_connect.h"
+#include "platform/dispatch/serial_queue.h"
 #include "platform/media/image_codec.h"
 
 namespace nembra {
@@ -43,7 +44,9 @@ NembraVideos::JsonCallback videoOnMain(MainQueue& main, NembraVideos::VideoCallb
 
 }  // namespace
 
-NembraVideos::NembraVideos(Nembra& application) : application_(application) {}
+NembraVideos::NembraVideos(Nembra& application)
+    : application_(application),
+      operationQueue_(std::make_unique<SerialQueue>("com.nembra.videos")) {}
 
 NembraVideos::~NembraVideos() { *alive_ = false; }
 
@@ -296,7 +299,7 @@ void NembraVideos::createVideoWithData(const Json& data, const std::string& file
                                        ProgressCallback progress) {
   std::weak_ptr<bool> alive = alive_;
   // The copy may be large: made on the operation queue, the flow goes on from there.
-  operationQueue_.async([this, alive, data, file, cover, callback, progress] {
+  operationQueue_->async([this, alive, data, file, cover, callback, progress] {
     std::optional<std::string> copy;
     std::error_code ec;
     if (std::filesystem::is_regular_file(file, ec) && std::filesystem::file_size(file, ec) > 0) {

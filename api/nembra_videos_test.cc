@@ -1,16 +1,17 @@
-#include "api/nembra_videos.h"
+#include "nembra/nembra_videos.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
 
-#include "api/media_type.h"
-#include "api/nembra.h"
-#include "api/nembra_audios.h"
-#include "api/nembra_cache_manager.h"
-#include "api/nembra_connect.h"
-#include "api/nembra_images.h"
+#include "nembra/application.h"
+#include "nembra/media_type.h"
+#include "nembra/nembra_audios.h"
+#include "nembra/nembra_cache_manager.h"
+#include "nembra/nembra_connect.h"
+#include "nembra/nembra_images.h"
+#include "platform/files/file_system.h"
 #include "platform/http/testing/http_test_support.h"
 #include "platform/media/image_codec.h"
 

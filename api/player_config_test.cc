@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "api/media_type.h"
 #include "nembra/file_selector_config.h"
+#include "nembra/media_type.h"
 
 namespace nembra {
 namespace {

@@ -4,7 +4,7 @@
 
 #include "api/config_line.h"
 #include "api/extra_args.h"
-#include "api/still_image.h"
+#include "nembra/still_image.h"
 
 namespace nembra {
 

@@ -2,9 +2,9 @@
 
 #include <cstdio>
 
-#include "api/media_type.h"
-#include "api/nembra.h"
-#include "api/nembra_cache_manager.h"
+#include "nembra/application.h"
+#include "nembra/media_type.h"
+#include "nembra/nembra_cache_manager.h"
 #include "platform/dispatch/concurrent_queue.h"
 #include "platform/files/file_system.h"
 #include "platform/http/http_client.h"

@@ -1,4 +1,4 @@
-#include "api/reply_status.h"
+#include "nembra/reply_status.h"
 
 namespace nembra {
 

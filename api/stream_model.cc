@@ -1,4 +1,4 @@
-#include "api/stream_model.h"
+#include "nembra/stream_model.h"
 
 #include "api/model_field_lists.h"
 

@@ -1,4 +1,4 @@
-#include "api/stream_model.h"
+#include "nembra/stream_model.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "api/thumbnail_cache.h"
+#include "nembra/thumbnail_cache.h"
 
 namespace nembra {
 

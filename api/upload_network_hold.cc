@@ -1,8 +1,8 @@
 #include "api/upload_network_hold.h"
 
-#include "api/nembra.h"
 #include "api/reachability.h"
 #include "api/reachability_manager.h"
+#include "nembra/application.h"
 
 namespace nembra {
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "api/media_uploader.h"
-#include "api/nembra.h"
 #include "api/upload_url_reply.h"
+#include "nembra/application.h"
 
 namespace nembra {
 

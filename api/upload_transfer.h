@@ -10,10 +10,10 @@
 #include <memory>
 #include <string>
 
-#include "api/media_callbacks.h"
 #include "api/upload_file_stamp.h"
 #include "api/upload_flow.h"
 #include "api/upload_journal.h"
+#include "nembra/media_callbacks.h"
 #include "platform/dispatch/timer.h"
 #include "platform/files/file_lock.h"
 

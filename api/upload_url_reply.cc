@@ -1,9 +1,9 @@
 #include "api/upload_url_reply.h"
 
-#include "api/media_fields.h"
 #include "api/media_token.h"
-#include "api/media_type.h"
 #include "api/utils.h"
+#include "nembra/media_fields.h"
+#include "nembra/media_type.h"
 #include "platform/http/base64.h"
 #include "platform/http/http_time.h"
 

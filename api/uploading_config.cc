@@ -1,4 +1,4 @@
-#include "api/uploading_config.h"
+#include "nembra/uploading_config.h"
 
 #include "api/config_line.h"
 #include "api/extra_args.h"

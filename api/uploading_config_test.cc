@@ -1,11 +1,11 @@
-#include "api/uploading_config.h"
+#include "nembra/uploading_config.h"
 
 #include <gtest/gtest.h>
 
-#include "api/cache_config.h"
-#include "api/media_type.h"
-#include "api/nembra.h"
 #include "api/upload_flow.h"
+#include "nembra/application.h"
+#include "nembra/cache_config.h"
+#include "nembra/media_type.h"
 
 namespace nembra {
 namespace {

@@ -1,4 +1,4 @@
-#include "api/video.h"
+#include "nembra/video.h"
 
 #include "api/model_field_lists.h"
 

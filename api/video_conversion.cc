@@ -2,7 +2,7 @@
 
 #include <filesystem>
 
-#include "api/nembra.h"
+#include "nembra/application.h"
 #include "platform/files/file_system.h"
 
 namespace nembra {

@@ -9,8 +9,8 @@
 #include <memory>
 #include <string>
 
-#include "api/media_callbacks.h"
-#include "api/thumbnail_cache.h"
+#include "nembra/media_callbacks.h"
+#include "nembra/thumbnail_cache.h"
 #include "platform/dispatch/concurrent_queue.h"
 #include "platform/media/frame_grabber.h"
 #include "platform/media/image_codec.h"

@@ -1,6 +1,8 @@
-#include "api/video_size.h"
+#include "nembra/video_size.h"
 
 #include <gtest/gtest.h>
+
+#include "platform/system/device_facts.h"
 
 namespace nembra {
 namespace {

@@ -1,4 +1,4 @@
-#include "api/video.h"
+#include "nembra/video.h"
 
 #include <gtest/gtest.h>
 

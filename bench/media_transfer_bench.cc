@@ -8,9 +8,9 @@
 #include <filesystem>
 #include <fstream>
 
-#include "api/cache_config.h"
-#include "api/nembra.h"
-#include "api/nembra_cache_manager.h"
+#include "nembra/application.h"
+#include "nembra/cache_config.h"
+#include "nembra/nembra_cache_manager.h"
 
 namespace nembra {
 namespace {

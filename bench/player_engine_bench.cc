@@ -29,7 +29,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/dispatch/main_queue.h"
+#include "nembra/main_queue.h"
 #include "platform/ffmpeg/testing/realtime_audio_output.h"
 #include "platform/media/media_player_engine.h"
 

@@ -27,7 +27,7 @@
 #include <thread>
 #include <vector>
 
-#include "api/nembra_connect.h"
+#include "nembra/nembra_connect.h"
 #include "platform/system/child_process.h"
 
 namespace nembra {

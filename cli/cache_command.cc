@@ -7,13 +7,13 @@
 #include <iostream>
 #include <set>
 
-#include "api/cache_config.h"
-#include "api/media_type.h"
-#include "api/nembra.h"
-#include "api/nembra_cache_manager.h"
 #include "api/utils.h"
 #include "cli/cli_context.h"
 #include "cli/progress_board.h"
+#include "nembra/application.h"
+#include "nembra/cache_config.h"
+#include "nembra/media_type.h"
+#include "nembra/nembra_cache_manager.h"
 
 namespace nembra {
 

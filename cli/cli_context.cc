@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "api/console_log.h"
-#include "api/nembra.h"
+#include "nembra/application.h"
 #include "platform/media/media_log.h"
 
 namespace nembra {

@@ -11,15 +11,15 @@
 #include <thread>
 #include <type_traits>
 
-#include "api/media_type.h"
-#include "api/nembra.h"
-#include "api/nembra_audios.h"
-#include "api/nembra_connect.h"
-#include "api/nembra_images.h"
-#include "api/nembra_uploading_handler.h"
-#include "api/nembra_videos.h"
-#include "api/reply_status.h"
 #include "cli/cli_context.h"
+#include "nembra/application.h"
+#include "nembra/media_type.h"
+#include "nembra/nembra_audios.h"
+#include "nembra/nembra_connect.h"
+#include "nembra/nembra_images.h"
+#include "nembra/nembra_uploading_handler.h"
+#include "nembra/nembra_videos.h"
+#include "nembra/reply_status.h"
 #include "platform/files/file_system.h"
 #include "platform/media/media_backend.h"
 #include "platform/media/media_log.h"

@@ -2,13 +2,13 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
-#include "api/device_info.h"
-#include "api/nembra.h"
 #include "api/reachability_manager.h"
 #include "cli/cli_context.h"
+#include "nembra/application.h"
+#include "nembra/device_info.h"
+#include "platform/files/file_system.h"
 #include "platform/system/capture_hardware.h"
 #include "platform/system/device_facts.h"
-#include "platform/files/file_system.h"
 
 namespace nembra {
 

@@ -1,7 +1,9 @@
 // The `nembra` command-line tool: the SDK's operations for a user at a terminal or a script.
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <string>
 
+#include "api/sdk_version.h"
 #include "cli/cli_context.h"
 
 int main(int argc, char** argv) {
@@ -13,6 +15,9 @@ int main(int argc, char** argv) {
       "Point it at a service with --server (or NEMBRA_SERVER) and an application\n"
       "token with --token (or NEMBRA_TOKEN); `nembra serve` runs one locally."};
   app.set_help_all_flag("--help-all", "Show help for every subcommand");
+  // The version device-info reports as the SDK's.
+  app.set_version_flag("--version", std::string("nembra ") + nembra::kNembraSdkVersion,
+                       "Print the SDK version and exit");
   app.require_subcommand(1);
   // Subcommands inherit it: the options above may also come after a subcommand
   // (`nembra videos list --json`).

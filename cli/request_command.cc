@@ -5,9 +5,9 @@
 #include <future>
 #include <iostream>
 
-#include "api/nembra.h"
-#include "api/nembra_connect.h"
 #include "cli/cli_context.h"
+#include "nembra/application.h"
+#include "nembra/nembra_connect.h"
 
 namespace nembra {
 

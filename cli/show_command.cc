@@ -6,10 +6,10 @@
 #include <cstdio>
 #include <iostream>
 
-#include "api/nembra.h"
-#include "api/nembra_images.h"
 #include "api/remote_image_loader.h"
 #include "cli/cli_context.h"
+#include "nembra/application.h"
+#include "nembra/nembra_images.h"
 #include "platform/dispatch/timer.h"
 #include "platform/ui/screen_presenter.h"
 #include "platform/ui/ui_adapter.h"

@@ -14,13 +14,14 @@
 #include <iostream>
 #include <map>
 
-#include "api/media_type.h"
-#include "api/nembra.h"
-#include "api/nembra_uploading_handler.h"
-#include "api/reply_status.h"
-#include "api/uploading_config.h"
+#include "api/upload_journal.h"
 #include "cli/cli_context.h"
 #include "cli/progress_board.h"
+#include "nembra/application.h"
+#include "nembra/media_type.h"
+#include "nembra/nembra_uploading_handler.h"
+#include "nembra/reply_status.h"
+#include "nembra/uploading_config.h"
 #include "platform/files/file_system.h"
 #include "platform/media/media_log.h"
 

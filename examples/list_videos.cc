@@ -2,11 +2,11 @@
 // lists the application's videos and prints them from the main queue.
 //
 //   example_list_videos http://127.0.0.1:8080 my-app-token
+#include <nembra/nembra.h>
+
 #include <cstdio>
 #include <optional>
-
-#include "api/video.h"
-#include "nembra/nembra.h"
+#include <string>
 
 int main(int argc, char** argv) {
   if (argc != 3) {
@@ -18,19 +18,21 @@ int main(int argc, char** argv) {
   app.config().useSingleServer(argv[1]);
 
   int exitCode = 1;
-  const std::string url = app.config().server_api_url + "/v1/applications/" + app.token() + "/videos";
+  const std::string url =
+      app.config().server_api_url + "/v1/applications/" + app.token() + "/videos";
   app.connect().getJsonArrayWithPath(
       url, nembra::Json{{"limit", 20}},
       [&](const std::optional<nembra::Json>& json, const nembra::HttpResponse& response,
           const nembra::OptionalError& error) {
         // The connection calls back on its own queue; models are handled on the main queue.
         main.async([&, json, response, error] {
-          if (error || response.status != 200 || !json) {
+          // A body of two bytes or fewer ("[]", no videos yet) gives no JSON.
+          if (error || response.status != 200 || (json && !json->is_array())) {
             std::fprintf(stderr, "listing failed: %s\n",
                          error ? error->message.c_str()
                                : ("HTTP " + std::to_string(response.status)).c_str());
           } else {
-            for (const auto& item : *json) {
+            for (const auto& item : json.value_or(nembra::Json::array())) {
               nembra::Video video = nembra::Video::initWithJson(item);
               std::printf("%s  %-30s %.1f s\n", video.token.c_str(), video.title.c_str(),
                           video.duration);

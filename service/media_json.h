@@ -11,7 +11,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "api/stream_model.h"
+#include "nembra/stream_model.h"
 #include "service/media_view.h"
 
 namespace nembra {

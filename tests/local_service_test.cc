@@ -18,9 +18,9 @@
 #include <random>
 #include <thread>
 
-#include "api/nembra.h"
-#include "api/nembra_connect.h"
 #include "api/percent_encoding.h"
+#include "nembra/application.h"
+#include "nembra/nembra_connect.h"
 #include "platform/media/media_probe.h"
 #include "platform/media/testing/media_test_files.h"
 #include "tests/test_support.h"

@@ -11,19 +11,20 @@
 #include <sstream>
 #include <thread>
 
-#include "api/media_type.h"
-#include "api/nembra.h"
-#include "api/nembra_audios.h"
-#include "api/nembra_connect.h"
-#include "api/nembra_images.h"
-#include "api/nembra_uploading_handler.h"
-#include "api/nembra_videos.h"
 #include "api/reachability.h"
-#include "platform/system/child_process.h"
-#include "platform/net/testing/fake_network_interfaces.h"
+#include "nembra/application.h"
+#include "nembra/media_type.h"
+#include "nembra/nembra_audios.h"
+#include "nembra/nembra_connect.h"
+#include "nembra/nembra_images.h"
+#include "nembra/nembra_uploading_handler.h"
+#include "nembra/nembra_videos.h"
+#include "platform/files/file_system.h"
 #include "platform/media/media_log.h"
 #include "platform/media/media_sample_writer.h"
 #include "platform/media/testing/media_test_files.h"
+#include "platform/net/testing/fake_network_interfaces.h"
+#include "platform/system/child_process.h"
 #include "tests/test_support.h"
 
 namespace nembra {

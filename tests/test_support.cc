@@ -94,9 +94,16 @@ std::unique_ptr<ServeProcess> ServeProcess::start(const Options& options, std::s
   serve->scratch_ = std::make_unique<TempDir>("nembra-serve");
   const std::string portFile = serve->scratch_->file("port");
   ChildProcessOptions child;
-  child.argv = {
-      NEMBRA_CLI_PATH, "serve",  "--port",        "0",           "--port-file",
-      portFile,        "--data", options.dataDir, "--rtmp-port", std::to_string(options.rtmpPort)};
+  child.argv = {options.program.empty() ? std::string(NEMBRA_CLI_PATH) : options.program,
+                "serve",
+                "--port",
+                "0",
+                "--port-file",
+                portFile,
+                "--data",
+                options.dataDir,
+                "--rtmp-port",
+                std::to_string(options.rtmpPort)};
   child.argv.insert(child.argv.end(), options.extraArgs.begin(), options.extraArgs.end());
   child.stdoutPath = serve->scratch_->file("output");
   child.stderrPath = child.stdoutPath;

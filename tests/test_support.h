@@ -57,6 +57,7 @@ class ServeProcess {
  public:
   struct Options {
     std::string dataDir;  // required
+    std::string program;  // the `nembra` to run; "": the built tool (NEMBRA_CLI_PATH)
     int rtmpPort = 0;     // 0: no ingest
     std::vector<std::string> extraArgs;
     std::chrono::seconds startTimeout{20};

@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "api/nembra.h"
-#include "platform/dispatch/main_queue.h"
+#include "nembra/application.h"
+#include "nembra/main_queue.h"
 #include "platform/media/media_player_engine.h"
 #include "platform/media/testing/media_test_files.h"
 #include "platform/ui/screen_presenter.h"

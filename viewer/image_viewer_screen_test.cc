@@ -5,9 +5,10 @@
 #include <fstream>
 #include <sstream>
 
-#include "api/nembra.h"
 #include "api/nembra_screens.h"
-#include "platform/dispatch/main_queue.h"
+#include "nembra/application.h"
+#include "nembra/main_queue.h"
+#include "platform/http/http_client.h"
 #include "platform/http/testing/http_test_support.h"
 #include "platform/media/testing/media_test_files.h"
 #include "platform/ui/headless_ui.h"

@@ -1,6 +1,6 @@
 #include "viewer/viewer_screens.h"
 
-#include "api/nembra.h"
+#include "nembra/application.h"
 #include "platform/ui/screen_presenter.h"
 #include "viewer/image_viewer_screen.h"
 

@@ -11,12 +11,14 @@
 #include <functional>
 #include <mutex>
 
-#include "api/media_type.h"
-#include "api/nembra.h"
-#include "api/nembra_cache_manager.h"
-#include "api/nembra_connect.h"
-#include "api/nembra_uploading_handler.h"
 #include "api/reachability.h"
+#include "api/upload_journal.h"
+#include "nembra/application.h"
+#include "nembra/media_type.h"
+#include "nembra/nembra_cache_manager.h"
+#include "nembra/nembra_connect.h"
+#include "nembra/nembra_uploading_handler.h"
+#include "platform/files/file_system.h"
 #include "platform/http/testing/http_test_support.h"
 #include "platform/media/media_log.h"
 #include "platform/net/testing/fake_network_interfaces.h"

@@ -9,12 +9,12 @@
 #include <memory>
 #include <string>
 
-#include "api/cache_config.h"
-#include "api/video_size.h"
+#include "nembra/cache_config.h"
 #include "nembra/camera_recorder_style.h"
 #include "nembra/json.h"
 #include "nembra/rgba_color.h"
 #include "nembra/stop_recording_confirmation_dialog_config.h"
+#include "nembra/video_size.h"
 
 namespace nembra {
 

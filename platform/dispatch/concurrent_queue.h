@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/dispatch/task_queue.h"
+#include "nembra/task_queue.h"
 
 namespace nembra {
 

@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
+#include "nembra/main_queue.h"
 #include "platform/dispatch/concurrent_queue.h"
-#include "platform/dispatch/main_queue.h"
 #include "platform/dispatch/serial_queue.h"
 #include "platform/dispatch/timer.h"
 #include "platform/system/notification_center.h"

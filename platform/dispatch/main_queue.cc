@@ -1,4 +1,4 @@
-#include "platform/dispatch/main_queue.h"
+#include "nembra/main_queue.h"
 
 #include "platform/dispatch/scheduler.h"
 

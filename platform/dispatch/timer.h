@@ -5,7 +5,7 @@
 #include <chrono>
 #include <memory>
 
-#include "platform/dispatch/task_queue.h"
+#include "nembra/task_queue.h"
 
 namespace nembra {
 

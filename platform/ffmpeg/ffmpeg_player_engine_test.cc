@@ -8,7 +8,7 @@
 #include <random>
 #include <thread>
 
-#include "platform/dispatch/main_queue.h"
+#include "nembra/main_queue.h"
 #include "platform/ffmpeg/testing/realtime_audio_output.h"
 #include "platform/ffmpeg/testing/recording_video_surface.h"
 #include "platform/ffmpeg/testing/test_byte_source.h"

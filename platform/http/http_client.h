@@ -7,39 +7,16 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "nembra/error.h"
+#include "nembra/http_message.h"
 
 namespace nembra {
 
 class HttpBodyFile;
 class HttpTask;
-
-// Header lines in the order they are sent or were received. Names keep their spelling.
-using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
-
-struct HttpRequest {
-  std::string method = "GET";
-  std::string url;
-  HttpHeaders headers;
-  // Absent: no body at all (a GET). Present but empty: a body of zero bytes.
-  std::optional<std::vector<uint8_t>> body;
-};
-
-struct HttpResponse {
-  // 0 when no response arrived (the request failed before a status line).
-  int status = 0;
-  // The URL that answered, after any redirects.
-  std::string url;
-  // Headers of the final response.
-  HttpHeaders headers;
-
-  // The first header named |name|, compared without regard to case.
-  std::optional<std::string> header(std::string_view name) const;
-};
 
 // What a task reports. Both run on the client's callback queue, never on the caller's stack,
 // and a task's events arrive in order: progress events, then exactly one completion.

@@ -5,10 +5,10 @@
 
 #include <atomic>
 
+#include "nembra/main_queue.h"
 #include "platform/http/http_body_file.h"
 #include "platform/http/http_curl_client.h"
 #include "platform/http/testing/http_test_support.h"
-#include "platform/dispatch/main_queue.h"
 
 namespace nembra {
 namespace {

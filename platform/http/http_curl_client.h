@@ -13,8 +13,8 @@
 #include <optional>
 #include <string>
 
+#include "nembra/http_task.h"
 #include "platform/http/http_client.h"
-#include "platform/http/http_task.h"
 
 namespace nembra {
 

@@ -12,10 +12,10 @@
 #include <memory>
 #include <mutex>
 
+#include "nembra/http_task.h"
 #include "platform/http/http_body_file.h"
 #include "platform/http/http_ca_bundle.h"
 #include "platform/http/http_client.h"
-#include "platform/http/http_task.h"
 
 namespace nembra {
 

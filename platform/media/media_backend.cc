@@ -1,6 +1,7 @@
 #include "platform/media/media_backend.h"
 
 #include <dlfcn.h>
+#include <link.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -8,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include "platform/media/media_sample_writer.h"
@@ -22,6 +24,33 @@ constexpr const char* kEntryPoint = "nembra_media_backend";
 std::atomic<MediaBackend*> loadedBackend{nullptr};
 std::atomic<int> requestedLogLevel{-1};  // a MediaLogLevel set before loading, -1 for none
 
+// The canonical path of the shared library the SDK's code was loaded from (an installed
+// libnembra), or nothing when the SDK is linked into the executable itself.
+std::optional<std::filesystem::path> sdkLibraryPath() {
+  Dl_info info{};
+  link_map* map = nullptr;
+  if (::dladdr1(&loadedBackend, &info, reinterpret_cast<void**>(&map), RTLD_DL_LINKMAP) == 0 ||
+      map == nullptr || map->l_name == nullptr || map->l_name[0] == '\0') {
+    return std::nullopt;  // the main program's map has no name
+  }
+  std::error_code error;
+  auto path = std::filesystem::canonical(map->l_name, error);
+  if (error) return std::nullopt;
+  return path;
+}
+
+#ifdef NEMBRA_MEDIA_PLUGIN_PATH
+// Whether |image| lies in the build tree the SDK was built in: only binaries there may take the
+// plug-in the build made, never an installed copy.
+bool inBuildTree(const std::filesystem::path& image) {
+  std::error_code error;
+  const auto buildDir = std::filesystem::canonical(NEMBRA_BUILD_DIR, error);
+  if (error) return false;
+  const std::string prefix = buildDir.string() + "/";
+  return image.string().compare(0, prefix.size(), prefix) == 0;
+}
+#endif
+
 std::vector<std::string> pluginCandidates() {
   if (const char* explicitPath = std::getenv("NEMBRA_MEDIA_PLUGIN");
       explicitPath && *explicitPath) {
@@ -31,8 +60,22 @@ std::vector<std::string> pluginCandidates() {
   std::error_code error;
   const auto executable = std::filesystem::read_symlink("/proc/self/exe", error);
   if (!error) candidates.push_back((executable.parent_path() / kPluginFile).string());
+  const std::optional<std::filesystem::path> library = sdkLibraryPath();
+  if (library) {
+    // An installed libnembra: the plug-in in its own folder beside it, or beside it.
+    const auto directory = library->parent_path();
+    candidates.push_back((directory / NEMBRA_MEDIA_PLUGIN_LIBDIR_SUBDIR / kPluginFile).string());
+    candidates.push_back((directory / kPluginFile).string());
+  } else if (!error) {
+    // The SDK linked into an installed program (the `nembra` tool): the install's plug-in folder.
+    candidates.push_back((executable.parent_path() / NEMBRA_MEDIA_PLUGIN_FROM_BINDIR / kPluginFile)
+                             .lexically_normal()
+                             .string());
+  }
 #ifdef NEMBRA_MEDIA_PLUGIN_PATH
-  candidates.push_back(NEMBRA_MEDIA_PLUGIN_PATH);
+  if (library ? inBuildTree(*library) : !error && inBuildTree(executable)) {
+    candidates.push_back(NEMBRA_MEDIA_PLUGIN_PATH);
+  }
 #endif
   return candidates;
 }

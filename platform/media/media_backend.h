@@ -4,9 +4,12 @@
 // two hundred libraries it brings: publishing a file through the built-in MP4 reader, uploads,
 // the local service's REST side.
 //
-// The plug-in is found, in order: at $NEMBRA_MEDIA_PLUGIN; beside the running executable; where
-// the build put it. A process that needs it and cannot load it ends the way a missing shared
-// library ends a program: a message on standard error and exit code 127.
+// The plug-in is found, in order: at $NEMBRA_MEDIA_PLUGIN (then nowhere else); beside the running
+// executable; when the SDK is a shared library (an installed libnembra), in "nembra/" beside that
+// library, then beside it; when the SDK is linked into the executable, in the install's plug-in
+// folder seen from the executable ("../lib/nembra"); and, for binaries in the build tree only,
+// where the build put it. A process that needs it and cannot load it ends the way a missing
+// shared library ends a program: a message on standard error and exit code 127.
 //
 // Threading: any thread; the first use loads the plug-in once.
 #pragma once

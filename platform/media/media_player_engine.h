@@ -19,8 +19,8 @@
 #include <vector>
 
 #include "nembra/error.h"
+#include "nembra/task_queue.h"
 #include "platform/audio/audio_output.h"
-#include "platform/dispatch/task_queue.h"
 #include "platform/ui/video_surface.h"
 
 namespace nembra {

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/dispatch/main_queue.h"
+#include "nembra/main_queue.h"
 #include "platform/dispatch/timer.h"
 
 namespace nembra {

@@ -8,7 +8,7 @@
 #include <mutex>
 #include <string>
 
-#include "platform/dispatch/main_queue.h"
+#include "nembra/main_queue.h"
 
 namespace nembra {
 

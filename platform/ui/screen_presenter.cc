@@ -1,6 +1,6 @@
 #include "platform/ui/screen_presenter.h"
 
-#include "platform/dispatch/main_queue.h"
+#include "nembra/main_queue.h"
 
 namespace nembra {
 

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-#include "platform/dispatch/main_queue.h"
+#include "nembra/main_queue.h"
 #include "platform/dispatch/thread_name.h"
 
 namespace nembra {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/dispatch/main_queue.h"
+#include "nembra/main_queue.h"
 #include "platform/ui/screen.h"
 #include "platform/ui/screen_presenter.h"
 

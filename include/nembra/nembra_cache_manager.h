@@ -10,16 +10,17 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/files/file_system.h"
-
 namespace nembra {
 
+class FileSystem;
 class Nembra;
 
 class NembraCacheManager {
  public:
   // |isPlayer| tells the players' manager from the recordings' one; it changes nothing here.
-  NembraCacheManager(Nembra& application, bool isPlayer, FileSystem& fs = FileSystem::shared());
+  NembraCacheManager(Nembra& application, bool isPlayer);
+  // With the file system given (the SDK's tests); the one above uses the shared one.
+  NembraCacheManager(Nembra& application, bool isPlayer, FileSystem& fs);
 
   bool isPlayer() const { return isPlayer_; }
 

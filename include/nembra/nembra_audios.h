@@ -3,9 +3,9 @@
 // Threading: as MediaEndpoint.
 #pragma once
 
-#include "api/audio.h"
-#include "api/media_endpoint.h"
-#include "api/media_type.h"
+#include "nembra/audio.h"
+#include "nembra/media_endpoint.h"
+#include "nembra/media_type.h"
 
 namespace nembra {
 

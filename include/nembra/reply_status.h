@@ -9,8 +9,8 @@
 #include <string>
 
 #include "nembra/error.h"
+#include "nembra/http_message.h"
 #include "nembra/json.h"
-#include "platform/http/http_client.h"
 
 namespace nembra {
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "api/still_image.h"
+#include "nembra/still_image.h"
 
 namespace nembra {
 

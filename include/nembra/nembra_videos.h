@@ -13,21 +13,22 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "api/nembra_delegates.h"
-#include "api/nembra_uploading_handler.h"
-#include "api/still_image.h"
-#include "api/thumbnail_cache.h"
-#include "api/video.h"
 #include "nembra/json.h"
-#include "platform/dispatch/serial_queue.h"
+#include "nembra/nembra_delegates.h"
+#include "nembra/nembra_uploading_handler.h"
+#include "nembra/still_image.h"
+#include "nembra/thumbnail_cache.h"
+#include "nembra/video.h"
 
 namespace nembra {
 
 class Nembra;
+class SerialQueue;
 
 class NembraVideos {
  public:
@@ -132,7 +133,7 @@ class NembraVideos {
   // Main-queue tasks hold it weakly and do nothing once it is gone.
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   // Last: destroyed first, finishing its work while the members above still live.
-  SerialQueue operationQueue_{"com.nembra.videos"};
+  std::unique_ptr<SerialQueue> operationQueue_;  // "com.nembra.videos"
 };
 
 }  // namespace nembra

@@ -5,18 +5,22 @@
 // main queue given at construction. log() may be called from any thread.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "api/cache_config.h"
-#include "api/nembra_config.h"
-#include "api/nembra_delegates.h"
-#include "api/uploading_config.h"
+#include "nembra/cache_config.h"
+#include "nembra/error.h"
+#include "nembra/http_message.h"
 #include "nembra/json.h"
-#include "platform/dispatch/main_queue.h"
+#include "nembra/main_queue.h"
+#include "nembra/nembra_config.h"
+#include "nembra/nembra_delegates.h"
+#include "nembra/uploading_config.h"
 
 namespace nembra {
 

@@ -8,7 +8,7 @@
 #include <mutex>
 #include <thread>
 
-#include "platform/dispatch/task_queue.h"
+#include "nembra/task_queue.h"
 
 namespace nembra {
 

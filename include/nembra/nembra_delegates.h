@@ -11,9 +11,9 @@
 #include <string>
 
 #include "nembra/error.h"
+#include "nembra/http_message.h"
+#include "nembra/http_task.h"
 #include "nembra/json.h"
-#include "platform/http/http_client.h"
-#include "platform/http/http_task.h"
 
 namespace nembra {
 

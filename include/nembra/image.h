@@ -8,8 +8,8 @@
 #include <optional>
 #include <string>
 
-#include "api/content_model.h"
-#include "api/device_info.h"
+#include "nembra/content_model.h"
+#include "nembra/device_info.h"
 #include "nembra/json.h"
 
 namespace nembra {

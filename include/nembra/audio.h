@@ -8,10 +8,10 @@
 #include <optional>
 #include <string>
 
-#include "api/content_model.h"
-#include "api/device_info.h"
-#include "api/stream_model.h"
+#include "nembra/content_model.h"
+#include "nembra/device_info.h"
 #include "nembra/json.h"
+#include "nembra/stream_model.h"
 
 namespace nembra {
 

@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "api/nembra.h"
-#include "api/nembra_uploading_handler.h"
+#include "nembra/application.h"
 #include "nembra/json.h"
+#include "nembra/nembra_uploading_handler.h"
 
 namespace nembra {
 

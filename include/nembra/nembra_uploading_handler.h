@@ -30,22 +30,23 @@
 #include <optional>
 #include <string>
 
-#include "api/media_callbacks.h"
-#include "api/thumbnail_cache.h"
-#include "api/upload_journal.h"
 #include "nembra/error.h"
 #include "nembra/json.h"
-#include "platform/dispatch/timer.h"
-#include "platform/http/http_client.h"
-#include "platform/media/frame_grabber.h"
-#include "platform/media/image_codec.h"
-#include "platform/media/media_converter.h"
-#include "platform/system/notification_center.h"
+#include "nembra/media_callbacks.h"
+#include "nembra/thumbnail_cache.h"
 
 namespace nembra {
 
+// The SDK's own parts the handler is built on; hosts never need them.
+class FrameGrabber;
+class HttpClient;
+class ImageCodec;
+class MediaConverter;
 class Nembra;
+class NotificationCenter;
 class Reachability;
+class Timer;
+class UploadJournal;
 class MediaUploader;
 class UploadResumption;
 class MediaRequests;
@@ -63,7 +64,8 @@ class NembraUploadingHandler {
   using ImageCallback = MediaCallbacks::ImageCallback;
   using LocalImageCallback = MediaCallbacks::LocalImageCallback;
 
-  // What the handler reaches the platform through; an empty member gets the real one.
+  // What the handler reaches the platform through; an empty member gets the real one (the SDK's
+  // tests inject their own).
   struct Seams {
     std::unique_ptr<HttpClient> downloadClient;  // made when first needed
     std::unique_ptr<FrameGrabber> frameGrabber;
@@ -148,7 +150,7 @@ class NembraUploadingHandler {
   size_t resumeUnfinishedUploads();
 
   // Where reachability comes from and where its changes are announced; the shared manager's
-  // target and the default center unless set (tests inject their own).
+  // target and the default center unless set (the SDK's tests inject their own).
   void setReachability(std::shared_ptr<Reachability> reachability, NotificationCenter& center);
   // How long action 552 waits before its first new attempt (doubling after each).
   void setReloadDelay(std::chrono::milliseconds first);
@@ -161,10 +163,11 @@ class NembraUploadingHandler {
   // with several uploads running asks which of its files is no longer.
   bool isUploading(const std::string& path) const;
   ThumbnailCache& thumbCache() { return thumbCache_; }
+  // The resume journal (api/upload_journal.h: the SDK and its tool).
   UploadJournal& journal();
 
-  // A timer the host may arm for its own periodic work; the handler only ever invalidates it,
-  // at the start and end of each upload.
+  // A timer (the SDK's platform/dispatch/timer.h) that may be armed for periodic work; the
+  // handler only ever invalidates it, at the start and end of each upload.
   std::unique_ptr<Timer> uploadTimer;
 
  private:

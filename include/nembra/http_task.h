@@ -1,11 +1,12 @@
-// One request or upload made by an HttpClient. The handle may be kept and used from any thread,
-// also after the client is gone (its operations then do nothing).
+// The handle of one request or upload the SDK started (what TaskHandle and the uploading
+// delegate's backgroundTask are). The handle may be kept and used from any thread, also after
+// the SDK's HTTP client is gone (its operations then do nothing).
 #pragma once
 
 #include <cstdint>
 #include <string>
 
-#include "platform/http/http_client.h"
+#include "nembra/http_message.h"
 
 namespace nembra {
 

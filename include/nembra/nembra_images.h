@@ -3,9 +3,9 @@
 // Threading: as MediaEndpoint.
 #pragma once
 
-#include "api/image.h"
-#include "api/media_endpoint.h"
-#include "api/media_type.h"
+#include "nembra/image.h"
+#include "nembra/media_endpoint.h"
+#include "nembra/media_type.h"
 
 namespace nembra {
 

@@ -7,11 +7,11 @@
 #include <optional>
 #include <string>
 
-#include "api/still_image.h"
 #include "nembra/error.h"
+#include "nembra/http_message.h"
+#include "nembra/http_task.h"
 #include "nembra/json.h"
-#include "platform/http/http_client.h"
-#include "platform/http/http_task.h"
+#include "nembra/still_image.h"
 
 namespace nembra {
 

@@ -6,11 +6,12 @@
 #include <cstdint>
 #include <optional>
 
-#include "api/aspect_ratio.h"
+#include "nembra/aspect_ratio.h"
 #include "nembra/error.h"
-#include "platform/system/device_facts.h"
 
 namespace nembra {
+
+struct DisplaySize;  // the platform's display facts; screenAspectRatio is for the SDK's tests
 
 class VideoSize {
  public:

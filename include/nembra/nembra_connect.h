@@ -31,16 +31,17 @@
 #include <string>
 #include <vector>
 
-#include "api/background_task_context.h"
 #include "nembra/error.h"
+#include "nembra/http_message.h"
+#include "nembra/http_task.h"
 #include "nembra/json.h"
-#include "platform/dispatch/concurrent_queue.h"
-#include "platform/http/http_client.h"
-#include "platform/http/http_task.h"
 
 namespace nembra {
 
+class BackgroundTaskContext;
+class ConcurrentQueue;
 class HttpBodyFile;
+class HttpClient;
 class Nembra;
 
 class NembraConnect {
@@ -60,7 +61,9 @@ class NembraConnect {
   // transport error, or when it does not parse (the error is then a Parse error).
   using JsonCallback = std::function<void(
       const std::optional<Json>& json, const HttpResponse& response, const OptionalError& error)>;
-  using ProgressCallback = BackgroundTaskContext::ProgressHandler;
+  // (bytes sent so far, bytes expected); BackgroundTaskContext::ProgressHandler.
+  using ProgressCallback =
+      std::function<void(int64_t totalBytesSent, int64_t totalBytesExpectedToSend)>;
   using ParametersCallback = std::function<TaskHandle(const Parameters& completed)>;
   using SessionCallback = std::function<TaskHandle(const std::optional<std::string>& key,
                                                    const std::optional<std::string>& value)>;
@@ -74,6 +77,7 @@ class NembraConnect {
 
   // Uses the platform HTTP client.
   explicit NembraConnect(Nembra& application);
+  // With the HTTP client given (the SDK's tests).
   NembraConnect(Nembra& application, std::unique_ptr<HttpClient> client);
   // Aborts running requests and uploads without calling their callbacks.
   ~NembraConnect();
@@ -167,8 +171,9 @@ class NembraConnect {
   std::optional<std::string> getSessionValue() const;
   void setSessionValue(std::optional<std::string> value);
 
-  // Upload events from the HTTP client: progress (bytes sent now, so far, expected) and
-  // completion. Each goes to the task's context; an unknown task is logged and ignored.
+  // Upload events from the SDK's HTTP client (the connection's own; not for hosts): progress (bytes
+  // sent now, so far, expected) and completion. Each goes to the task's context; an unknown task is
+  // logged and ignored.
   void URLSession(HttpClient& session, HttpTask& task, int64_t bytesSent, int64_t totalBytesSent,
                   int64_t totalBytesExpectedToSend);
   void URLSession(HttpClient& session, HttpTask& task, const OptionalError& error);
@@ -200,7 +205,7 @@ class NembraConnect {
   // Taken without waiting and given back when an upload completes: it records whether an upload
   // is in flight but never holds one back (kept so: uploads start at once, side by side).
   std::counting_semaphore<> uploadSemaphore_{1};
-  ConcurrentQueue uploadQueue_{"com.gcd.nembraUploadQueue"};
+  std::unique_ptr<ConcurrentQueue> uploadQueue_;  // "com.gcd.nembraUploadQueue"
   // Last: destroyed first, so no callback runs once the members above are gone.
   std::unique_ptr<HttpClient> client_;
 };
