@@ -15,11 +15,15 @@
 
 #include "nembra/cache_config.h"
 #include "nembra/error.h"
+#include "nembra/file_selector_config.h"
 #include "nembra/http_message.h"
 #include "nembra/json.h"
 #include "nembra/main_queue.h"
 #include "nembra/nembra_config.h"
 #include "nembra/nembra_delegates.h"
+#include "nembra/player_config.h"
+#include "nembra/qr_scanner_config.h"
+#include "nembra/recorder_config.h"
 #include "nembra/uploading_config.h"
 
 namespace nembra {
@@ -71,6 +75,14 @@ class Nembra {
   void setUploadingConfig(UploadingConfig config) { uploadingConfig_ = std::move(config); }
   CacheConfig& cacheConfig() { return cacheConfig_; }
   void setCacheConfig(CacheConfig config) { cacheConfig_ = std::move(config); }
+  RecorderConfig& recorderConfig() { return recorderConfig_; }
+  void setRecorderConfig(RecorderConfig config) { recorderConfig_ = std::move(config); }
+  PlayerConfig& playerConfig() { return playerConfig_; }
+  void setPlayerConfig(PlayerConfig config) { playerConfig_ = std::move(config); }
+  FileSelectorConfig& fileSelectorConfig() { return fileSelectorConfig_; }
+  void setFileSelectorConfig(FileSelectorConfig config) { fileSelectorConfig_ = std::move(config); }
+  QrScannerConfig& qrScannerConfig() { return qrScannerConfig_; }
+  void setQrScannerConfig(QrScannerConfig config) { qrScannerConfig_ = std::move(config); }
 
   // Uploads the file at |path| with the type its lower-cased extension names: "mp4", "mov",
   // "avi" video; "mp3", "wav", "aac" audio; "png", "jpg", "bmp", "jpeg" image. Any other
@@ -186,8 +198,13 @@ class Nembra {
   std::string token_;
   std::string appGroup_;
   std::unique_ptr<NembraConfig> configObj_;
+  // The six configuration objects, each with its defaults from construction on.
+  FileSelectorConfig fileSelectorConfig_;
   UploadingConfig uploadingConfig_;
+  PlayerConfig playerConfig_;
+  QrScannerConfig qrScannerConfig_;
   CacheConfig cacheConfig_;
+  RecorderConfig recorderConfig_;
   // Declared before the connection so they are destroyed after it: once the connection is gone
   // no request callback can reach them.
   std::unique_ptr<NembraCacheManager> cacheManager_;
