@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <memory>
+#include <mutex>
 #include <sstream>
 
 #include "api/nembra_screens.h"
@@ -189,14 +191,24 @@ TEST_F(ImageViewerTest, TransportFailuresAreRetried) {
 }
 
 TEST_F(ImageViewerTest, WithoutAPresenterNothingIsShownAndTheErrorIsLogged) {
-  std::vector<std::string> lines;
+  // The sink may still be called from the network thread after the test (the error is also
+  // posted to the service): it owns what it writes to.
+  struct Lines {
+    std::mutex mutex;
+    std::vector<std::string> lines;
+  };
+  auto logged = std::make_shared<Lines>();
   nembra_.enableDebugLogs = true;
-  nembra_.setLogSink([&](const std::string& line) { lines.push_back(line); });
+  nembra_.setLogSink([logged](const std::string& line) {
+    std::lock_guard lock(logged->mutex);
+    logged->lines.push_back(line);
+  });
   nembra_.setScreenPresenter({});
   nembra_.showImageFromUri("/nowhere.png");
   EXPECT_EQ(ui_.topView(), nullptr);
-  ASSERT_FALSE(lines.empty());
-  EXPECT_NE(lines[0].find("no UI adapter is set"), std::string::npos);
+  std::lock_guard lock(logged->mutex);
+  ASSERT_FALSE(logged->lines.empty());
+  EXPECT_NE(logged->lines[0].find("no UI adapter is set"), std::string::npos);
 }
 
 TEST_F(ImageViewerTest, TokensBecomeMediaServerUrls) {
