@@ -205,8 +205,6 @@ class Nembra {
   QrScannerConfig qrScannerConfig_;
   CacheConfig cacheConfig_;
   RecorderConfig recorderConfig_;
-  // Declared before the connection so they are destroyed after it: once the connection is gone
-  // no request callback can reach them.
   std::unique_ptr<NembraCacheManager> cacheManager_;
   std::unique_ptr<NembraCacheManager> playerCacheManager_;
   std::unique_ptr<NembraUploadingHandler> uploadingHandler_;
@@ -215,7 +213,6 @@ class Nembra {
   std::unique_ptr<NembraImages> images_;
   std::shared_ptr<RemoteImageLoader> imageLoader_;
   std::weak_ptr<ScreenPresenter> screenPresenter_;
-  std::unique_ptr<NembraConnect> connectObj_;
   // The accessors above may be first called from a request callback's thread.
   std::recursive_mutex lazyMutex_;
 
@@ -230,6 +227,10 @@ class Nembra {
 
   std::mutex logMutex_;
   LogSink logSink_;  // guarded by logMutex_
+
+  // Last, so destroyed first: once the connection is gone no request callback can reach any
+  // member above (the log sink, the delegates, the lazy objects).
+  std::unique_ptr<NembraConnect> connectObj_;
 };
 
 }  // namespace nembra

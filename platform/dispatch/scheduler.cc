@@ -67,7 +67,9 @@ void Scheduler::loop() {
     }
     auto first = entries_.begin();
     if (first->first > Clock::now()) {
-      wake_.wait_until(lock, first->first);
+      // A copy: forget() may erase the entry while this waits.
+      const Clock::time_point deadline = first->first;
+      wake_.wait_until(lock, deadline);
       continue;
     }
     Entry entry = std::move(first->second);
