@@ -16,7 +16,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -27,13 +26,12 @@
 #include <thread>
 #include <vector>
 
+#include "bench/testing/local_service.h"
 #include "nembra/nembra_connect.h"
-#include "platform/system/child_process.h"
 
 namespace nembra {
 namespace {
 
-namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 using Json = nlohmann::json;
 
@@ -43,8 +41,7 @@ constexpr double kTargetP99Ms = 20;
 
 struct Options {
   std::string server;  // empty: start one
-  std::string nembra =
-      (fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "nembra").string();
+  std::string nembra = testing::LocalService::defaultTool();
   int connections = 64;
   double seconds = 10;
   double warmupSeconds = 1;
@@ -110,50 +107,6 @@ std::optional<std::string> fetch(const std::string& url, const std::string* post
   }
   return body;
 }
-
-// `nembra serve` on a free port in a data directory of its own, both gone with the object.
-class Service {
- public:
-  ~Service() {
-    process_.reset();
-    std::error_code ec;
-    if (!dir_.empty()) fs::remove_all(dir_, ec);
-  }
-
-  bool start(const std::string& nembra) {
-    std::string pattern = (fs::temp_directory_path() / "nembra-load-bench-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) return false;
-    dir_ = pattern;
-    ChildProcessOptions options;
-    options.argv = {nembra,         "serve",  "--port",       "0",           "--port-file",
-                    dir_ + "/port", "--data", dir_ + "/data", "--rtmp-port", "0"};
-    options.stdoutPath = dir_ + "/serve.log";
-    options.stderrPath = dir_ + "/serve.log";
-    if (auto error = ChildProcess::start(options, process_)) {
-      std::cerr << "service_load_bench: cannot start " << nembra << ": " << error->message << "\n";
-      return false;
-    }
-    for (int i = 0; i < 200 && process_->isRunning(); ++i) {
-      int port = 0;
-      if (std::ifstream(dir_ + "/port") >> port) {
-        url_ = "http://127.0.0.1:" + std::to_string(port);
-        return true;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    std::cerr << "service_load_bench: `nembra serve` did not start; see " << options.stdoutPath
-              << "\n";
-    return false;
-  }
-
-  const std::string& url() const { return url_; }
-  pid_t pid() const { return process_ ? process_->pid() : 0; }
-
- private:
-  std::string dir_;
-  std::string url_;
-  std::unique_ptr<ChildProcess> process_;
-};
 
 // User + system CPU seconds of a process ("self" or a pid).
 double cpuSeconds(const std::string& process) {
@@ -286,10 +239,10 @@ double percentile(const std::vector<double>& sorted, double share) {
 }
 
 int run(const Options& options) {
-  Service service;
+  testing::LocalService service;
   std::string base = options.server;
   if (base.empty()) {
-    if (!service.start(options.nembra)) return 1;
+    if (!service.start(options.nembra, "service_load_bench")) return 1;
     base = service.url();
   }
   const std::string noBody;

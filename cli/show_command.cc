@@ -11,6 +11,7 @@
 #include "nembra/application.h"
 #include "nembra/nembra_images.h"
 #include "platform/dispatch/timer.h"
+#include "platform/media/media_log.h"
 #include "platform/ui/screen_presenter.h"
 #include "platform/ui/ui_adapter.h"
 #include "viewer/viewer_screens.h"
@@ -64,6 +65,8 @@ int describeAll(Nembra& nembra, const std::vector<std::string>& uris) {
 
 int runShow(CliContext& context, const std::vector<std::string>& uris, double closeAfter) {
   Nembra& nembra = context.nembra();
+  // Every picture that fails is reported here in plain words; FFmpeg's own lines only add noise.
+  setMediaLogLevel(context.options.debug ? MediaLogLevel::Info : MediaLogLevel::Quiet);
   UiKind kind = defaultUiKind();
   if (!context.options.ui.empty() && !parseUiKind(context.options.ui, kind)) {
     return fail("--ui takes window, terminal or none, not \"" + context.options.ui + "\"");

@@ -10,8 +10,8 @@
 #include "platform/media/media_player_engine.h"
 #include "platform/media/testing/media_test_files.h"
 #include "platform/ui/screen_presenter.h"
+#include "platform/ui/testing/xvfb_display.h"
 #include "platform/ui/window_ui.h"
-#include "tests/testing/xvfb_display.h"
 #include "viewer/viewer_screens.h"
 
 namespace nembra {

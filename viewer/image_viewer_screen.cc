@@ -90,6 +90,7 @@ void ImageViewerScreen::show(size_t index) {
   frameTimer_.reset();
   picture_.reset();
   sharp_ = false;
+  preview_ = false;
   frame_ = 0;
   viewport_ = PictureViewport{};
   view().setPicture(nullptr, 0, viewport_);
@@ -124,6 +125,7 @@ void ImageViewerScreen::loaded(uint64_t generation, bool sharper, const ImageLoa
   const bool animationContinues =
       picture_ && result.picture->frames.size() == picture_->frames.size();
   picture_ = result.picture;
+  preview_ = result.preview;
   if (sharper) sharp_ = true;
   if (!animationContinues) frame_ = 0;
   if (!sharper) {

@@ -32,6 +32,9 @@ class ImageViewerScreen final : public Screen {
 
   size_t index() const { return index_; }
   const PictureViewport& viewport() const { return viewport_; }
+  // The picture handed to the view is the whole image (not a progressive preview) at the
+  // size the screen asked for.
+  bool fullPictureShown() const { return picture_ && !preview_; }
 
   void buttonPressed(const std::string& name) override;
   void keyPressed(const std::string& key) override;
@@ -64,7 +67,8 @@ class ImageViewerScreen final : public Screen {
   std::shared_ptr<RemoteImageLoader::Ticket> ticket_;
   std::shared_ptr<RemoteImageLoader::Ticket> sharperTicket_;
   SharedPicture picture_;
-  bool sharp_ = false;  // the picture is the large decode
+  bool preview_ = false;  // the picture is a progressive preview
+  bool sharp_ = false;    // the picture is the large decode
   size_t frame_ = 0;
   std::unique_ptr<Timer> frameTimer_;
   PictureViewport viewport_;

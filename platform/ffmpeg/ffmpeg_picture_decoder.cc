@@ -247,6 +247,26 @@ std::string sizeText(int width, int height) {
   return std::to_string(width) + " × " + std::to_string(height) + " pixels";
 }
 
+// A JPEG ends with the EOI marker after its last scan. The decoder fills a cut-short scan with
+// grey and reports nothing, so the cut is found here. Markers cannot occur inside a scan's
+// coded data (0xFF there is followed by 0x00), and the last SOS is the main picture's: an EXIF
+// thumbnail, with its own EOI, comes before it.
+bool jpegIsCutShort(std::span<const uint8_t> bytes) {
+  size_t lastScan = 0;
+  bool scanned = false;
+  for (size_t i = 0; i + 1 < bytes.size(); ++i) {
+    if (bytes[i] == 0xFF && bytes[i + 1] == 0xDA) {
+      lastScan = i;
+      scanned = true;
+    }
+  }
+  if (!scanned) return false;  // no scan at all: the decoder says what is wrong
+  for (size_t i = lastScan + 2; i + 1 < bytes.size(); ++i) {
+    if (bytes[i] == 0xFF && bytes[i + 1] == 0xD9) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool ffmpegPeekPictureSize(std::span<const uint8_t> bytes, const char* format, int& width,
@@ -298,6 +318,9 @@ OptionalError ffmpegDecodePicture(std::span<const uint8_t> bytes, const char* fo
     }
     picture.sourceWidth = width;
     picture.sourceHeight = height;
+  }
+  if (id == AV_CODEC_ID_MJPEG && jpegIsCutShort(bytes)) {
+    return Error::media(std::string("the ") + format + " picture is truncated");
   }
   FrameCollector collector(format, limits, picture);
   OptionalError error = id == AV_CODEC_ID_GIF

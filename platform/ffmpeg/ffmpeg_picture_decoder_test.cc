@@ -175,7 +175,14 @@ TEST_F(PictureDecoderTest, BadBytesAreRefusedWithAMessage) {
         Case{"html", {html.begin(), html.end()}, "not a picture of a known format"},
         Case{
             "truncated png", {png.begin(), png.begin() + static_cast<long>(png.size() / 2)}, "png"},
-        Case{"jpeg header only", {jpeg.begin(), jpeg.begin() + 200}, "jpeg"}}) {
+        Case{"jpeg header only", {jpeg.begin(), jpeg.begin() + 200}, "jpeg"},
+        // The decoder itself would show the missing rows grey and say nothing.
+        Case{"jpeg cut in its scan",
+             {jpeg.begin(), jpeg.begin() + static_cast<long>(jpeg.size() * 6 / 10)},
+             "the jpeg picture is truncated"},
+        Case{"jpeg without its end marker",
+             {jpeg.begin(), jpeg.end() - 2},
+             "the jpeg picture is truncated"}}) {
     SCOPED_TRACE(c.name);
     Picture picture;
     auto error = codec_->decodePicture(c.bytes, PictureLimits{}, picture);

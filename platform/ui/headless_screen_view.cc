@@ -5,36 +5,8 @@
 namespace nembra {
 
 void HeadlessScreenView::setLabel(const std::string& name, const std::string& text) {
-  labels_[name].push_back(text);
-}
-
-void HeadlessScreenView::setButton(const std::string& name, const ButtonState& state) {
-  buttons_[name] = state;
-}
-
-void HeadlessScreenView::setSlider(const std::string& name, const SliderState& state) {
-  sliders_[name] = state;
-}
-
-void HeadlessScreenView::setList(const std::string& name, const ListState& state) {
-  lists_[name] = state;
-}
-
-void HeadlessScreenView::setPicture(SharedPicture picture, size_t frame,
-                                    const PictureViewport& viewport) {
-  picture_ = std::move(picture);
-  pictureFrame_ = frame;
-  viewport_ = viewport;
-}
-
-void HeadlessScreenView::showAlert(const AlertState& alert, AlertAnswer answer) {
-  alert_ = alert;
-  answer_ = std::move(answer);
-}
-
-void HeadlessScreenView::dismissAlert() {
-  alert_.reset();
-  answer_ = nullptr;
+  state_.setLabel(name, text);
+  labelHistory_[name].push_back(text);
 }
 
 void HeadlessScreenView::pictureAreaSize(int& width, int& height) const {
@@ -42,93 +14,66 @@ void HeadlessScreenView::pictureAreaSize(int& width, int& height) const {
   height = areaHeight_;
 }
 
-std::string HeadlessScreenView::label(const std::string& name) const {
-  auto it = labels_.find(name);
-  return it == labels_.end() || it->second.empty() ? "" : it->second.back();
-}
+std::string HeadlessScreenView::label(const std::string& name) const { return state_.label(name); }
 
 const std::vector<std::string>& HeadlessScreenView::labelHistory(const std::string& name) const {
   static const std::vector<std::string> none;
-  auto it = labels_.find(name);
-  return it == labels_.end() ? none : it->second;
+  auto it = labelHistory_.find(name);
+  return it == labelHistory_.end() ? none : it->second;
 }
 
 std::optional<ButtonState> HeadlessScreenView::button(const std::string& name) const {
-  auto it = buttons_.find(name);
-  if (it == buttons_.end()) return std::nullopt;
-  return it->second;
+  const ButtonState* state = state_.button(name);
+  return state ? std::optional<ButtonState>(*state) : std::nullopt;
 }
 
 std::optional<SliderState> HeadlessScreenView::slider(const std::string& name) const {
-  auto it = sliders_.find(name);
-  if (it == sliders_.end()) return std::nullopt;
-  return it->second;
+  const SliderState* state = state_.slider(name);
+  return state ? std::optional<SliderState>(*state) : std::nullopt;
 }
 
 std::optional<ListState> HeadlessScreenView::list(const std::string& name) const {
-  auto it = lists_.find(name);
-  if (it == lists_.end()) return std::nullopt;
-  return it->second;
+  const ListState* state = state_.list(name);
+  return state ? std::optional<ListState>(*state) : std::nullopt;
 }
 
-bool HeadlessScreenView::press(const std::string& name) {
-  auto it = buttons_.find(name);
-  // A modal alert covers the buttons.
-  if (it == buttons_.end() || it->second.hidden || !it->second.enabled || alert_) return false;
-  if (listener_) listener_->buttonPressed(name);
-  return true;
-}
+bool HeadlessScreenView::press(const std::string& name) { return state_.pressButton(name); }
 
 bool HeadlessScreenView::moveSlider(const std::string& name, double value) {
-  auto it = sliders_.find(name);
-  if (it == sliders_.end() || it->second.hidden || !it->second.enabled || alert_) return false;
-  value = std::clamp(value, it->second.minimum, it->second.maximum);
-  it->second.value = value;
-  if (listener_) listener_->sliderMoved(name, value);
-  return true;
+  return state_.moveSlider(name, value);
 }
 
 bool HeadlessScreenView::pickRow(const std::string& name, int row) {
-  auto it = lists_.find(name);
-  if (it == lists_.end() || row < 0 || row >= static_cast<int>(it->second.rows.size()) || alert_) {
-    return false;
-  }
-  if (listener_) listener_->rowPicked(name, row);
-  return true;
+  return state_.pickRow(name, row);
 }
 
 bool HeadlessScreenView::answerAlert(const std::string& buttonTitle) {
-  if (!alert_) return false;
-  auto& buttons = alert_->buttons;
+  if (!state_.alert()) return false;
+  const auto& buttons = state_.alert()->buttons;
   auto it = std::find(buttons.begin(), buttons.end(), buttonTitle);
   if (it == buttons.end()) return false;
   const int index = static_cast<int>(it - buttons.begin());
-  AlertAnswer answer = std::move(answer_);
-  alert_.reset();
-  if (answer) answer(index);
+  if (auto answer = state_.takeAlertAnswer(index)) answer(index);
   return true;
 }
 
 void HeadlessScreenView::pressKey(const std::string& key) {
-  if (auto it = keys_.find(key); it != keys_.end() && !alert_) {
-    press(it->second);
-    return;
-  }
-  if (listener_) listener_->keyPressed(key);
+  if (state_.pressBoundKey(key)) return;
+  if (auto* listener = state_.listener()) listener->keyPressed(key);
 }
 
 void HeadlessScreenView::zoom(double factor) {
-  if (listener_ && !alert_) listener_->zoomed(factor);
+  if (state_.listener() && !state_.alert()) state_.listener()->zoomed(factor);
 }
 
 void HeadlessScreenView::drag(double dx, double dy) {
-  if (listener_ && !alert_) listener_->dragged(dx, dy);
+  if (state_.listener() && !state_.alert()) state_.listener()->dragged(dx, dy);
 }
 
 void HeadlessScreenView::resize(int width, int height) {
   areaWidth_ = width;
   areaHeight_ = height;
-  if (listener_) listener_->resized(width, height);
+  if (auto* listener = state_.listener()) listener->resized(width, height);
 }
 
 }  // namespace nembra

@@ -11,6 +11,7 @@
 
 #include "platform/ui/latest_frame_surface.h"
 #include "platform/ui/screen_view.h"
+#include "platform/ui/screen_view_state.h"
 
 namespace nembra {
 
@@ -18,31 +19,43 @@ class HeadlessScreenView final : public ScreenView {
  public:
   explicit HeadlessScreenView(std::string screenName) : screenName_(std::move(screenName)) {}
 
-  void setListener(ScreenViewListener* listener) override { listener_ = listener; }
-  void setTitle(const std::string& title) override { title_ = title; }
+  void setListener(ScreenViewListener* listener) override { state_.setListener(listener); }
+  void setTitle(const std::string& title) override { state_.setTitle(title); }
   void setLabel(const std::string& name, const std::string& text) override;
-  void setButton(const std::string& name, const ButtonState& state) override;
-  void bindKey(const std::string& key, const std::string& button) override { keys_[key] = button; }
-  void setSlider(const std::string& name, const SliderState& state) override;
-  void setList(const std::string& name, const ListState& state) override;
-  void setPicture(SharedPicture picture, size_t frame, const PictureViewport& viewport) override;
+  void setButton(const std::string& name, const ButtonState& state) override {
+    state_.setButton(name, state);
+  }
+  void bindKey(const std::string& key, const std::string& button) override {
+    state_.bindKey(key, button);
+  }
+  void setSlider(const std::string& name, const SliderState& state) override {
+    state_.setSlider(name, state);
+  }
+  void setList(const std::string& name, const ListState& state) override {
+    state_.setList(name, state);
+  }
+  void setPicture(SharedPicture picture, size_t frame, const PictureViewport& viewport) override {
+    state_.setPicture(std::move(picture), frame, viewport);
+  }
   VideoSurface* videoSurface() override { return &surface_; }
-  void showAlert(const AlertState& alert, AlertAnswer answer) override;
-  void dismissAlert() override;
+  void showAlert(const AlertState& alert, AlertAnswer answer) override {
+    state_.showAlert(alert, std::move(answer));
+  }
+  void dismissAlert() override { state_.dismissAlert(); }
   void pictureAreaSize(int& width, int& height) const override;
 
   // What is shown.
   const std::string& screenName() const { return screenName_; }
-  const std::string& title() const { return title_; }
+  const std::string& title() const { return state_.title(); }
   // "" for a label never set.
   std::string label(const std::string& name) const;
   std::optional<ButtonState> button(const std::string& name) const;
   std::optional<SliderState> slider(const std::string& name) const;
   std::optional<ListState> list(const std::string& name) const;
-  const SharedPicture& picture() const { return picture_; }
-  size_t pictureFrame() const { return pictureFrame_; }
-  const PictureViewport& viewport() const { return viewport_; }
-  const std::optional<AlertState>& alert() const { return alert_; }
+  const SharedPicture& picture() const { return state_.picture(); }
+  size_t pictureFrame() const { return state_.pictureFrame(); }
+  const PictureViewport& viewport() const { return state_.viewport(); }
+  const std::optional<AlertState>& alert() const { return state_.alert(); }
   const LatestFrameSurface& surface() const { return surface_; }
   // Every text a label had, in order, for tests of transient states.
   const std::vector<std::string>& labelHistory(const std::string& name) const;
@@ -62,18 +75,8 @@ class HeadlessScreenView final : public ScreenView {
 
  private:
   const std::string screenName_;
-  ScreenViewListener* listener_ = nullptr;
-  std::string title_;
-  std::map<std::string, std::vector<std::string>> labels_;
-  std::map<std::string, ButtonState> buttons_;
-  std::map<std::string, std::string> keys_;
-  std::map<std::string, SliderState> sliders_;
-  std::map<std::string, ListState> lists_;
-  SharedPicture picture_;
-  size_t pictureFrame_ = 0;
-  PictureViewport viewport_;
-  std::optional<AlertState> alert_;
-  AlertAnswer answer_;
+  ScreenViewState state_;
+  std::map<std::string, std::vector<std::string>> labelHistory_;
   LatestFrameSurface surface_;
   int areaWidth_ = 1280;
   int areaHeight_ = 720;

@@ -9,16 +9,6 @@ namespace {
 
 constexpr int kBarWidth = 30;
 
-std::string keysOf(const std::map<std::string, std::string>& keys, const std::string& button) {
-  std::string out;
-  for (const auto& [key, target] : keys) {
-    if (target != button) continue;
-    if (!out.empty()) out += "/";
-    out += key;
-  }
-  return out;
-}
-
 }  // namespace
 
 TerminalScreenView::TerminalScreenView(std::string screenName, std::function<void()> onChange,
@@ -36,69 +26,45 @@ void TerminalScreenView::changed() {
 }
 
 void TerminalScreenView::setTitle(const std::string& title) {
-  title_ = title;
-  changed();
+  if (state_.setTitle(title)) changed();
 }
 
 void TerminalScreenView::setLabel(const std::string& name, const std::string& text) {
-  auto it = std::find_if(labels_.begin(), labels_.end(), [&](auto& l) { return l.first == name; });
-  if (it == labels_.end()) {
-    labels_.emplace_back(name, text);
-  } else if (it->second == text) {
-    return;
-  } else {
-    it->second = text;
-  }
-  changed();
+  if (state_.setLabel(name, text)) changed();
 }
 
 void TerminalScreenView::setButton(const std::string& name, const ButtonState& state) {
-  auto it =
-      std::find_if(buttons_.begin(), buttons_.end(), [&](auto& b) { return b.first == name; });
-  if (it == buttons_.end()) {
-    buttons_.emplace_back(name, state);
-  } else {
-    it->second = state;
-  }
-  changed();
+  if (state_.setButton(name, state)) changed();
 }
 
 void TerminalScreenView::bindKey(const std::string& key, const std::string& button) {
-  keys_[key] = button;
-  changed();
+  // The keys are shown beside their buttons.
+  if (state_.bindKey(key, button)) changed();
 }
 
 void TerminalScreenView::setSlider(const std::string& name, const SliderState& state) {
-  sliders_[name] = state;
-  changed();
+  if (state_.setSlider(name, state)) changed();
 }
 
 void TerminalScreenView::setList(const std::string& name, const ListState& state) {
-  lists_[name] = state;
   if (state.selected >= 0) highlighted_ = state.selected;
-  changed();
+  if (state_.setList(name, state)) changed();
 }
 
 void TerminalScreenView::setPicture(SharedPicture picture, size_t frame,
                                     const PictureViewport& viewport) {
   // An animation's frames would redraw the status area many times a second for nothing.
-  const bool same = picture == picture_ && viewport.scale == viewport_.scale;
-  picture_ = std::move(picture);
-  frame_ = frame;
-  viewport_ = viewport;
+  const bool same = picture == state_.picture() && viewport.scale == state_.viewport().scale;
+  state_.setPicture(std::move(picture), frame, viewport);
   if (!same) changed();
 }
 
 void TerminalScreenView::showAlert(const AlertState& alert, AlertAnswer answer) {
-  alert_ = alert;
-  answer_ = std::move(answer);
-  changed();
+  if (state_.showAlert(alert, std::move(answer))) changed();
 }
 
 void TerminalScreenView::dismissAlert() {
-  alert_.reset();
-  answer_ = nullptr;
-  changed();
+  if (state_.dismissAlert()) changed();
 }
 
 void TerminalScreenView::pictureAreaSize(int& width, int& height) const {
@@ -109,19 +75,19 @@ void TerminalScreenView::pictureAreaSize(int& width, int& height) const {
 
 std::vector<std::string> TerminalScreenView::render() const {
   std::vector<std::string> lines;
-  lines.push_back("== " + (title_.empty() ? screenName_ : title_) + " ==");
-  for (const auto& [name, text] : labels_) lines.push_back(name + ": " + text);
-  if (picture_) {
-    std::string line = "picture: " + std::to_string(picture_->sourceWidth) + " x " +
-                       std::to_string(picture_->sourceHeight) + " " + picture_->format;
-    if (picture_->animated()) line += ", " + std::to_string(picture_->frames.size()) + " frames";
-    line +=
-        viewport_.scale > 0
-            ? ", zoom " + std::to_string(static_cast<int>(std::lround(viewport_.scale * 100))) + "%"
-            : ", fit";
+  const std::string& title = state_.title();
+  lines.push_back("== " + (title.empty() ? screenName_ : title) + " ==");
+  for (const auto& [name, text] : state_.labels()) lines.push_back(name + ": " + text);
+  if (const SharedPicture& picture = state_.picture()) {
+    std::string line = "picture: " + std::to_string(picture->sourceWidth) + " x " +
+                       std::to_string(picture->sourceHeight) + " " + picture->format;
+    if (picture->animated()) line += ", " + std::to_string(picture->frames.size()) + " frames";
+    const double scale = state_.viewport().scale;
+    line += scale > 0 ? ", zoom " + std::to_string(static_cast<int>(std::lround(scale * 100))) + "%"
+                      : ", fit";
     lines.push_back(line);
   }
-  for (const auto& [name, slider] : sliders_) {
+  for (const auto& [name, slider] : state_.sliders()) {
     if (slider.hidden) continue;
     const double span = slider.maximum - slider.minimum;
     const double f = span > 0 ? std::clamp((slider.value - slider.minimum) / span, 0.0, 1.0) : 0;
@@ -131,7 +97,7 @@ std::vector<std::string> TerminalScreenView::render() const {
     lines.push_back(name + " [" + std::string(static_cast<size_t>(filled), '#') +
                     std::string(static_cast<size_t>(kBarWidth - filled), '-') + "] " + value);
   }
-  for (const auto& [name, list] : lists_) {
+  for (const auto& [name, list] : state_.lists()) {
     for (size_t i = 0; i < list.rows.size(); ++i) {
       const bool here = static_cast<int>(i) == highlighted_;
       lines.push_back(std::string(here ? "> " : "  ") + list.rows[i] +
@@ -139,20 +105,20 @@ std::vector<std::string> TerminalScreenView::render() const {
     }
   }
   std::string controls;
-  for (const auto& [name, state] : buttons_) {
+  for (const auto& [name, state] : state_.buttons()) {
     if (state.hidden) continue;
-    const std::string keys = keysOf(keys_, name);
+    const std::string keys = state_.keysOf(name);
     controls += "[" + (keys.empty() ? std::string("-") : keys) + "] " +
                 (state.title.empty() ? name : state.title) + (state.enabled ? "" : " (off)") + "  ";
   }
   if (!controls.empty()) lines.push_back(controls);
-  if (alert_) {
+  if (const auto& alert = state_.alert()) {
     lines.push_back("");
-    lines.push_back("!! " + alert_->title);
-    if (!alert_->message.empty()) lines.push_back("   " + alert_->message);
+    lines.push_back("!! " + alert->title);
+    if (!alert->message.empty()) lines.push_back("   " + alert->message);
     std::string choices = "   ";
-    for (size_t i = 0; i < alert_->buttons.size(); ++i) {
-      choices += std::to_string(i + 1) + ") " + alert_->buttons[i] + "  ";
+    for (size_t i = 0; i < alert->buttons.size(); ++i) {
+      choices += std::to_string(i + 1) + ") " + alert->buttons[i] + "  ";
     }
     lines.push_back(choices + "- press a number");
   }
@@ -160,39 +126,31 @@ std::vector<std::string> TerminalScreenView::render() const {
 }
 
 void TerminalScreenView::keyDown(const std::string& key) {
-  if (alert_) {
+  if (const auto& alert = state_.alert()) {
     int chosen = -1;
     if (key.size() == 1 && key[0] >= '1' && key[0] <= '9') chosen = key[0] - '1';
-    if (key == "enter") chosen = static_cast<int>(alert_->buttons.size()) - 1;
-    if (chosen < 0 || chosen >= static_cast<int>(alert_->buttons.size())) return;
-    AlertAnswer answer = std::move(answer_);
-    alert_.reset();
+    if (key == "enter") chosen = static_cast<int>(alert->buttons.size()) - 1;
+    AlertAnswer answer = state_.takeAlertAnswer(chosen);
+    if (!answer) return;
     changed();
-    if (answer) answer(chosen);
+    answer(chosen);
     return;
   }
-  if (auto it = keys_.find(key); it != keys_.end()) {
-    for (const auto& [name, state] : buttons_) {
-      if (name == it->second && state.enabled && !state.hidden && listener_) {
-        listener_->buttonPressed(name);
-        return;
-      }
-    }
-    return;
-  }
-  if (!lists_.empty() && (key == "up" || key == "down" || key == "enter")) {
-    const auto& [name, list] = *lists_.begin();
+  if (state_.pressBoundKey(key)) return;
+  const auto& lists = state_.lists();
+  if (!lists.empty() && (key == "up" || key == "down" || key == "enter")) {
+    const auto& [name, list] = *lists.begin();
     const int rows = static_cast<int>(list.rows.size());
     if (rows == 0) return;
     if (key == "enter") {
-      if (listener_) listener_->rowPicked(name, highlighted_);
+      state_.pickRow(name, highlighted_);
       return;
     }
     highlighted_ = std::clamp(highlighted_ + (key == "down" ? 1 : -1), 0, rows - 1);
     changed();
     return;
   }
-  if (listener_) listener_->keyPressed(key);
+  if (auto* listener = state_.listener()) listener->keyPressed(key);
 }
 
 }  // namespace nembra

@@ -6,12 +6,11 @@
 #pragma once
 
 #include <functional>
-#include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/ui/screen_view.h"
+#include "platform/ui/screen_view_state.h"
 
 namespace nembra {
 
@@ -22,7 +21,7 @@ class TerminalScreenView final : public ScreenView {
                      std::function<void(TerminalScreenView*)> onDestroy);
   ~TerminalScreenView() override;
 
-  void setListener(ScreenViewListener* listener) override { listener_ = listener; }
+  void setListener(ScreenViewListener* listener) override { state_.setListener(listener); }
   void setTitle(const std::string& title) override;
   void setLabel(const std::string& name, const std::string& text) override;
   void setButton(const std::string& name, const ButtonState& state) override;
@@ -47,18 +46,7 @@ class TerminalScreenView final : public ScreenView {
   const std::string screenName_;
   std::function<void()> onChange_;
   std::function<void(TerminalScreenView*)> onDestroy_;
-  ScreenViewListener* listener_ = nullptr;
-  std::string title_;
-  std::vector<std::pair<std::string, std::string>> labels_;
-  std::vector<std::pair<std::string, ButtonState>> buttons_;
-  std::map<std::string, std::string> keys_;
-  std::map<std::string, SliderState> sliders_;
-  std::map<std::string, ListState> lists_;
-  SharedPicture picture_;
-  size_t frame_ = 0;
-  PictureViewport viewport_;
-  std::optional<AlertState> alert_;
-  AlertAnswer answer_;
+  ScreenViewState state_;
   int highlighted_ = 0;  // the list row up and down move to
 };
 

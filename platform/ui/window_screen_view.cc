@@ -38,63 +38,41 @@ void WindowScreenView::changed() {
 }
 
 void WindowScreenView::setTitle(const std::string& title) {
-  title_ = title;
-  changed();
+  if (state_.setTitle(title)) changed();
 }
 
 void WindowScreenView::setLabel(const std::string& name, const std::string& text) {
-  auto it = std::find_if(labels_.begin(), labels_.end(), [&](auto& l) { return l.first == name; });
-  if (it == labels_.end()) {
-    labels_.emplace_back(name, text);
-  } else {
-    it->second = text;
-  }
-  changed();
+  if (state_.setLabel(name, text)) changed();
 }
 
 void WindowScreenView::setButton(const std::string& name, const ButtonState& state) {
-  auto it =
-      std::find_if(buttons_.begin(), buttons_.end(), [&](auto& b) { return b.first == name; });
-  if (it == buttons_.end()) {
-    buttons_.emplace_back(name, state);
-  } else {
-    it->second = state;
-  }
-  changed();
+  if (state_.setButton(name, state)) changed();
 }
 
 void WindowScreenView::bindKey(const std::string& key, const std::string& button) {
-  keys_[key] = button;
+  // Keys are not drawn: nothing to repaint.
+  state_.bindKey(key, button);
 }
 
 void WindowScreenView::setSlider(const std::string& name, const SliderState& state) {
-  sliders_[name] = state;
-  changed();
+  if (state_.setSlider(name, state)) changed();
 }
 
 void WindowScreenView::setList(const std::string& name, const ListState& state) {
-  lists_[name] = state;
-  changed();
+  if (state_.setList(name, state)) changed();
 }
 
 void WindowScreenView::setPicture(SharedPicture picture, size_t frame,
                                   const PictureViewport& viewport) {
-  picture_ = std::move(picture);
-  pictureFrame_ = frame;
-  viewport_ = viewport;
-  changed();
+  if (state_.setPicture(std::move(picture), frame, viewport)) changed();
 }
 
 void WindowScreenView::showAlert(const AlertState& alert, AlertAnswer answer) {
-  alert_ = alert;
-  answer_ = std::move(answer);
-  changed();
+  if (state_.showAlert(alert, std::move(answer))) changed();
 }
 
 void WindowScreenView::dismissAlert() {
-  alert_.reset();
-  answer_ = nullptr;
-  changed();
+  if (state_.dismissAlert()) changed();
 }
 
 void WindowScreenView::pictureAreaSize(int& width, int& height) const {
@@ -198,46 +176,49 @@ void WindowScreenView::paintVideo(int width, int height) {
 }
 
 void WindowScreenView::paintPicture(int width, int height) {
-  if (!picture_ || picture_->frames.empty()) return;
-  const size_t frame = std::min(pictureFrame_, picture_->frames.size() - 1);
-  if (texturePicture_ != picture_.get() || textureFrame_ != frame || !pictureTexture_) {
+  const SharedPicture& picture = state_.picture();
+  const PictureViewport& viewport = state_.viewport();
+  if (!picture || picture->frames.empty()) return;
+  const size_t frame = std::min(state_.pictureFrame(), picture->frames.size() - 1);
+  if (texturePicture_ != picture.get() || textureFrame_ != frame || !pictureTexture_) {
     if (pictureTexture_ &&
-        (texturePicture_ == nullptr || texturePicture_->width != picture_->width ||
-         texturePicture_->height != picture_->height)) {
+        (texturePicture_ == nullptr || texturePicture_->width != picture->width ||
+         texturePicture_->height != picture->height)) {
       SDL_DestroyTexture(pictureTexture_);
       pictureTexture_ = nullptr;
     }
     if (!pictureTexture_) {
       pictureTexture_ =
           SDL_CreateTexture(canvas_.renderer, SDL_PIXELFORMAT_RGBA32, SDL_TEXTUREACCESS_STATIC,
-                            picture_->width, picture_->height);
+                            picture->width, picture->height);
       if (pictureTexture_) SDL_SetTextureBlendMode(pictureTexture_, SDL_BLENDMODE_BLEND);
     }
     if (!pictureTexture_) return;
-    SDL_UpdateTexture(pictureTexture_, nullptr, picture_->frames[frame].rgba.data(),
-                      picture_->width * 4);
-    texturePicture_ = picture_.get();
+    SDL_UpdateTexture(pictureTexture_, nullptr, picture->frames[frame].rgba.data(),
+                      picture->width * 4);
+    texturePicture_ = picture.get();
     textureFrame_ = frame;
   }
   // The viewport's scale counts screen pixels per stored pixel of the source.
-  double scale = std::min(double(width) / picture_->width, double(height) / picture_->height);
-  if (viewport_.scale > 0) {
-    scale = viewport_.scale * double(std::max(1, picture_->sourceWidth)) / picture_->width;
+  double scale = std::min(double(width) / picture->width, double(height) / picture->height);
+  if (viewport.scale > 0) {
+    scale = viewport.scale * double(std::max(1, picture->sourceWidth)) / picture->width;
   }
-  const double w = picture_->width * scale, h = picture_->height * scale;
-  SDL_FRect destination{static_cast<float>(width / 2.0 - viewport_.centerX * w),
-                        static_cast<float>(height / 2.0 - viewport_.centerY * h),
+  const double w = picture->width * scale, h = picture->height * scale;
+  SDL_FRect destination{static_cast<float>(width / 2.0 - viewport.centerX * w),
+                        static_cast<float>(height / 2.0 - viewport.centerY * h),
                         static_cast<float>(w), static_cast<float>(h)};
   SDL_RenderCopyF(canvas_.renderer, pictureTexture_, nullptr, &destination);
 }
 
 void WindowScreenView::paintControls(int width, int height) {
-  if (!title_.empty()) {
+  const std::string& title = state_.title();
+  if (!title.empty()) {
     fill({0, 0, width, kTopBand}, kShade);
-    drawText(title_, true, width / 2, 8, kWhite, true);
+    drawText(title, true, width / 2, 8, kWhite, true);
   }
-  int y = title_.empty() ? 8 : kTopBand + 8;
-  for (const auto& [name, value] : labels_) {
+  int y = title.empty() ? 8 : kTopBand + 8;
+  for (const auto& [name, value] : state_.labels()) {
     const TextTexture* t = text(value, false);
     if (!t) continue;
     fill({8, y - 2, t->width + 12, t->height + 4}, kShade);
@@ -247,7 +228,7 @@ void WindowScreenView::paintControls(int width, int height) {
 
   buttonRects_.clear();
   std::vector<const std::pair<std::string, ButtonState>*> visible;
-  for (const auto& button : buttons_) {
+  for (const auto& button : state_.buttons()) {
     if (!button.second.hidden) visible.push_back(&button);
   }
   const int count = static_cast<int>(visible.size());
@@ -262,7 +243,7 @@ void WindowScreenView::paintControls(int width, int height) {
   }
 
   sliderRect_.reset();
-  for (const auto& [name, slider] : sliders_) {
+  for (const auto& [name, slider] : state_.sliders()) {
     if (slider.hidden) continue;
     Rect track{24, buttonY - 28, width - 48, 24};
     fill({track.x, track.y + 10, track.w, 4}, SDL_Color{255, 255, 255, 110});
@@ -279,10 +260,10 @@ void WindowScreenView::paintControls(int width, int height) {
 
 void WindowScreenView::paintList(int width, int height) {
   rowRects_.clear();
-  if (lists_.empty()) return;
-  const auto& [name, list] = *lists_.begin();
+  if (state_.lists().empty()) return;
+  const auto& [name, list] = *state_.lists().begin();
   listName_ = name;
-  const int top = title_.empty() ? 0 : kTopBand;
+  const int top = state_.title().empty() ? 0 : kTopBand;
   const int bottom = height - kBottomMargin - kButtonSize - 40;
   const int rowHeight = std::max(16, list.rowHeight);
   const int visibleRows = std::max(1, (bottom - top) / rowHeight);
@@ -304,25 +285,26 @@ void WindowScreenView::paintList(int width, int height) {
 
 void WindowScreenView::paintAlert(int width, int height) {
   alertButtonRects_.clear();
-  if (!alert_) return;
+  const auto& alert = state_.alert();
+  if (!alert) return;
   fill({0, 0, width, height}, SDL_Color{0, 0, 0, 160});
   const int boxWidth = std::min(kAlertWidth, width - 40);
-  const TextTexture* title = text(alert_->title, true);
-  const TextTexture* message = text(alert_->message, false);
+  const TextTexture* title = text(alert->title, true);
+  const TextTexture* message = text(alert->message, false);
   const int titleHeight = title ? title->height : 0;
   const int messageHeight = message ? message->height : 0;
   const int boxHeight = 24 + titleHeight + 12 + messageHeight + 24 + 44;
   Rect box{(width - boxWidth) / 2, (height - boxHeight) / 2, boxWidth, boxHeight};
   fill(box, kAlertPaper);
-  drawText(alert_->title, true, width / 2, box.y + 24, kInk, true);
-  drawText(alert_->message, false, width / 2, box.y + 24 + titleHeight + 12, kInk, true);
-  const int count = std::max<int>(1, static_cast<int>(alert_->buttons.size()));
+  drawText(alert->title, true, width / 2, box.y + 24, kInk, true);
+  drawText(alert->message, false, width / 2, box.y + 24 + titleHeight + 12, kInk, true);
+  const int count = std::max<int>(1, static_cast<int>(alert->buttons.size()));
   const int buttonWidth = box.w / count;
   const int buttonsY = box.y + box.h - 44;
   fill({box.x, buttonsY, box.w, 1}, SDL_Color{190, 190, 190, 255});
-  for (int i = 0; i < static_cast<int>(alert_->buttons.size()); ++i) {
+  for (int i = 0; i < static_cast<int>(alert->buttons.size()); ++i) {
     Rect rect{box.x + i * buttonWidth, buttonsY, buttonWidth, 44};
-    drawText(alert_->buttons[static_cast<size_t>(i)], false, rect.x + rect.w / 2, rect.y + 12,
+    drawText(alert->buttons[static_cast<size_t>(i)], false, rect.x + rect.w / 2, rect.y + 12,
              kAlertAction, true);
     alertButtonRects_.push_back(rect);
   }
@@ -339,47 +321,39 @@ void WindowScreenView::paint(int width, int height) {
 }
 
 void WindowScreenView::answer(int button) {
-  AlertAnswer answer = std::move(answer_);
-  alert_.reset();
+  AlertAnswer answer = state_.takeAlertAnswer(button);
+  if (!answer) return;
   changed();
-  if (answer) answer(button);
+  answer(button);
 }
 
 void WindowScreenView::keyDown(const std::string& key) {
-  if (alert_) {
+  if (const auto& alert = state_.alert()) {
     // Enter takes the last button (the default action), escape the first.
-    if (key == "enter" && !alert_->buttons.empty()) {
-      answer(static_cast<int>(alert_->buttons.size()) - 1);
-    } else if (key == "escape" && !alert_->buttons.empty()) {
+    if (key == "enter") {
+      answer(static_cast<int>(alert->buttons.size()) - 1);
+    } else if (key == "escape") {
       answer(0);
     }
     return;
   }
-  if (auto it = keys_.find(key); it != keys_.end()) {
-    for (const auto& [name, state] : buttons_) {
-      if (name == it->second && state.enabled && !state.hidden && listener_) {
-        listener_->buttonPressed(name);
-        return;
-      }
-    }
-    return;
-  }
-  if (listener_) listener_->keyPressed(key);
+  if (state_.pressBoundKey(key)) return;
+  if (auto* listener = state_.listener()) listener->keyPressed(key);
 }
 
 void WindowScreenView::sliderTo(int x) {
-  auto it = sliders_.find(sliderName_);
-  if (it == sliders_.end() || !sliderRect_ || !it->second.enabled) return;
+  const SliderState* slider = state_.slider(sliderName_);
+  if (!slider || !sliderRect_) return;
   const double f = std::clamp(double(x - sliderRect_->x) / std::max(1, sliderRect_->w), 0.0, 1.0);
-  it->second.value = it->second.minimum + f * (it->second.maximum - it->second.minimum);
-  changed();
-  if (listener_) listener_->sliderMoved(sliderName_, it->second.value);
+  if (state_.moveSlider(sliderName_, slider->minimum + f * (slider->maximum - slider->minimum))) {
+    changed();
+  }
 }
 
 void WindowScreenView::mouseDown(int x, int y) {
   lastX_ = x;
   lastY_ = y;
-  if (alert_) {
+  if (state_.alert()) {
     for (size_t i = 0; i < alertButtonRects_.size(); ++i) {
       if (alertButtonRects_[i].contains(x, y)) {
         answer(static_cast<int>(i));
@@ -389,11 +363,10 @@ void WindowScreenView::mouseDown(int x, int y) {
     return;
   }
   for (const auto& [name, rect] : buttonRects_) {
-    if (!rect.contains(x, y)) continue;
-    for (const auto& [buttonName, state] : buttons_) {
-      if (buttonName == name && state.enabled && listener_) listener_->buttonPressed(name);
+    if (rect.contains(x, y)) {
+      state_.pressButton(name);
+      return;
     }
-    return;
   }
   if (sliderRect_ && sliderRect_->contains(x, y)) {
     draggingSlider_ = true;
@@ -402,7 +375,7 @@ void WindowScreenView::mouseDown(int x, int y) {
   }
   for (const auto& [row, rect] : rowRects_) {
     if (rect.contains(x, y)) {
-      if (listener_) listener_->rowPicked(listName_, row);
+      state_.pickRow(listName_, row);
       return;
     }
   }
@@ -419,15 +392,15 @@ void WindowScreenView::mouseMove(int x, int y, bool buttonHeld) {
     draggingSlider_ = draggingPicture_ = false;
   } else if (draggingSlider_) {
     sliderTo(x);
-  } else if (draggingPicture_ && listener_) {
-    listener_->dragged(x - lastX_, y - lastY_);
+  } else if (draggingPicture_ && state_.listener()) {
+    state_.listener()->dragged(x - lastX_, y - lastY_);
   }
   lastX_ = x;
   lastY_ = y;
 }
 
 void WindowScreenView::wheel(int x, int y, double amount) {
-  if (alert_) return;
+  if (state_.alert()) return;
   for (const auto& [row, rect] : rowRects_) {
     if (rect.contains(x, y)) {
       listScroll_ -= static_cast<int>(amount);
@@ -435,14 +408,14 @@ void WindowScreenView::wheel(int x, int y, double amount) {
       return;
     }
   }
-  if (listener_) listener_->zoomed(std::pow(1.15, amount));
+  if (auto* listener = state_.listener()) listener->zoomed(std::pow(1.15, amount));
 }
 
 void WindowScreenView::resized(int width, int height) {
   width_ = width;
   height_ = height;
   changed();
-  if (listener_) listener_->resized(width, height);
+  if (auto* listener = state_.listener()) listener->resized(width, height);
 }
 
 }  // namespace nembra

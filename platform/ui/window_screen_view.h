@@ -19,6 +19,7 @@
 
 #include "platform/ui/latest_frame_surface.h"
 #include "platform/ui/screen_view.h"
+#include "platform/ui/screen_view_state.h"
 
 namespace nembra {
 
@@ -36,7 +37,7 @@ class WindowScreenView final : public ScreenView {
                    std::function<void(WindowScreenView*)> onDestroy);
   ~WindowScreenView() override;
 
-  void setListener(ScreenViewListener* listener) override { listener_ = listener; }
+  void setListener(ScreenViewListener* listener) override { state_.setListener(listener); }
   void setTitle(const std::string& title) override;
   void setLabel(const std::string& name, const std::string& text) override;
   void setButton(const std::string& name, const ButtonState& state) override;
@@ -89,19 +90,7 @@ class WindowScreenView final : public ScreenView {
   WindowCanvas& canvas_;
   std::function<void()> onChange_;
   std::function<void(WindowScreenView*)> onDestroy_;
-  ScreenViewListener* listener_ = nullptr;
-
-  std::string title_;
-  std::vector<std::pair<std::string, std::string>> labels_;
-  std::vector<std::pair<std::string, ButtonState>> buttons_;
-  std::map<std::string, std::string> keys_;
-  std::map<std::string, SliderState> sliders_;
-  std::map<std::string, ListState> lists_;
-  SharedPicture picture_;
-  size_t pictureFrame_ = 0;
-  PictureViewport viewport_;
-  std::optional<AlertState> alert_;
-  AlertAnswer answer_;
+  ScreenViewState state_;
 
   LatestFrameSurface surface_;
   uint64_t videoGeneration_ = ~uint64_t{0};

@@ -1,4 +1,5 @@
-// An Xvfb server on a free display number for the window tests, stopped at destruction.
+// An Xvfb server on a free display number for the window tests and benches, stopped at
+// destruction.
 // Header-only test helper.
 #pragma once
 
