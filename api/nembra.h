@@ -184,6 +184,12 @@ class Nembra {
   std::unique_ptr<NembraConfig> configObj_;
   UploadingConfig uploadingConfig_;
   CacheConfig cacheConfig_;
+  // The connection's callback threads log and reach the lazy accessors until it is gone, so
+  // these are declared before it and outlive it.
+  std::mutex logMutex_;
+  LogSink logSink_;  // guarded by logMutex_
+  // The accessors below may be first called from a request callback's thread.
+  std::recursive_mutex lazyMutex_;
   // Declared before the connection so they are destroyed after it: once the connection is gone
   // no request callback can reach them.
   std::unique_ptr<NembraCacheManager> cacheManager_;
@@ -195,8 +201,6 @@ class Nembra {
   std::shared_ptr<RemoteImageLoader> imageLoader_;
   std::weak_ptr<ScreenPresenter> screenPresenter_;
   std::unique_ptr<NembraConnect> connectObj_;
-  // The accessors above may be first called from a request callback's thread.
-  std::recursive_mutex lazyMutex_;
 
   std::weak_ptr<NembraRecorderDelegate> recorderDelegate_;
   std::weak_ptr<NembraUploadingDelegate> uploadingDelegate_;
@@ -206,9 +210,6 @@ class Nembra {
   std::weak_ptr<NembraFileSelectorDelegate> fileSelectorDelegate_;
   std::weak_ptr<NembraScreenRecorderDelegate> screenRecorderDelegate_;
   std::weak_ptr<NembraQRScannerDelegate> qrScannerDelegate_;
-
-  std::mutex logMutex_;
-  LogSink logSink_;  // guarded by logMutex_
 };
 
 }  // namespace nembra

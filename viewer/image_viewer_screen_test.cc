@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <mutex>
 #include <sstream>
 
 #include "api/nembra.h"
@@ -188,14 +189,24 @@ TEST_F(ImageViewerTest, TransportFailuresAreRetried) {
 }
 
 TEST_F(ImageViewerTest, WithoutAPresenterNothingIsShownAndTheErrorIsLogged) {
-  std::vector<std::string> lines;
+  // The error report's own failure is logged later from the HTTP queue, after this test: the
+  // sink keeps its lines alive and locked.
+  struct Lines {
+    std::mutex mutex;
+    std::vector<std::string> all;
+  };
+  auto lines = std::make_shared<Lines>();
   nembra_.enableDebugLogs = true;
-  nembra_.setLogSink([&](const std::string& line) { lines.push_back(line); });
+  nembra_.setLogSink([lines](const std::string& line) {
+    std::lock_guard lock(lines->mutex);
+    lines->all.push_back(line);
+  });
   nembra_.setScreenPresenter({});
   nembra_.showImageFromUri("/nowhere.png");
   EXPECT_EQ(ui_.topView(), nullptr);
-  ASSERT_FALSE(lines.empty());
-  EXPECT_NE(lines[0].find("no UI adapter is set"), std::string::npos);
+  std::lock_guard lock(lines->mutex);
+  ASSERT_FALSE(lines->all.empty());
+  EXPECT_NE(lines->all[0].find("no UI adapter is set"), std::string::npos);
 }
 
 TEST_F(ImageViewerTest, TokensBecomeMediaServerUrls) {
