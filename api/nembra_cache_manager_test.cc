@@ -59,7 +59,8 @@ TEST_P(CacheTrimTest, KeepsTheNewestFilesThatFit) {
   for (size_t i = c.sizesMiB.size(); i-- > 0;) {
     paths[i] = make(directory, "f" + std::to_string(i) + ".mp4", c.sizesMiB[i] * kMiB,
                     static_cast<int>(100 * (i + 1)));
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    // Creation times come from the kernel's coarse clock (a tick can be 10 ms): far enough apart.
+    std::this_thread::sleep_for(std::chrono::milliseconds(25));
   }
   cache_.trimCache("mp4", directory);
   for (size_t i = 0; i < paths.size(); ++i) {
@@ -85,7 +86,8 @@ TEST_F(CacheManagerTest, TrimLeavesOtherExtensionsUncountedAndUntouched) {
   nembra_.cacheConfig().setMaxCacheSize(3 * kMiB);
   std::string directory = scratch_.path() + "/mixed";
   std::string oldest = make(directory, "b.mp4", 2 * kMiB, 40);
-  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  // Creation times come from the kernel's coarse clock (a tick can be 10 ms): far enough apart.
+  std::this_thread::sleep_for(std::chrono::milliseconds(25));
   std::string newest = make(directory, "a.mp4", 2 * kMiB, 30);
   std::string similar = make(directory, "clip.mp4.part", 50 * kMiB, 20);
   std::string bigOther = make(directory, "big.aac", 50 * kMiB, 10);
