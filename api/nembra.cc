@@ -1,5 +1,3 @@
-#include "nembra/application.h"
-
 #include <cctype>
 #include <chrono>
 #include <cstdio>
@@ -7,6 +5,7 @@
 #include "api/aspect_ratio_defaults.h"
 #include "api/percent_encoding.h"
 #include "api/reachability_manager.h"
+#include "nembra/application.h"
 #include "nembra/file_info_data.h"
 #include "nembra/media_type.h"
 #include "nembra/nembra_audios.h"
@@ -101,9 +100,8 @@ NembraImages& Nembra::images() {
 }
 
 int Nembra::mediaTypeForPath(const std::string& path) {
-  std::string name = path.substr(path.find_last_of('/') == std::string::npos
-                                     ? 0
-                                     : path.find_last_of('/') + 1);
+  std::string name =
+      path.substr(path.find_last_of('/') == std::string::npos ? 0 : path.find_last_of('/') + 1);
   size_t dot = name.find_last_of('.');
   if (dot == std::string::npos) return 0;
   std::string extension = name.substr(dot + 1);
@@ -216,8 +214,7 @@ std::string Nembra::errorEventBody(const std::string& message, long long unixSec
   // The message goes in as it stands, unescaped: kept, the service's event parser expects the
   // text exactly as clients have always sent it.
   std::string events = "[{\"message\":\"" + message + "\",\"source\":\"" + kErrorSource +
-                       "\",\"lineno\":0,\"colno\":0,\"time\":" + std::to_string(unixSeconds) +
-                       "}]";
+                       "\",\"lineno\":0,\"colno\":0,\"time\":" + std::to_string(unixSeconds) + "}]";
   return "events=" + percentEncode(events, PercentEncodingSet::UrlHostAllowed);
 }
 

@@ -80,10 +80,10 @@ class Reachability : public std::enable_shared_from_this<Reachability> {
   const bool alwaysReturnLocalWiFiStatus_;
 
   std::mutex mutex_;
-  SourcePtr source_;                             // guarded by mutex_
-  NotificationCenter* center_;                   // guarded by mutex_
-  bool notifying_ = false;                       // guarded by mutex_
-  std::optional<int> lastStatus_;                // guarded by mutex_
+  SourcePtr source_;               // guarded by mutex_
+  NotificationCenter* center_;     // guarded by mutex_
+  bool notifying_ = false;         // guarded by mutex_
+  std::optional<int> lastStatus_;  // guarded by mutex_
 };
 
 }  // namespace nembra

@@ -4,8 +4,8 @@
 
 #include <mutex>
 
-#include "platform/net/testing/fake_network_interfaces.h"
 #include "platform/net/network_interfaces.h"
+#include "platform/net/testing/fake_network_interfaces.h"
 
 namespace nembra {
 namespace {

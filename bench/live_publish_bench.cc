@@ -19,10 +19,10 @@
 #include <fstream>
 #include <thread>
 
-#include "platform/system/child_process.h"
-#include "platform/media/media_backend.h"
 #include "platform/ffmpeg/ffmpeg_x264_encoder.h"
+#include "platform/media/media_backend.h"
 #include "platform/media/media_log.h"
+#include "platform/system/child_process.h"
 #include "streaming/live_publisher.h"
 #include "streaming/stream_log.h"
 

@@ -22,9 +22,12 @@ std::string gib(uint64_t bytes) {
 
 const char* statusName(int status) {
   switch (status) {
-    case ReachableViaWiFi: return "reachable (local network)";
-    case ReachableViaWWAN: return "reachable (cellular only)";
-    default: return "not reachable";
+    case ReachableViaWiFi:
+      return "reachable (local network)";
+    case ReachableViaWWAN:
+      return "reachable (cellular only)";
+    default:
+      return "not reachable";
   }
 }
 
@@ -78,7 +81,8 @@ void printDeviceReport(const Json& report, std::ostream& out) {
       out << value.get<std::string>();
     } else if (value.is_array()) {
       if (value.empty()) out << "none";
-      for (size_t i = 0; i < value.size(); ++i) out << (i ? ", " : "") << value[i].get<std::string>();
+      for (size_t i = 0; i < value.size(); ++i)
+        out << (i ? ", " : "") << value[i].get<std::string>();
     } else {
       out << value.dump();
     }

@@ -52,7 +52,9 @@ int runRequest(CliContext& context, const RequestArgs& args) {
   nembra.connect().requestWithMethod(
       method, url, parameters,
       [&done](const NembraConnect::Bytes& body, const HttpResponse& response,
-              const OptionalError& error) { done.set_value({body, response, error}); });
+              const OptionalError& error) {
+        done.set_value({body, response, error});
+      });
   RequestResult result = done.get_future().get();
 
   if (result.error && result.response.status == 0) {
@@ -90,8 +92,9 @@ void registerRequestCommand(CLI::App& app, CliContext& context, int& exitCode) {
       ->add_option("PATH_OR_URL", args->target,
                    "A path (sent to the API server, e.g. /v1/applications/TOKEN/videos) or a URL")
       ->required();
-  command->add_option("PARAMS", args->parameters,
-                      "name=value parameters: the query for GET and DELETE, the form body for POST");
+  command->add_option(
+      "PARAMS", args->parameters,
+      "name=value parameters: the query for GET and DELETE, the form body for POST");
   command->callback([&context, &exitCode, args] { exitCode = runRequest(context, *args); });
 }
 

@@ -17,9 +17,9 @@
 #include <optional>
 #include <string>
 
-#include "platform/system/child_process.h"
-#include "platform/media/media_remuxer.h"
 #include "platform/dispatch/serial_queue.h"
+#include "platform/media/media_remuxer.h"
+#include "platform/system/child_process.h"
 #include "service/data_directory.h"
 #include "service/media_library.h"
 #include "service/route_table.h"

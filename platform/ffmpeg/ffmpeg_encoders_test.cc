@@ -4,12 +4,12 @@
 
 #include <cmath>
 
-#include "platform/ffmpeg/ffmpeg_av_support.h"
 #include "platform/ffmpeg/ffmpeg_aac_encoder.h"
-#include "platform/media/media_encoder_h264_units.h"
-#include "platform/ffmpeg/ffmpeg_x264_encoder.h"
+#include "platform/ffmpeg/ffmpeg_av_support.h"
 #include "platform/ffmpeg/ffmpeg_device_source.h"
 #include "platform/ffmpeg/ffmpeg_file_source.h"
+#include "platform/ffmpeg/ffmpeg_x264_encoder.h"
+#include "platform/media/media_encoder_h264_units.h"
 #include "platform/media/media_source_pacer.h"
 
 extern "C" {

@@ -1,10 +1,9 @@
-#include "platform/media/frame_grabber.h"
-
 #include <algorithm>
 #include <cmath>
 
-#include "platform/ffmpeg/ffmpeg_media_backend.h"
 #include "platform/ffmpeg/ffmpeg_av_support.h"
+#include "platform/ffmpeg/ffmpeg_media_backend.h"
+#include "platform/media/frame_grabber.h"
 
 extern "C" {
 #include <libavutil/imgutils.h>

@@ -1,9 +1,8 @@
-#include "platform/media/frame_grabber.h"
-
 #include <gtest/gtest.h>
 
 #include <fstream>
 
+#include "platform/media/frame_grabber.h"
 #include "platform/media/media_probe.h"
 #include "platform/media/testing/media_test_files.h"
 

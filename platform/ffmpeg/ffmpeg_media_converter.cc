@@ -1,13 +1,12 @@
-#include "platform/media/media_converter.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <vector>
 
-#include "platform/ffmpeg/ffmpeg_media_backend.h"
-#include "platform/media/frame_grabber.h"
 #include "platform/ffmpeg/ffmpeg_av_support.h"
 #include "platform/ffmpeg/ffmpeg_encode_sink.h"
+#include "platform/ffmpeg/ffmpeg_media_backend.h"
+#include "platform/media/frame_grabber.h"
+#include "platform/media/media_converter.h"
 
 namespace nembra {
 namespace {

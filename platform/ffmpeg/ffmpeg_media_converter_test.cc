@@ -1,11 +1,10 @@
-#include "platform/media/media_converter.h"
-
 #include <gtest/gtest.h>
 
 #include <fstream>
 #include <sstream>
 
 #include "platform/media/image_codec.h"
+#include "platform/media/media_converter.h"
 #include "platform/media/media_log.h"
 #include "platform/media/media_probe.h"
 #include "platform/media/media_sample_writer.h"

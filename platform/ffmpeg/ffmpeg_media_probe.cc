@@ -1,12 +1,11 @@
-#include "platform/media/media_probe.h"
-
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
 
-#include "platform/ffmpeg/ffmpeg_media_backend.h"
 #include "platform/ffmpeg/ffmpeg_av_support.h"
+#include "platform/ffmpeg/ffmpeg_media_backend.h"
+#include "platform/media/media_probe.h"
 
 namespace nembra {
 namespace {

@@ -1,11 +1,10 @@
-#include "platform/media/media_remuxer.h"
-
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
-#include "platform/ffmpeg/ffmpeg_media_backend.h"
 #include "platform/ffmpeg/ffmpeg_av_support.h"
+#include "platform/ffmpeg/ffmpeg_media_backend.h"
+#include "platform/media/media_remuxer.h"
 
 namespace nembra {
 namespace {

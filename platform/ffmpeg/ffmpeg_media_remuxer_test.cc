@@ -1,11 +1,10 @@
-#include "platform/media/media_remuxer.h"
-
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
 
 #include "platform/media/media_probe.h"
+#include "platform/media/media_remuxer.h"
 #include "platform/media/testing/media_test_files.h"
 
 namespace nembra {

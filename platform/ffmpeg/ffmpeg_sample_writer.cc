@@ -2,9 +2,9 @@
 #include <cstdio>
 #include <fstream>
 
-#include "platform/ffmpeg/ffmpeg_media_backend.h"
 #include "platform/ffmpeg/ffmpeg_av_support.h"
 #include "platform/ffmpeg/ffmpeg_encode_sink.h"
+#include "platform/ffmpeg/ffmpeg_media_backend.h"
 
 extern "C" {
 #include <libavutil/channel_layout.h>

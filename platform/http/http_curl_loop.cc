@@ -1,7 +1,7 @@
 #include "platform/http/http_curl_loop.h"
 
-#include "platform/http/http_curl_transfer.h"
 #include "platform/dispatch/thread_name.h"
+#include "platform/http/http_curl_transfer.h"
 
 namespace nembra {
 

@@ -78,8 +78,8 @@ bool CaptureHardware::microphonePermission() const {
   for (const auto& pcm : microphoneDevices()) {
     // "hw:C,D" → /dev/snd/pcmCcDdc
     auto comma = pcm.find(',');
-    std::string node = devRoot_ + "/snd/pcmC" + pcm.substr(3, comma - 3) + "D" +
-                       pcm.substr(comma + 1) + "c";
+    std::string node =
+        devRoot_ + "/snd/pcmC" + pcm.substr(3, comma - 3) + "D" + pcm.substr(comma + 1) + "c";
     if (::access(node.c_str(), R_OK | W_OK) == 0) return true;
   }
   return false;

@@ -14,11 +14,11 @@ LocalNotifications& LocalNotifications::shared() {
   return instance;
 }
 
-void LocalNotifications::schedule(LocalNotification notification,
-                                  std::chrono::milliseconds delay, bool repeats) {
+void LocalNotifications::schedule(LocalNotification notification, std::chrono::milliseconds delay,
+                                  bool repeats) {
   auto fire = [this, notification] { deliver(notification); };
-  auto timer = repeats ? Timer::repeating(mainQueue_, delay, fire)
-                       : Timer::oneShot(mainQueue_, delay, fire);
+  auto timer =
+      repeats ? Timer::repeating(mainQueue_, delay, fire) : Timer::oneShot(mainQueue_, delay, fire);
   std::lock_guard lock(mutex_);
   // Drop one-shot timers that have fired so a long-lived process does not accumulate them.
   std::erase_if(timers_, [](const auto& t) { return !t->isValid(); });

@@ -40,7 +40,7 @@ class LocalNotifications {
 
   MainQueue& mainQueue_;
   std::mutex mutex_;
-  Sink sink_;                                  // guarded by mutex_
+  Sink sink_;                                   // guarded by mutex_
   std::vector<std::unique_ptr<Timer>> timers_;  // guarded by mutex_
 };
 

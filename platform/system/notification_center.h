@@ -30,7 +30,7 @@ class NotificationCenter {
  private:
   MainQueue& mainQueue_;
   std::mutex mutex_;
-  Token nextToken_ = 1;                                        // guarded by mutex_
+  Token nextToken_ = 1;                                          // guarded by mutex_
   std::map<Token, std::pair<std::string, Observer>> observers_;  // guarded by mutex_
 };
 

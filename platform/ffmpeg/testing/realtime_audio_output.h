@@ -14,16 +14,16 @@ namespace nembra::testing {
 class RealtimeAudioOutput final : public AudioOutput {
  public:
   OptionalError start(const AudioSpec&, Fill fill) override {
-    return inner_->start({48000, 2}, [this, fill = std::move(fill)](int16_t* samples,
-                                                                     size_t frames) {
-      fill(samples, frames);
-      int loudest = 0;
-      for (size_t i = 0; i < frames * 2; ++i) {
-        loudest = std::max(loudest, std::abs(int{samples[i]}));
-      }
-      peak_.store(std::max(peak_.load(), loudest));
-      pulls_.fetch_add(1);
-    });
+    return inner_->start({48000, 2},
+                         [this, fill = std::move(fill)](int16_t* samples, size_t frames) {
+                           fill(samples, frames);
+                           int loudest = 0;
+                           for (size_t i = 0; i < frames * 2; ++i) {
+                             loudest = std::max(loudest, std::abs(int{samples[i]}));
+                           }
+                           peak_.store(std::max(peak_.load(), loudest));
+                           pulls_.fetch_add(1);
+                         });
   }
   AudioSpec spec() const override { return inner_->spec(); }
   void pause(bool paused) override { inner_->pause(paused); }

@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
-#include "platform/media/media_encoder_h264_units.h"
 #include "platform/ffmpeg/ffmpeg_file_source.h"
+#include "platform/media/media_encoder_h264_units.h"
 #include "platform/media/mp4/media_source_mp4.h"
-#include "platform/media/testing/media_test_files.h"
 #include "platform/media/mp4/mp4_box_reader.h"
+#include "platform/media/testing/media_test_files.h"
 
 namespace nembra {
 namespace {
