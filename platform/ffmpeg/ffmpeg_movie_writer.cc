@@ -110,6 +110,9 @@ OptionalError FfmpegMovieWriter::appendVideo(const RawMediaFrame& frame, double 
 OptionalError FfmpegMovieWriter::appendAudio(const RawMediaFrame& frame, double pts) {
   if (finished_) return Error::invalidArgument("the recording is finished");
   if (!audio_ || !start_ || pts < *start_) return std::nullopt;
+  // The encoder counts samples from the first frame's own stamp; the track is placed by the
+  // caller's stamps (which have pauses taken out).
+  if (!audioStart_) audioStart_ = std::make_pair(pts, frame.pts());
   std::vector<EncodedAudioSample> samples;
   if (OptionalError error = audio_->encode(frame, samples)) return error;
   return writeAudio(samples);
@@ -139,7 +142,8 @@ OptionalError FfmpegMovieWriter::writeAudio(std::vector<EncodedAudioSample>& sam
   while (!heldAudio_.empty()) {
     EncodedAudioSample sample = std::move(heldAudio_.front());
     heldAudio_.pop_front();
-    int64_t pts = std::llround((sample.pts - *start_) * settings_.audioSampleRate);
+    const double time = audioStart_->first + (sample.pts - audioStart_->second);
+    int64_t pts = std::llround((time - *start_) * settings_.audioSampleRate);
     if (pts < 0) continue;
     if (pts <= lastAudioPts_) pts = lastAudioPts_ + 1;
     lastAudioPts_ = pts;

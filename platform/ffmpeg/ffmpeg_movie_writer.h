@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/media/media_encoder_samples.h"
@@ -50,6 +51,8 @@ class FfmpegMovieWriter final : public MovieWriter {
   bool headerWritten_ = false;
   bool finished_ = false;
   std::optional<double> start_;  // capture time of the first picture
+  // The caller's stamp and the frame's own stamp of the first PCM appended.
+  std::optional<std::pair<double, double>> audioStart_;
   std::array<uint8_t, 2> asc_{};
   // AAC produced before the file's header could be written (it waits for the parameter sets).
   std::deque<EncodedAudioSample> heldAudio_;
