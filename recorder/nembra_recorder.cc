@@ -238,6 +238,7 @@ void NembraRecorder::configureSession() {
   session_ = env_.makeCaptureSession ? env_.makeCaptureSession() : nullptr;
   if (!session_) {
     log("Could not create video device input: no capture available");
+    setupError_ = "no capture available";
     setupResult_ = 2;
     onMain([](NembraRecorder& self) { self.move(RecorderEvent::ConfigurationFailed); });
     return;
@@ -246,6 +247,7 @@ void NembraRecorder::configureSession() {
   OptionalError error = session_->configure(settings, microphoneError);
   if (error) {
     log("Could not create video device input: " + error->message);
+    setupError_ = error->message;
     // A camera the user may not open is the platform's "not authorised".
     setupResult_ = error->kind == ErrorKind::File && error->code == EACCES ? 1 : 2;
     const RecorderEvent event = setupResult_ == 1 ? RecorderEvent::AuthorisationRefused
@@ -253,7 +255,10 @@ void NembraRecorder::configureSession() {
     onMain([event](NembraRecorder& self) { self.move(event); });
     return;
   }
-  if (microphoneError) log("Could not create audio device input: " + microphoneError->message);
+  if (microphoneError) {
+    log("Could not create audio device input: " + microphoneError->message);
+    microphoneError_ = microphoneError->message;
+  }
   if (config.isLiveStreaming()) {
     log("live audio capture output added");
     log("live video capture output added");

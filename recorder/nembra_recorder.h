@@ -77,6 +77,10 @@ class NembraRecorder final : public Screen,
   RecorderState state() const { return machine_.state(); }
   // 0 success, 1 not authorised, 2 configuration failed.
   int setupResult() const { return setupResult_; }
+  // Why the session could not be configured, and why the microphone could not be opened ("" when
+  // it was); read once the state has left Configuring.
+  const std::string& setupError() const { return setupError_; }
+  const std::string& microphoneError() const { return microphoneError_; }
   double duration() const;
   bool isPaused() const;
   // The file of the last finished recording ("" before).
@@ -151,6 +155,8 @@ class NembraRecorder final : public Screen,
   std::unique_ptr<CaptureSession> session_;
   std::atomic<int> setupResult_{0};
   bool isSessionRunning_ = false;
+  std::string setupError_;
+  std::string microphoneError_;
 
   // Countdown (main queue).
   int currentStartDelay_ = 0;
