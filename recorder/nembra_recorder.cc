@@ -207,8 +207,11 @@ void NembraRecorder::viewWillDisappear() {
     std::lock_guard lock(sampleMutex_);
     surface_ = nullptr;
   }
-  // The session stops with the screen; the capture threads are joined before this returns.
-  if (session_) session_->stopRunning();
+  visible_.store(false);
+  onSession([](NembraRecorder& self) {
+    if (self.session_) self.session_->stopRunning();
+    self.isSessionRunning_ = false;
+  });
 }
 
 void NembraRecorder::recoverInterruptedRecordings() {
@@ -285,7 +288,8 @@ void NembraRecorder::appear() {
       timeOffset_.reset();
       discont_ = false;
     }
-    session_->startRunning(*this);
+    // Not when the screen went while the session was being configured.
+    if (visible_.load()) session_->startRunning(*this);
     isSessionRunning_ = session_->isRunning();
   } else if (setupResult_ == 1) {
     onMain([](NembraRecorder& self) {

@@ -155,6 +155,7 @@ class NembraRecorder final : public Screen,
   std::unique_ptr<CaptureSession> session_;
   std::atomic<int> setupResult_{0};
   bool isSessionRunning_ = false;
+  std::atomic<bool> visible_{true};
   std::string setupError_;
   std::string microphoneError_;
 

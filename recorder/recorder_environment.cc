@@ -1,5 +1,7 @@
 #include "recorder/recorder_environment.h"
 
+#include <cstdio>
+
 #include "api/utils.h"
 #include "nembra/application.h"
 #include "nembra/main_queue.h"
@@ -43,7 +45,10 @@ RecorderEnvironment RecorderEnvironment::platform(Nembra& application) {
                                    UploadCallback done) {
     application.videos().createVideoWithData(
         data, path, std::move(cover),
-        [done](const std::optional<Json>& json, const HttpResponse&, const OptionalError& error) {
+        [done, path](const std::optional<Json>& json, const HttpResponse&,
+                     const OptionalError& error) {
+          // The recording is the SDK's own file: it goes once the service has it.
+          if (!error) std::remove(path.c_str());
           if (done) done(json, error);
         },
         {});

@@ -190,9 +190,9 @@ OptionalError FfmpegMovieWriter::startFile(const EncodedVideoSample& first) {
     setExtradata(audio->codecpar, asc_.data(), asc_.size());
   }
   AVDictionary* options = nullptr;
-  // A fragment at every key frame and at least once a second: a crash loses at most the last.
+  // A fragment at every key frame and every half second: a crash loses at most the last.
   av_dict_set(&options, "movflags", "frag_keyframe+empty_moov+default_base_moof", 0);
-  av_dict_set(&options, "frag_duration", "1000000", 0);
+  av_dict_set(&options, "frag_duration", "500000", 0);
   output_->flags |= AVFMT_FLAG_FLUSH_PACKETS;
   const int rc = avformat_write_header(output_, &options);
   av_dict_free(&options);
