@@ -221,7 +221,19 @@ int runRecord(CliContext& context, const RecordArguments& args) {
       recorder->toggleMovieRecording();
     }
   }
-  host->runUntilClosed(std::chrono::hours(24));
+  // Without a UI nobody can answer the live-streaming "Error" alert: it ends the command.
+  mainQueue.runUntil(
+      [&] {
+        return host->screensShown() == 0 ||
+               (kind == UiKind::None && !recorder->lastStreamingError().empty());
+      },
+      std::chrono::hours(24));
+  if (host->screensShown() > 0) {
+    const std::string message = recorder->lastStreamingError();
+    host->closeAll();
+    mainQueue.runUntilIdle();
+    return fail("Error: " + message);
+  }
   // Dismissed for the upload: wait for it to end.
   if (outcome->stopped || nembra.recorderConfig().isLiveStreaming()) {
     // The upload starts once the default cover is taken; a cover that cannot be taken means

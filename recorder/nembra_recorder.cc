@@ -877,8 +877,10 @@ void NembraRecorder::updateUIRecordingStreamingComplete() {
 // ------------------------------------------------------------------------------
 
 void NembraRecorder::setupLiveEncoders() {
-  auto video = std::make_shared<H264Encoder>(
-      videoWidth(), videoHeight(), application_.recorderConfig().getVideoBitrate(), kLiveFrameRate);
+  // libx264 takes even sides only.
+  auto video = std::make_shared<H264Encoder>(videoWidth() & ~1, videoHeight() & ~1,
+                                             application_.recorderConfig().getVideoBitrate(),
+                                             kLiveFrameRate);
   video->setDelegate(std::static_pointer_cast<H264EncoderDelegate>(shared_from_this()));
   log("video encoder configured");
   auto audio =
@@ -1030,6 +1032,7 @@ void NembraRecorder::onError(const std::string& message) {
     if (streamer) streamer->stop();
     self.move(RecorderEvent::StreamerFailed);
     self.updateUIRecordingStreamingComplete();
+    self.lastStreamingError_ = message;
     self.showAlert("Error", message);
   });
 }

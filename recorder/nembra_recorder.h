@@ -90,6 +90,8 @@ class NembraRecorder final : public Screen,
   // The target address and stream name of the last live start.
   const std::string& liveTargetAddress() const { return liveTargetAddress_; }
   const std::string& liveStreamName() const { return liveStreamName_; }
+  // The message of the last live-streaming failure (the "Error" alert's), "" when none.
+  const std::string& lastStreamingError() const { return lastStreamingError_; }
 
   // CaptureSampleSink, on the capture threads.
   void captureOutput(CaptureSample& sample) override;
@@ -177,6 +179,7 @@ class NembraRecorder final : public Screen,
   std::function<void()> cleanup_;  // run by retake and after a failed recording
   std::string liveTargetAddress_;
   std::string liveStreamName_;
+  std::string lastStreamingError_;
   std::string streamToken_;
   std::string liveVideoToken_;
 

@@ -149,6 +149,66 @@ TEST_F(RecordCommandTest, ARecordingKilledMidwayIsRecoveredAndPlays) {
   EXPECT_EQ(decoded.output, "");
 }
 
+TEST_F(RecordCommandTest, LiveModeStreamsToTheIngestAndSubmits) {
+  nembra::testing::ServeProcess::Options options;
+  options.dataDir = scratch_.file("live-data");
+  options.rtmpPort = nembra::testing::freeTcpPort();
+  std::string error;
+  auto service = nembra::testing::ServeProcess::start(options, error);
+  ASSERT_TRUE(service) << error;
+  const CommandResult result = nembra::testing::runCommand(
+      {"/usr/bin/env",
+       "NEMBRA_HOME=" + scratch_.file("home"),
+       NEMBRA_CLI_PATH,
+       "--server",
+       service->baseUrl(),
+       "--rtmp-url",
+       "rtmp://127.0.0.1:" + std::to_string(options.rtmpPort) + "/record/_definst_",
+       "--token",
+       kApp,
+       "--ui",
+       "none",
+       "record",
+       "--live",
+       "--camera",
+       "lavfi",
+       "--mic",
+       "lavfi",
+       "--start-delay",
+       "0",
+       "--max-duration",
+       "4",
+       "--quality",
+       "low"},
+      120s);
+  ASSERT_EQ(result.exitCode, 0) << result.output;
+  std::smatch token;
+  ASSERT_TRUE(std::regex_search(result.output, token, std::regex("video token: (\\S+)")))
+      << result.output;
+  // The submit turned the ingest's recording into the stream's file.
+  std::vector<std::string> videos;
+  for (int i = 0; i < 100 && videos.empty(); ++i) {
+    videos = filesEndingWith(options.dataDir + "/media/" + kApp + "/videos/" + token[1].str(),
+                             "/video.mp4");
+    if (videos.empty()) std::this_thread::sleep_for(100ms);
+  }
+  ASSERT_EQ(videos.size(), 1u) << service->output();
+  const Probe streamed = probe(videos[0]);
+  EXPECT_THAT(streamed.codecs, HasSubstr("h264"));
+  EXPECT_THAT(streamed.codecs, HasSubstr("aac"));
+  EXPECT_GT(streamed.duration, 1.5);
+}
+
+TEST_F(RecordCommandTest, AnIngestThatRefusesEndsWithTheErrorAlert) {
+  const CommandResult result = nembra::testing::runCommand(
+      argv({"--live", "--camera", "lavfi", "--mic", "none", "--start-delay", "0", "--rtmp-url",
+            "rtmp://127.0.0.1:" + std::to_string(nembra::testing::freeTcpPort()) +
+                "/record/_definst_"}),
+      60s);
+  EXPECT_EQ(result.exitCode, 1) << result.output;
+  EXPECT_THAT(result.output, HasSubstr("nembra record: Error: failed to start streaming"));
+}
+
 TEST_F(RecordCommandTest, ACameraThatIsNotThereEndsWithTheAlertText) {
   const CommandResult result =
       nembra::testing::runCommand(argv({"--camera", "/dev/video-none", "--mic", "none"}), 60s);
