@@ -20,6 +20,9 @@ namespace {
 constexpr AVRational kVideoTimeBase{1, 90000};
 constexpr int kVideoStream = 0;
 constexpr int kAudioStream = 1;
+constexpr int kAacFrameSamples = 1024;
+// Stamps further apart than this from where the last PCM ended are a jump, not jitter.
+constexpr double kAudioJumpSeconds = 0.005;
 
 // The MP4 decoder configuration record of one SPS and one PPS.
 std::vector<uint8_t> avcDecoderConfiguration(const std::vector<uint8_t>& sps,
@@ -113,6 +116,14 @@ OptionalError FfmpegMovieWriter::appendAudio(const RawMediaFrame& frame, double 
   // The encoder counts samples from the first frame's own stamp; the track is placed by the
   // caller's stamps (which have pauses taken out).
   if (!audioStart_) audioStart_ = std::make_pair(pts, frame.pts());
+  // The encoder counts samples; where the caller's stamps jump (a pause closed on the other
+  // track's terms), the track follows the stamps so that audio and pictures stay together.
+  if (audioNextStamp_ && std::abs(pts - *audioNextStamp_) > kAudioJumpSeconds) {
+    audioShift_ += pts - *audioNextStamp_;
+  }
+  if (frame.sampleRate() > 0) {
+    audioNextStamp_ = pts + static_cast<double>(frame.sampleCount()) / frame.sampleRate();
+  }
   std::vector<EncodedAudioSample> samples;
   if (OptionalError error = audio_->encode(frame, samples)) return error;
   return writeAudio(samples);
@@ -142,10 +153,11 @@ OptionalError FfmpegMovieWriter::writeAudio(std::vector<EncodedAudioSample>& sam
   while (!heldAudio_.empty()) {
     EncodedAudioSample sample = std::move(heldAudio_.front());
     heldAudio_.pop_front();
-    const double time = audioStart_->first + (sample.pts - audioStart_->second);
+    const double time = audioStart_->first + (sample.pts - audioStart_->second) + audioShift_;
     int64_t pts = std::llround((time - *start_) * settings_.audioSampleRate);
     if (pts < 0) continue;
-    if (pts <= lastAudioPts_) pts = lastAudioPts_ + 1;
+    // A frame that would overlap the last one is dropped: the stamps went back.
+    if (lastAudioPts_ >= 0 && pts < lastAudioPts_ + kAacFrameSamples / 2) continue;
     lastAudioPts_ = pts;
     if (OptionalError error = writePacket(kAudioStream, sample.data, pts, true)) return error;
   }

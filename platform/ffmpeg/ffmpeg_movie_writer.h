@@ -53,6 +53,9 @@ class FfmpegMovieWriter final : public MovieWriter {
   std::optional<double> start_;  // capture time of the first picture
   // The caller's stamp and the frame's own stamp of the first PCM appended.
   std::optional<std::pair<double, double>> audioStart_;
+  // Where the caller's next PCM is expected, and how far its stamps have jumped so far.
+  std::optional<double> audioNextStamp_;
+  double audioShift_ = 0;
   std::array<uint8_t, 2> asc_{};
   // AAC produced before the file's header could be written (it waits for the parameter sets).
   std::deque<EncodedAudioSample> heldAudio_;
