@@ -29,7 +29,8 @@ struct CaptureSample {
   double duration = 0;
   // The media for the writer and the encoders; null from fakes.
   std::shared_ptr<const RawMediaFrame> frame;
-  // Video: a small I420 copy for preview surfaces and observers (null when none was asked for).
+  // Video: a small I420 copy for preview surfaces and observers, on at most 15 samples a second
+  // (null on the others, and when none was asked for).
   SharedVideoFrame preview;
   // Audio: the samples as signed 16-bit, interleaved, and their channel count.
   std::vector<int16_t> pcm;

@@ -20,6 +20,8 @@ Error cameraError(const std::string& device, const Error& error) {
   return Error::media("no camera at " + device + ": " + error.message);
 }
 
+constexpr double kPreviewInterval = 1.0 / 15 - 0.005;
+
 }  // namespace
 
 MediaCaptureSession::~MediaCaptureSession() { stopRunning(); }
@@ -125,6 +127,7 @@ OptionalError MediaCaptureSession::changeCamera() {
 void MediaCaptureSession::readCamera() {
   // The virtual camera's pictures come as fast as they are made: held to real time here.
   MediaSourcePacer pacer(settings_.camera == "lavfi");
+  double lastPreview = -1e9;
   MediaSourceItem item;
   OptionalError error;
   while (!stopping_.load()) {
@@ -137,8 +140,10 @@ void MediaCaptureSession::readCamera() {
     sample.pts = raw->pts();
     sample.duration = frameInterval_;
     auto frame = std::make_shared<RawMediaFrame>(std::move(*raw));
-    if (settings_.previewWidth > 0) {
+    // Previews at most 15 a second: enough to watch and for the capture aids, at half the cost.
+    if (settings_.previewWidth > 0 && sample.pts - lastPreview >= kPreviewInterval) {
       sample.preview = videoConverter_->picture(*frame, settings_.previewWidth);
+      lastPreview = sample.pts;
     }
     sample.frame = std::move(frame);
     sink_->captureOutput(sample);
