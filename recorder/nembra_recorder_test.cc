@@ -6,6 +6,8 @@
 
 #include "nembra/application.h"
 #include "nembra/main_queue.h"
+#include "nembra/nembra_config.h"
+#include "nembra/nembra_videos.h"
 #include "platform/http/testing/http_test_support.h"
 #include "platform/ui/headless_ui.h"
 #include "platform/ui/screen_presenter.h"
@@ -259,6 +261,29 @@ TEST_F(RecorderTest, RetakeFromThePreviewRemovesTheFileAndRecordsAgain) {
   EXPECT_EQ(log_->writers.size(), 2u);
 }
 
+TEST_F(RecorderTest, FrameObserversSeeEverySampleEvenWhilePaused) {
+  struct Counter : CaptureFrameObserver {
+    void captureVideoFrame(const CaptureSample&) override { ++video; }
+    void captureAudioFrame(const CaptureSample&) override { ++audio; }
+    int video = 0;
+    int audio = 0;
+  };
+  auto counter = std::make_shared<Counter>();
+  RecorderConfig& config = nembra_.recorderConfig();
+  config.setShouldAutoStartRecording(false);
+  config.setIsPausedMode(true);
+  open();
+  recorder_->addFrameObserver(counter);
+  view().press("record");
+  queue_.runUntilIdle();
+  feed(0.0, 1.0);
+  view().press("pause");
+  feed(1.0, 2.0);
+  EXPECT_EQ(counter->video, 60);
+  EXPECT_EQ(counter->audio, 94);
+  EXPECT_EQ(writer().video.size(), 30u);
+}
+
 TEST_F(RecorderTest, StopConfirmationNoKeepsRecordingWithTheButtonLeftSelected) {
   RecorderConfig& config = nembra_.recorderConfig();
   config.setShouldAutoStartRecording(false);
@@ -282,6 +307,79 @@ TEST_F(RecorderTest, StopConfirmationNoKeepsRecordingWithTheButtonLeftSelected) 
   ASSERT_TRUE(view().answerAlert("Yes"));
   queue_.runUntilIdle();
   EXPECT_TRUE(writer().finished);
+}
+
+}  // namespace
+}  // namespace nembra
+
+namespace nembra {
+namespace {
+
+// Live mode against a loopback service whose RTMP ingest is not there.
+class RecorderLiveTest : public RecorderTest {
+ protected:
+  void SetUp() override {
+    RecorderTest::SetUp();
+    server_.on("POST", "/session", [](const auto&, auto& reply) {
+      reply.set_content(R"({"token":"sess"})", "application/json");
+    });
+    server_.on("POST", R"(/v1/applications/app/videos.*)",
+               [this](const auto& request, auto& reply) {
+                 if (request.target.find("recordersubmit") != std::string::npos) {
+                   ++submits_;
+                   reply.set_content("{}", "application/json");
+                 } else {
+                   reply.set_content(liveReply_, "application/json");
+                 }
+               });
+    // One request per connection: a kept-alive one would hold the server's stop.
+    server_.server().set_keep_alive_max_count(1);
+    server_.start();
+    nembra_.config().useSingleServer(server_.url());
+    nembra_.config().server_api_url = server_.url();
+    nembra_.config().wowza_url =
+        "rtmp://127.0.0.1:" + std::to_string(testing::HttpTestServer::closedPort()) +
+        "/record/_definst_";
+    RecorderConfig& config = nembra_.recorderConfig();
+    config.setIsLiveStreaming(true);
+    config.setShouldAutoStartRecording(false);
+    uploads_ = std::make_shared<NembraUploadingDelegate>();
+    uploads_->uploadFinishedWithPath = [this](const std::string& path, const std::string& token,
+                                              const std::string& stream) {
+      finished_.push_back(path + " " + token + " " + stream);
+    };
+    nembra_.setUploadingDelegate(uploads_);
+  }
+
+  testing::HttpTestServer server_;
+  std::string liveReply_ = R"({"video":{"token":"vid1"},"stream":{"token":"str1"}})";
+  std::atomic<int> submits_{0};
+  std::shared_ptr<NembraUploadingDelegate> uploads_;
+  std::vector<std::string> finished_;
+};
+
+TEST_F(RecorderLiveTest, BuildsTheTargetWithItsTrailingCharacterAndReportsARefusedIngest) {
+  open();
+  ASSERT_TRUE(view().press("record"));
+  // While the service is asked, the controls wait.
+  EXPECT_FALSE(view().button("record")->enabled);
+  EXPECT_FALSE(view().button("camera")->enabled);
+  EXPECT_FALSE(view().button("pause")->enabled);
+  ASSERT_TRUE(queue_.runUntil([&] { return view().alert().has_value(); }));
+  EXPECT_EQ(recorder_->liveTargetAddress(), nembra_.config().wowza_url + "\u00DF");
+  EXPECT_EQ(recorder_->liveStreamName(), "applications/app/videos/vid1/streams/str1/video.mp4");
+  EXPECT_EQ(view().alert()->title, "Error");
+  EXPECT_EQ(view().alert()->message, "failed to start streaming");
+  EXPECT_EQ(recorder_->state(), RecorderState::Idle);
+  EXPECT_TRUE(view().button("record")->enabled);
+}
+
+TEST_F(RecorderLiveTest, WithoutAnIngestAddressTheStartFailsWithItsMessage) {
+  nembra_.config().wowza_url = "";
+  open();
+  view().press("record");
+  ASSERT_TRUE(queue_.runUntil([&] { return view().alert().has_value(); }));
+  EXPECT_EQ(view().alert()->message, "no target address specified for the live streaming");
 }
 
 }  // namespace
