@@ -28,6 +28,8 @@
 #include "platform/media/media_probe.h"
 #include "platform/media/media_remuxer.h"
 #include "platform/media/media_source.h"
+#include "platform/media/movie_writer.h"
+#include "platform/media/raw_frame_converter.h"
 
 namespace nembra {
 
@@ -57,6 +59,14 @@ class MediaBackend {
                                                           OptionalError& error) = 0;
   virtual std::unique_ptr<AudioEncoder> createAacEncoder(const AudioEncoderSettings& settings,
                                                          OptionalError& error) = 0;
+
+  // The recorder's asset writer and the finishing of a recording a killed process left
+  // (movie_writer.h).
+  virtual std::unique_ptr<MovieWriter> createMovieWriter(const std::string& path,
+                                                         const MovieWriterSettings& settings,
+                                                         OptionalError& error) = 0;
+  virtual OptionalError finishInterruptedMovie(const std::string& path) = 0;
+  virtual std::unique_ptr<RawFrameConverter> makeRawFrameConverter() = 0;
 
   virtual OptionalError writeVideoSample(const std::string& path, double seconds, int width,
                                          int height) = 0;
