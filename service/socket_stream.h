@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "platform/net/tcp_socket.h"
@@ -50,6 +51,11 @@ class SocketStream {
 
   // Wakes a read or write blocked on the connection and fails the ones after it.
   void shutdown();
+
+  // The client's IP address; "" when unknown.
+  std::string peerAddress() const { return socket_->peerAddress(); }
+  // What a SocketPoller watches for this connection.
+  int pollHandle() const { return socket_->pollHandle(); }
 
  private:
   const std::unique_ptr<TcpSocket> socket_;
