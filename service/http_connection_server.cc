@@ -6,7 +6,6 @@
 
 #include "platform/dispatch/thread_name.h"
 #include "service/http_worker_pool.h"
-#include "service/rest_request.h"
 
 namespace nembra {
 namespace {
@@ -149,13 +148,21 @@ void HttpConnectionServer::headLoop() {
       if (connection->deadline <= now) expired.push_back(key);
     }
     for (uint64_t key : expired) {
-      auto connection = drop(key);
-      if (connection->inHead) {
-        refuse(std::move(connection), 408,
-               "the request head did not arrive within " +
-                   std::to_string(limits_.headTimeout.count()) + " ms");
-      } else {
-        release();  // an idle keep-alive connection ends without a word
+      Connection& connection = *waiting.at(key);
+      bool keep = false;
+      if (connection.draining) {
+        keep = false;
+      } else if (connection.head) {
+        keep = refuse(connection, 408, "the request body came too slowly");
+      } else if (connection.inHead) {
+        keep = refuse(connection, 408,
+                      "the request head did not arrive within " +
+                          std::to_string(limits_.headTimeout.count()) + " ms");
+      }
+      // An idle keep-alive connection ends without a word.
+      if (!keep) {
+        drop(key);
+        release();
       }
     }
   }
@@ -165,7 +172,35 @@ void HttpConnectionServer::headLoop() {
   }
 }
 
+bool HttpConnectionServer::collectBody(std::unique_ptr<Connection>& connection) {
+  SocketStream& stream = *connection->stream;
+  uint64_t length = connection->head->contentLength;
+  auto read = stream.fill(
+      std::chrono::milliseconds(1),
+      static_cast<size_t>(length - std::min<uint64_t>(length, stream.buffered().size())));
+  if (read == SocketStream::Read::TimedOut) return true;
+  if (read == SocketStream::Read::Failed) {
+    release();
+    connection.reset();
+    return false;
+  }
+  // A client that closed its side early still gets its answer (a short body's) from the port.
+  if (read == SocketStream::Read::Data && stream.buffered().size() < length) return true;
+  auto head = std::move(*connection->head);
+  std::string rawHead = std::move(connection->rawHead);
+  connection->head.reset();
+  dispatch(std::move(connection), std::move(head), std::move(rawHead));
+  return false;
+}
+
 bool HttpConnectionServer::advance(std::unique_ptr<Connection>& connection) {
+  if (connection->draining) {
+    if (drain(*connection)) return true;
+    release();
+    connection.reset();
+    return false;
+  }
+  if (connection->head) return collectBody(connection);
   SocketStream& stream = *connection->stream;
   HttpHeadParser parser;
   HttpRequestHead head;
@@ -196,7 +231,9 @@ bool HttpConnectionServer::advance(std::unique_ptr<Connection>& connection) {
     case HttpHeadParser::Status::NeedMore:
       return true;
     case HttpHeadParser::Status::Failed:
-      refuse(std::move(connection), parser.errorStatus(), parser.error());
+      if (refuse(*connection, parser.errorStatus(), parser.error())) return true;
+      release();
+      connection.reset();
       return false;
     case HttpHeadParser::Status::Done: {
       // Without the empty lines a client may send before a request.
@@ -204,6 +241,19 @@ bool HttpConnectionServer::advance(std::unique_ptr<Connection>& connection) {
       while (raw.substr(0, 2) == "\r\n") raw.remove_prefix(2);
       std::string rawHead(raw);
       stream.consume(consumed);
+      // A client waiting for "100 Continue" sends nothing until a worker answers it.
+      if (head.body == HttpRequestHead::Body::Length && head.contentLength <= kLoopBodyBytes &&
+          !head.expectContinue && stream.buffered().size() < head.contentLength) {
+        auto allowed = limits_.body.grace;
+        if (limits_.body.minBytesPerSecond > 0) {
+          allowed +=
+              std::chrono::milliseconds(head.contentLength * 1000 / limits_.body.minBytesPerSecond);
+        }
+        connection->deadline = Clock::now() + allowed;
+        connection->head = std::make_unique<HttpRequestHead>(std::move(head));
+        connection->rawHead = std::move(rawHead);
+        return true;
+      }
       dispatch(std::move(connection), std::move(head), std::move(rawHead));
       return false;
     }
@@ -240,16 +290,21 @@ void HttpConnectionServer::dispatch(std::unique_ptr<Connection> connection, Http
   });
 }
 
-void HttpConnectionServer::refuse(std::unique_ptr<Connection> connection, int status,
-                                  const std::string& message) {
-  std::shared_ptr<Connection> shared(std::move(connection));
-  pool_->enqueue([this, shared, status, message] {
-    handler_.refuse(*shared->stream, status, message);
-    // The client may still be sending the rest of what was refused: reading it for a moment
-    // lets the answer reach the client before the close.
-    shared->stream->lingeringClose(RestRequest::kMaxDrainBytes, kRefusalLinger);
-    release();
-  });
+bool HttpConnectionServer::refuse(Connection& connection, int status, const std::string& message) {
+  SocketStream& stream = *connection.stream;
+  handler_.refuse(stream, status, message);
+  stream.shutdownSending();
+  connection.draining = true;
+  connection.deadline = Clock::now() + kRefusalLinger;
+  stream.consume(stream.buffered().size());
+  return true;
+}
+
+bool HttpConnectionServer::drain(Connection& connection) {
+  SocketStream& stream = *connection.stream;
+  auto read = stream.fill(std::chrono::milliseconds(1));
+  stream.consume(stream.buffered().size());
+  return read == SocketStream::Read::Data || read == SocketStream::Read::TimedOut;
 }
 
 }  // namespace nembra

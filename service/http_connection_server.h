@@ -5,9 +5,10 @@
 // connection) then costs a socket and at most kMaxHeadBytes of buffer, never a worker, so any
 // number of slow clients leave the workers free for the others. Each head must be complete within
 // headTimeout (408 otherwise), within HttpHeadParser's size limit (431) and framed the one way
-// the parser accepts (400, 501): every port answers the same shapes the same way. Bodies are
-// read by the worker serving the request, under a BodyPace, which bounds how long a trickling
-// client can hold it.
+// the parser accepts (400, 501): every port answers the same shapes the same way. Small bodies
+// (every REST call's) are collected by the loop too, under the pace BodyPace sets, so a worker
+// only ever waits on a client for a large body (an upload), under a BodyPace, which bounds how
+// long a trickling client can hold it.
 //
 // Threading: start() and stop() from the owner thread. The accept thread is "<name>.listen", the
 // loop "<name>.heads", the workers "<name>.N". The handler is called on the workers.
@@ -44,7 +45,7 @@ class HttpRequestHandler {
   virtual After serve(SocketStream& stream, const HttpRequestHead& head,
                       const std::string& rawHead) = 0;
   // Sends this port's answer to a head that was refused with |status| (the connection closes
-  // after it).
+  // after it). Called on the head loop: it must not wait on the client beyond a short send.
   virtual void refuse(SocketStream& stream, int status, const std::string& message) = 0;
 };
 
@@ -62,6 +63,9 @@ struct HttpConnectionLimits {
 
 class HttpConnectionServer {
  public:
+  // Bodies up to this size are read whole before a worker is given the request.
+  static constexpr uint64_t kLoopBodyBytes = 64 * 1024;
+
   HttpConnectionServer(std::string name, HttpRequestHandler& handler, HttpConnectionLimits limits);
   // stop()
   ~HttpConnectionServer();
@@ -81,6 +85,12 @@ class HttpConnectionServer {
     std::unique_ptr<SocketStream> stream;
     std::chrono::steady_clock::time_point deadline;
     bool inHead = false;  // some bytes of a head came: the head deadline runs
+    // A small body the loop collects before the request goes to a worker, with its head.
+    std::unique_ptr<HttpRequestHead> head;
+    std::string rawHead;
+    // Answered and refused: what the client still sends is dropped until it closes or the
+    // deadline passes, so that the answer is not lost to a reset.
+    bool draining = false;
   };
 
   void acceptLoop();
@@ -88,8 +98,14 @@ class HttpConnectionServer {
   // Loop thread: reads what |connection| sent and acts on a complete or refused head. False when
   // the connection left the loop (handed on or closed).
   bool advance(std::unique_ptr<Connection>& connection);
+  // Loop thread: collects a small body after its head; dispatches the request once it is whole.
+  bool collectBody(std::unique_ptr<Connection>& connection);
   void dispatch(std::unique_ptr<Connection> connection, HttpRequestHead head, std::string rawHead);
-  void refuse(std::unique_ptr<Connection> connection, int status, const std::string& message);
+  // Loop thread: answers a refused head and starts draining the connection. False when it
+  // closed at once.
+  bool refuse(Connection& connection, int status, const std::string& message);
+  // Loop thread: drops what a refused client still sends; false once the connection closed.
+  bool drain(Connection& connection);
   // From a worker or the accept thread: puts a connection (back) under the loop's watch.
   void handBack(std::unique_ptr<Connection> connection);
   void release();

@@ -49,6 +49,9 @@ class SocketStream {
   // so that closing does not reset the connection before the client has read the answer.
   void lingeringClose(size_t drainBytes, std::chrono::milliseconds timeout);
 
+  // Stops sending: the client reads the end of the answer; receiving goes on.
+  void shutdownSending() { socket_->shutdownSending(); }
+
   // Wakes a read or write blocked on the connection and fails the ones after it.
   void shutdown();
 
