@@ -101,7 +101,9 @@ OptionalError LocalService::open() {
   credentials.accessKeyId = "NMBR" + toHex(sha256(secret)).substr(0, 16);
   for (auto& c : credentials.accessKeyId) c = static_cast<char>(std::toupper(c));
 
-  sessions_ = std::make_unique<SessionRegistry>(*store_, options_.tokens);
+  sessions_ = std::make_unique<SessionRegistry>(
+      *store_, options_.tokens,
+      SessionLimits{options_.sessionLifetimeSeconds, options_.sessionsPerMinute});
   analyzer_ = std::make_unique<MediaAnalyzer>(makeMediaProbe(), makeFrameGrabber());
   std::string base = options_.publicBaseUrl(port_);
   std::string storageUrl = options_.publicBaseUrl(storagePort_) + "/storage/" + kBucket;

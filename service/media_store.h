@@ -42,7 +42,9 @@ class MediaStore {
 
   OptionalError insertSession(const SessionRecord& session);
   Result<std::optional<SessionRecord>> findSession(const std::string& token);
-  OptionalError updateSession(const SessionRecord& session);
+  OptionalError updateSession(const SessionRecord& session);  // last use included
+  // Removes the sessions last used before |cutoff|; how many went.
+  Result<int64_t> deleteSessionsUnusedSince(int64_t cutoff);
 
   OptionalError insertMedia(MediaRecord& media);  // fills seq
   Result<std::optional<MediaRecord>> findMedia(const std::string& token);

@@ -42,7 +42,7 @@ struct ServiceOptions {
   int maxConnections = 400;  // open at once per port; more are closed at accept
 
   int sessionLifetimeSeconds = 7 * 24 * 3600;  // a session unused this long expires
-  int sessionsPerMinute = 60;                  // new sessions per client address (429 beyond)
+  int sessionsPerMinute = 120;                 // new sessions per client address (429 beyond)
   // A video created for an upload and never confirmed is removed after this long.
   int unconfirmedVideoLifetimeSeconds = 24 * 3600;
 

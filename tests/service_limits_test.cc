@@ -224,5 +224,18 @@ TEST_F(ServiceLimitsTest, HugeHeadsAreRefusedWithoutGrowingMemory) {
   EXPECT_LT(residentKiB() - before, 16 * 1024);
 }
 
+TEST_F(ServiceLimitsTest, ASessionFloodFromOneAddressIsRefused) {
+  ServiceOptions options;
+  options.sessionsPerMinute = 3;
+  start(options);
+  std::vector<int> statuses;
+  for (int i = 0; i < 5; ++i) {
+    RawClient client(service_->port());
+    client.send(sessionRequest());
+    statuses.push_back(client.status());
+  }
+  EXPECT_EQ(statuses, (std::vector<int>{200, 200, 200, 429, 429}));
+}
+
 }  // namespace
 }  // namespace nembra
