@@ -375,6 +375,27 @@ Result<std::vector<MediaRecord>> MediaStore::listMedia(const std::string& applic
   return list;
 }
 
+Result<std::vector<MediaRecord>> MediaStore::abandonedUploads(int64_t createdBefore,
+                                                              int64_t limit) {
+  std::lock_guard lock(mutex_);
+  Statement query = prepare(
+      "SELECT seq, token, application, kind, created, updated, creation_session, "
+      "client_auth, server_auth, attributes FROM media m WHERE created < ? "
+      "AND EXISTS (SELECT 1 FROM streams s WHERE s.media = m.token) "
+      "AND NOT EXISTS (SELECT 1 FROM streams s WHERE s.media = m.token "
+      "AND (s.origin != ? OR s.state != ?)) ORDER BY seq LIMIT ?");
+  if (!query.valid()) return sqliteError("cannot prepare a statement");
+  query.bind(1, createdBefore)
+      .bind(2, static_cast<int64_t>(StreamOrigin::Upload))
+      .bind(3, static_cast<int64_t>(StreamState::Created))
+      .bind(4, limit);
+  std::vector<MediaRecord> list;
+  int rc;
+  while ((rc = query.step()) == SQLITE_ROW) list.push_back(readMedia(query));
+  if (rc != SQLITE_DONE) return sqliteError("cannot list abandoned uploads");
+  return list;
+}
+
 OptionalError MediaStore::updateMedia(const MediaRecord& media) {
   std::lock_guard lock(mutex_);
   Statement query = prepare("UPDATE media SET updated = ?, attributes = ? WHERE token = ?");
