@@ -48,6 +48,8 @@ class MediaBackend {
                                                        OptionalError& error) = 0;
   virtual std::unique_ptr<MediaSource> openCamera(const std::string& device, int width, int height,
                                                   int fps, OptionalError& error) = 0;
+  virtual std::unique_ptr<MediaSource> openDecodedFile(const std::string& path,
+                                                       OptionalError& error) = 0;
 
   virtual std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
                                                           OptionalError& error) = 0;
@@ -73,6 +75,9 @@ std::unique_ptr<MediaSource> openTestPatternSource(int width, int height, int fp
 // A V4L2 camera with the default PulseAudio or ALSA microphone when one opens.
 std::unique_ptr<MediaSource> openCameraSource(const std::string& device, int width, int height,
                                               int fps, OptionalError& error);
+// A media file decoded into raw pictures and PCM, for publishing through the encoders (a file
+// whose video cannot pass through as it is, such as one with B-frames).
+std::unique_ptr<MediaSource> openDecodedFileSource(const std::string& path, OptionalError& error);
 // libx264 and FFmpeg's AAC encoder with the settings live publishing needs.
 std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
                                                 OptionalError& error);

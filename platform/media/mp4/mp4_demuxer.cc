@@ -1099,6 +1099,10 @@ OptionalError Mp4Demuxer::load() {
       return error;
     }
     videoTrack.order = videoOrder;
+    const auto& samples = videoTrack.samples;
+    video_->reordered = std::any_of(samples.begin(), samples.end(), [&](const TrackSample& s) {
+      return s.compositionOffset != samples.front().compositionOffset;
+    });
   }
   if (audioBoxes) {
     if (auto error = buildTrack(*audioBoxes, false, movie.timescale, source_.size, audioTrack)) {
