@@ -115,7 +115,7 @@ bool LivePublisher::start(std::string& error) {
   const auto deadline = Clock::now() + options_.publishTimeout;
   while (!publishStarted_ && failure_.empty()) {
     if (!streamer_->isReceiving()) {
-      failure_ = "connection lost before publishing: " + streamer_->receiverError();
+      failure_ = "connection lost before publishing: " + streamer_->receiverFailure();
       break;
     }
     if (stopRequested_.load()) {
@@ -219,7 +219,7 @@ void LivePublisher::sendLoop() {
     }
     // The send path cannot see a lost peer; the receiving thread can.
     if (!streamer_->isReceiving()) {
-      const std::string reason = streamer_->receiverError();
+      const std::string reason = streamer_->receiverFailure();
       fail("connection lost: " + (reason.empty() ? std::string("receiver stopped") : reason));
       break;
     }

@@ -346,7 +346,7 @@ TEST_F(ScriptedServerTest, AbruptCloseMidPublishIsNoticedWithinASecond) {
   EXPECT_EQ(*exitCode, 1);
   EXPECT_LT(seconds, 1.0);
   EXPECT_THAT(nembra::testing::readFile(dir_.file("client.out.err")),
-              HasSubstr("error: connection lost: netowrk recv data failed"));
+              HasSubstr("error: connection lost: the server closed the connection"));
 }
 
 }  // namespace
