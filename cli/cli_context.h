@@ -2,6 +2,7 @@
 // built from them.
 #pragma once
 
+#include <functional>
 #include <iosfwd>
 #include <memory>
 #include <string>
@@ -43,6 +44,10 @@ class CliContext {
  private:
   std::unique_ptr<Nembra> nembra_;
 };
+
+// An option check refusing a token that could not stand as one segment of a URL path (it
+// would name another resource): "" when |value| is fine, else why, naming |what|.
+std::function<std::string(const std::string&)> tokenValidator(const std::string& what);
 
 // The device facts shown by device-info and the demo, and their plain-text form.
 Json collectDeviceReport(CliContext& context);

@@ -46,6 +46,10 @@ class FfmpegMediaBackend final : public MediaBackend {
                                               OptionalError& error) override {
     return MediaSourceDevice::openMicrophone(device, error);
   }
+  std::unique_ptr<MediaSource> openDecodedFile(const std::string& path,
+                                               OptionalError& error) override {
+    return MediaSourceDevice::openDecodedFile(path, error);
+  }
 
   std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
                                                   OptionalError& error) override {

@@ -54,6 +54,8 @@ class MediaBackend {
   // PulseAudio source, else ALSA's default), "pulse:NAME" or "alsa:NAME".
   virtual std::unique_ptr<MediaSource> openMicrophone(const std::string& device,
                                                       OptionalError& error) = 0;
+  virtual std::unique_ptr<MediaSource> openDecodedFile(const std::string& path,
+                                                       OptionalError& error) = 0;
 
   virtual std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
                                                           OptionalError& error) = 0;
@@ -89,6 +91,9 @@ std::unique_ptr<MediaSource> openCameraSource(const std::string& device, int wid
                                               int fps, OptionalError& error);
 // A microphone alone (see MediaBackend::openMicrophone).
 std::unique_ptr<MediaSource> openMicrophoneSource(const std::string& device, OptionalError& error);
+// A media file decoded into raw pictures and PCM, for publishing through the encoders (a file
+// whose video cannot pass through as it is, such as one with B-frames).
+std::unique_ptr<MediaSource> openDecodedFileSource(const std::string& path, OptionalError& error);
 // libx264 and FFmpeg's AAC encoder with the settings live publishing needs.
 std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
                                                 OptionalError& error);
