@@ -309,8 +309,8 @@ void NembraAssetLoaderDelegate::processData(const Entry& entry, uint64_t fullLen
     return;
   }
   store_->commit(entry.span);
-  const ByteRange range{static_cast<uint64_t>(entry.request->dataRequest()->requestedOffset),
-                        length};
+  const LoaderRange range{static_cast<uint64_t>(entry.request->dataRequest()->requestedOffset),
+                          length};
   auto delegate = delegate_.lock();
   if (delegate && delegate->didLoadDataForRange) {
     delegate->didLoadDataForRange(*this, {store_->pathOf(entry.span), 0, length}, range,
@@ -341,7 +341,7 @@ void NembraAssetLoaderDelegate::reportError(const Error& error, std::shared_ptr<
   }
 }
 
-std::vector<ByteRange> NembraAssetLoaderDelegate::datasForSavingToCache() const {
+std::vector<LoaderRange> NembraAssetLoaderDelegate::datasForSavingToCache() const {
   return store_->ranges();
 }
 

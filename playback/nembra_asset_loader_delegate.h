@@ -54,7 +54,7 @@ struct NembraAssetLoaderDelegatesDelegate {
 
   // A new range arrived.
   std::function<void(NembraAssetLoaderDelegate& loader, const LoadedData& data,
-                     const ByteRange& range, const std::string& url)>
+                     const LoaderRange& range, const std::string& url)>
       didLoadDataForRange;
   // The whole file is available (handed over once).
   std::function<void(NembraAssetLoaderDelegate& loader, const LoadedData& data,
@@ -114,7 +114,7 @@ class NembraAssetLoaderDelegate : public std::enable_shared_from_this<NembraAsse
 
   const SpanStore& store() const { return *store_; }
   // The stored ranges (datasForSavingToCache's keys).
-  std::vector<ByteRange> datasForSavingToCache() const;
+  std::vector<LoaderRange> datasForSavingToCache() const;
   size_t pendingRequestCount() const;
   // Total body bytes received from the network, for the benchmarks.
   uint64_t bytesReceived() const;

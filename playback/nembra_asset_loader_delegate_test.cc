@@ -55,7 +55,7 @@ TEST(NembraAssetLoaderHelpersTest, CutsTheWantedBytesOutOfAWholeFileAnswer) {
 
 struct ConcatCase {
   const char* name;
-  std::vector<ByteRange> ranges;
+  std::vector<LoaderRange> ranges;
   uint64_t fullLength;
   bool whole;
 };
@@ -65,8 +65,8 @@ class ConcatTest : public ::testing::TestWithParam<ConcatCase> {};
 TEST_P(ConcatTest, WholeFileOnlyWithoutGaps) {
   const ConcatCase& c = GetParam();
   const std::string file = testing::patternBytes(c.fullLength);
-  std::map<ByteRange, std::vector<uint8_t>> stored;
-  for (const ByteRange& range : c.ranges) {
+  std::map<LoaderRange, std::vector<uint8_t>> stored;
+  for (const LoaderRange& range : c.ranges) {
     stored[range] = std::vector<uint8_t>(file.begin() + range.location, file.begin() + range.end());
   }
   auto data = H::concatedDataFromRanges(stored, c.fullLength);
@@ -90,7 +90,7 @@ class LoaderTest : public ::testing::Test {
  protected:
   struct Recorder : NembraAssetLoaderDelegatesDelegate {
     std::mutex mutex;
-    std::vector<ByteRange> ranges;
+    std::vector<LoaderRange> ranges;
     std::vector<std::string> wholeFiles;  // contents
     std::string mimeType;
     std::vector<Error> errors;
@@ -99,7 +99,7 @@ class LoaderTest : public ::testing::Test {
   void SetUp() override {
     recorder_ = std::make_shared<Recorder>();
     recorder_->didLoadDataForRange = [r = recorder_.get()](auto&, const LoadedData&,
-                                                           const ByteRange& range, auto&) {
+                                                           const LoaderRange& range, auto&) {
       std::lock_guard lock(r->mutex);
       r->ranges.push_back(range);
     };
@@ -177,7 +177,7 @@ TEST_F(LoaderTest, BoundedRequestIsSentAsAnInclusiveRangeAndAnsweredExactly) {
   ASSERT_TRUE(waitFor([&] { return loader->pendingRequestCount() == 0; }));
   EXPECT_EQ(loader->store().bytesOf({200, 100}),
             std::vector<uint8_t>(file.begin() + 200, file.begin() + 300));
-  EXPECT_EQ(loader->datasForSavingToCache(), (std::vector<ByteRange>{{200, 100}}));
+  EXPECT_EQ(loader->datasForSavingToCache(), (std::vector<LoaderRange>{{200, 100}}));
   EXPECT_TRUE(recorder_->wholeFiles.empty());
 }
 
@@ -195,7 +195,7 @@ TEST_F(LoaderTest, ServerIgnoringTheRangeIsAnsweredWithTheWantedBytesOnly) {
     ASSERT_TRUE(waitFor([&] { return loader->pendingRequestCount() == 0; }));
     EXPECT_EQ(loader->store().bytesOf({70000, 100}),
               std::vector<uint8_t>(file.begin() + 70000, file.begin() + 70100));
-    EXPECT_EQ(loader->datasForSavingToCache(), (std::vector<ByteRange>{{70000, 100}}));
+    EXPECT_EQ(loader->datasForSavingToCache(), (std::vector<LoaderRange>{{70000, 100}}));
     // Once it had what it wanted the loader stopped the download.
     EXPECT_LT(server.bytesSent(), file.size());
   }

@@ -80,13 +80,13 @@ std::optional<Cut> subdataFromData(uint64_t pieceStart, uint64_t pieceLength,
   return Cut{from, last - (pieceStart + from)};
 }
 
-std::optional<std::vector<ConcatPiece>> concatPlan(const std::vector<ByteRange>& ranges,
+std::optional<std::vector<ConcatPiece>> concatPlan(const std::vector<LoaderRange>& ranges,
                                                    uint64_t fullLength) {
   std::vector<ConcatPiece> plan;
   uint64_t covered = 0;
   while (covered != fullLength) {
-    const ByteRange* best = nullptr;
-    for (const ByteRange& range : ranges) {
+    const LoaderRange* best = nullptr;
+    for (const LoaderRange& range : ranges) {
       if (range.location <= covered && (!best || range.end() > best->end())) best = &range;
     }
     if (!best || best->end() <= covered) return std::nullopt;
@@ -98,8 +98,8 @@ std::optional<std::vector<ConcatPiece>> concatPlan(const std::vector<ByteRange>&
 }
 
 std::optional<std::vector<uint8_t>> concatedDataFromRanges(
-    const std::map<ByteRange, std::vector<uint8_t>>& ranges, uint64_t fullLength) {
-  std::vector<ByteRange> keys;
+    const std::map<LoaderRange, std::vector<uint8_t>>& ranges, uint64_t fullLength) {
+  std::vector<LoaderRange> keys;
   for (const auto& [range, data] : ranges) keys.push_back(range);
   auto plan = concatPlan(keys, fullLength);
   if (!plan) return std::nullopt;

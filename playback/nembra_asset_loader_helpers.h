@@ -15,11 +15,11 @@
 namespace nembra {
 
 // A byte range of the remote file: start offset and length.
-struct ByteRange {
+struct LoaderRange {
   uint64_t location = 0;
   uint64_t length = 0;
   uint64_t end() const { return location + length; }
-  auto operator<=>(const ByteRange&) const = default;
+  auto operator<=>(const LoaderRange&) const = default;
 };
 
 namespace NembraAssetLoaderHelpers {
@@ -64,18 +64,18 @@ std::optional<Cut> subdataFromData(uint64_t pieceStart, uint64_t pieceLength,
 
 // One piece of the assembled file: |length| bytes from |from| inside the stored |range|.
 struct ConcatPiece {
-  ByteRange range;
+  LoaderRange range;
   uint64_t from = 0;
   uint64_t length = 0;
 };
 // How the stored ranges make the whole file of |fullLength| bytes, walking from 0 and taking at
 // each step the range that starts at or before the covered end and ends furthest; absent when
 // there is a gap.
-std::optional<std::vector<ConcatPiece>> concatPlan(const std::vector<ByteRange>& ranges,
+std::optional<std::vector<ConcatPiece>> concatPlan(const std::vector<LoaderRange>& ranges,
                                                    uint64_t fullLength);
 // The same over ranges held in memory: the whole file's bytes, or absent.
 std::optional<std::vector<uint8_t>> concatedDataFromRanges(
-    const std::map<ByteRange, std::vector<uint8_t>>& ranges, uint64_t fullLength);
+    const std::map<LoaderRange, std::vector<uint8_t>>& ranges, uint64_t fullLength);
 
 }  // namespace NembraAssetLoaderHelpers
 }  // namespace nembra

@@ -188,16 +188,16 @@ std::optional<uint64_t> SpanStore::nextSpanStart(uint64_t position) const {
   return next;
 }
 
-std::vector<ByteRange> SpanStore::ranges() const {
+std::vector<LoaderRange> SpanStore::ranges() const {
   std::lock_guard lock(mutex_);
-  std::vector<ByteRange> result;
+  std::vector<LoaderRange> result;
   for (const auto& [id, file] : spans_) {
     if (file->committed) result.push_back({file->offset, file->length});
   }
   return result;
 }
 
-std::vector<uint8_t> SpanStore::bytesOf(const ByteRange& range) const {
+std::vector<uint8_t> SpanStore::bytesOf(const LoaderRange& range) const {
   std::vector<uint8_t> bytes(range.length);
   uint64_t done = 0;
   while (done < range.length) {
@@ -210,7 +210,7 @@ std::vector<uint8_t> SpanStore::bytesOf(const ByteRange& range) const {
 }
 
 std::optional<std::string> SpanStore::concatenate(uint64_t fullLength, OptionalError& error) {
-  std::vector<std::pair<ByteRange, std::shared_ptr<SpanFile>>> committed;
+  std::vector<std::pair<LoaderRange, std::shared_ptr<SpanFile>>> committed;
   std::string target;
   {
     std::lock_guard lock(mutex_);
@@ -219,11 +219,11 @@ std::optional<std::string> SpanStore::concatenate(uint64_t fullLength, OptionalE
     }
     target = directory_ + "/whole-" + std::to_string(++assembled_) + ".mp4";
   }
-  std::vector<ByteRange> keys;
+  std::vector<LoaderRange> keys;
   for (const auto& entry : committed) keys.push_back(entry.first);
   auto plan = NembraAssetLoaderHelpers::concatPlan(keys, fullLength);
   if (!plan) return std::nullopt;
-  auto fileOf = [&](const ByteRange& range) {
+  auto fileOf = [&](const LoaderRange& range) {
     for (const auto& entry : committed) {
       if (entry.first == range) return entry.second;
     }

@@ -56,9 +56,9 @@ class SpanStore {
   // The first span start after |position|, if any (where a fetch from |position| may stop).
   std::optional<uint64_t> nextSpanStart(uint64_t position) const;
   // The committed ranges.
-  std::vector<ByteRange> ranges() const;
+  std::vector<LoaderRange> ranges() const;
   // Bytes of the committed range |range|, for tests and small reads.
-  std::vector<uint8_t> bytesOf(const ByteRange& range) const;
+  std::vector<uint8_t> bytesOf(const LoaderRange& range) const;
 
   // Assembles the whole file of |fullLength| bytes from the committed ranges; its path, or
   // absent when there is a gap (or, with |error| set, when writing failed).
