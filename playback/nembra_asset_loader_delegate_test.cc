@@ -277,6 +277,7 @@ TEST_F(LoaderTest, FailuresReachTheDelegateAndNothingWholeIsHandedOver) {
     EXPECT_EQ(request->error()->kind, c.kind);
     EXPECT_TRUE(recorder_->wholeFiles.empty());
     if (c.mode == RangeMode::NotFound) {
+      ASSERT_TRUE(waitFor([&] { return loader->pendingRequestCount() == 0; }));
       ASSERT_EQ(recorder_->errors.size(), 1u);
       EXPECT_EQ(recorder_->errors[0].message, "Server returned failure status code");
       EXPECT_EQ(recorder_->errors[0].code, 404);
