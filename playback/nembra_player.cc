@@ -16,6 +16,7 @@
 #include "nembra/nembra_connect.h"
 #include "nembra/nembra_uploading_handler.h"
 #include "nembra/nembra_videos.h"
+#include "playback/asset_byte_source.h"
 
 namespace nembra {
 
@@ -334,6 +335,7 @@ MediaPlayerEngine& NembraPlayer::engine() {
     for (const NembraPlayerItem& item : items_) {
       MediaPlayerItem entry = item.asset->playerItem();
       entry.textTrackPath = item.textTrackPath;
+      sources_.push_back(entry.source);
       media.push_back(std::move(entry));
     }
     engine_->setMuted(muted_);
@@ -358,6 +360,11 @@ void NembraPlayer::close() {
   *alive_ = false;
   alive_ = std::make_shared<bool>(false);
   if (engine_) engine_->close();
+  // The outputs may belong to the screen that owns this player.
+  engine_.reset();
+  sources_.clear();
+  surface_.reset();
+  makeAudioOutput_ = nullptr;
 }
 
 std::optional<std::string> NembraPlayer::currentSubtitle() const {
@@ -385,11 +392,17 @@ void NembraPlayer::playerStatusChanged(MediaPlayerStatus status, const OptionalE
         if (delegate && delegate->playerReadyToPlay) delegate->playerReadyToPlay();
       });
       break;
-    case MediaPlayerStatus::Failed:
-      if (didFinishPlaying_) {
-        didFinishPlaying_(videoToken_, error ? error : OptionalError(Error::media("failed")));
+    case MediaPlayerStatus::Failed: {
+      OptionalError reason = error ? error : OptionalError(Error::media("the video failed"));
+      size_t index = engine_ ? engine_->currentItemIndex() : 0;
+      if (index < sources_.size()) {
+        if (auto* source = dynamic_cast<AssetByteSource*>(sources_[index].get())) {
+          if (auto loading = source->lastError()) reason = loading;
+        }
       }
+      if (didFinishPlaying_) didFinishPlaying_(videoToken_, reason);
       break;
+    }
   }
 }
 

@@ -100,12 +100,14 @@ class NembraPlayer : public MediaPlayerObserver,
   bool muted() const { return muted_; }
   double currentTime() const;
   double duration() const;
-  // Stops playback and releases the media; no event follows.
+  // Stops playback and releases the media and the outputs; no event follows. A later play()
+  // starts over without outputs unless they are set again.
   void close();
 
   const std::string& videoToken() const { return videoToken_; }
   const std::string& beforeEvent() const { return beforeEvent_; }
   void setDidFinishPlaying(DidFinishPlaying callback) { didFinishPlaying_ = std::move(callback); }
+  const DidFinishPlaying& didFinishPlaying() const { return didFinishPlaying_; }
   // The host's "dismiss the parent screen" at the end of the content.
   void setDismiss(std::function<void()> dismiss) { dismiss_ = std::move(dismiss); }
   // Every event reported, as its text, for hosts that echo them (the CLI's --json).
@@ -167,6 +169,9 @@ class NembraPlayer : public MediaPlayerObserver,
   std::shared_ptr<VideoSurface> surface_;
   std::function<std::unique_ptr<AudioOutput>()> makeAudioOutput_;
   std::unique_ptr<MediaPlayerEngine> engine_;
+  // The byte sources handed to the engine, one per item (null for local files): their errors
+  // say more than the engine's.
+  std::vector<std::shared_ptr<MediaByteSource>> sources_;
 
   std::unique_ptr<AdsLoader> adsLoader_;
   std::shared_ptr<AdContentPlayhead> contentPlayHead_;
