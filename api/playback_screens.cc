@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "nembra/application.h"
+#include "nembra/nembra_audios.h"
 
 namespace nembra {
 namespace {
@@ -49,6 +50,24 @@ void Nembra::playFromUri(const std::string& uri) { playFromUris({uri}); }
 void Nembra::playFromUris(const std::vector<std::string>& uris) {
   withPlaybackScreens("play videos", [&](PlaybackScreens& screens, ScreenPresenter& presenter) {
     screens.playFromUris(*this, presenter, uris);
+  });
+}
+
+void Nembra::playAudio(const std::string& token) { playAudios({token}); }
+
+void Nembra::playAudios(const std::vector<std::string>& tokens) {
+  std::vector<std::string> uris;
+  for (const std::string& token : tokens) uris.push_back(audios().getAudioUrl(token));
+  playAudioFromUris(uris);
+}
+
+void Nembra::playAudioFromUri(const std::string& uri) { playAudioFromUris({uri}); }
+
+void Nembra::playAudioFromUris(const std::vector<std::string>& uris) { startAudioPlayer(uris); }
+
+void Nembra::startAudioPlayer(const std::vector<std::string>& paths) {
+  withPlaybackScreens("play audios", [&](PlaybackScreens& screens, ScreenPresenter& presenter) {
+    screens.startAudioPlayer(*this, presenter, paths);
   });
 }
 

@@ -1,5 +1,6 @@
-// `nembra play TOKEN|URL|FILE...`: the video player in the UI the global --ui picks (none plays
-// without showing anything). --json prints the player delegate's events, one JSON line each.
+// `nembra play TOKEN|URL|FILE...` and `nembra audios play TOKEN...`: the video player in the UI the
+// global --ui picks (none plays without showing anything). --json prints the player delegate's
+// events, one JSON line each.
 #include <CLI/CLI.hpp>
 #include <filesystem>
 #include <iostream>
@@ -124,6 +125,30 @@ int runPlay(CliContext& context, const PlayArguments& args) {
 
 }  // namespace
 
+int runAudios(CliContext& context, const std::vector<std::string>& tokens) {
+  Nembra& nembra = context.nembra();
+  setMediaLogLevel(context.options.debug ? MediaLogLevel::Info : MediaLogLevel::Quiet);
+  UiKind kind = defaultUiKind();
+  if (!context.options.ui.empty() && !parseUiKind(context.options.ui, kind)) {
+    return fail("--ui takes window, terminal or none, not \"" + context.options.ui + "\"");
+  }
+  auto delegate = context.options.json ? jsonEvents() : nullptr;
+  if (delegate) nembra.setPlayerDelegate(delegate);
+  OptionalError error;
+  std::unique_ptr<UiAdapter> adapter = makeUiAdapter(kind, nembra.mainQueue(), error);
+  if (!adapter) return fail(error ? error->message : "cannot start the UI");
+  installPlaybackScreens();
+  auto presenter = std::make_shared<ScreenPresenter>(*adapter, nembra.mainQueue());
+  nembra.setScreenPresenter(presenter);
+  adapter->setQuitHandler([presenter] { presenter->dismissAll(); });
+  nembra.playAudios(tokens);
+  nembra.mainQueue().runUntil([&] { return presenter->depth() == 0; }, std::chrono::hours(24));
+  presenter.reset();
+  adapter.reset();
+  PlaybackScreens::install(nullptr);
+  return 0;
+}
+
 void registerPlayCommand(CLI::App& app, CliContext& context, int& exitCode) {
   static PlayArguments args;
   CLI::App* command = app.add_subcommand(
@@ -137,6 +162,13 @@ void registerPlayCommand(CLI::App& app, CliContext& context, int& exitCode) {
   command->add_option("--ads", args.ads, "Play the ads of this VAST tag URL before the content");
   command->add_option("--extra", args.extra, "NAME=VALUE added to the video URL's query");
   command->callback([&context, &exitCode] { exitCode = runPlay(context, args); });
+
+  static std::vector<std::string> audioTokens;
+  CLI::App* audios = app.get_subcommand("audios");
+  CLI::App* playAudios = audios->add_subcommand(
+      "play", "Play the application's audios by token in the audio player (a list repeats)");
+  playAudios->add_option("tokens", audioTokens, "Audio tokens")->required();
+  playAudios->callback([&context, &exitCode] { exitCode = runAudios(context, audioTokens); });
 }
 
 }  // namespace nembra

@@ -2,6 +2,7 @@
 
 #include "nembra/application.h"
 #include "platform/ui/screen_presenter.h"
+#include "playback/nembra_audio_player.h"
 #include "playback/nembra_player.h"
 #include "playback/player_screen.h"
 
@@ -67,6 +68,15 @@ void PlaybackModule::playFromUris(Nembra& application, ScreenPresenter& presente
           present(*app, *presenter, std::move(player), options);
         }
       });
+}
+
+void PlaybackModule::startAudioPlayer(Nembra& application, ScreenPresenter& presenter,
+                                      const std::vector<std::string>& paths) {
+  if (paths.empty()) return;
+  AudioPlaybackEngine& engine = options_.audioEngine
+                                    ? *options_.audioEngine
+                                    : AudioPlaybackEngine::sharedInstance(application.mainQueue());
+  presenter.present(std::make_shared<NembraAudioPlayer>(application, paths, engine));
 }
 
 void installPlaybackScreens(PlaybackModuleOptions options) {

@@ -1,5 +1,5 @@
 // The playback module's entry into the Nembra object: installPlaybackScreens() makes the
-// façade's play* operations present this module's screens.
+// façade's play* and startAudioPlayer operations present this module's screens.
 //
 // Threading: install at start-up; presenting runs on the main queue.
 #pragma once
@@ -9,6 +9,7 @@
 
 #include "api/playback_screens.h"
 #include "nembra/error.h"
+#include "playback/audio_playback_engine.h"
 
 namespace nembra {
 
@@ -16,6 +17,8 @@ struct PlaybackModuleOptions {
   // False: players open no sound device (tests, machines without one); the pictures then keep
   // the system clock's time.
   bool withSound = true;
+  // The audio players' engine; null: AudioPlaybackEngine::sharedInstance.
+  AudioPlaybackEngine* audioEngine = nullptr;
   // Told when a player's content ends (no error) or fails; the screen is dismissed either way.
   std::function<void(const std::string& videoToken, const OptionalError& error)> onFinished;
 };
@@ -28,6 +31,8 @@ class PlaybackModule final : public PlaybackScreens {
                   const std::vector<std::string>& tokens) override;
   void playFromUris(Nembra& application, ScreenPresenter& presenter,
                     const std::vector<std::string>& uris) override;
+  void startAudioPlayer(Nembra& application, ScreenPresenter& presenter,
+                        const std::vector<std::string>& paths) override;
 
  private:
   const PlaybackModuleOptions options_;

@@ -126,6 +126,12 @@ class Nembra {
   void playVideos(const std::vector<std::string>& tokens);
   void playFromUri(const std::string& uri);
   void playFromUris(const std::vector<std::string>& uris);
+  // The audio player: tokens (turned into URLs with audios().getAudioUrl), or ready URLs.
+  void playAudio(const std::string& token);
+  void playAudios(const std::vector<std::string>& tokens);
+  void playAudioFromUri(const std::string& uri);
+  void playAudioFromUris(const std::vector<std::string>& uris);
+  void startAudioPlayer(const std::vector<std::string>& paths);
   // Remote image loading for screens, made on first use; shared with the screens that use it.
   std::shared_ptr<RemoteImageLoader> imageLoader();
 
