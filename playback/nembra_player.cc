@@ -159,6 +159,8 @@ std::shared_ptr<NembraPlayer> NembraPlayer::initWithNembraApplication(
     url = *videoUrl;
   } else {
     NembraCacheManager& cache = application.playerCacheManager();
+    // What a killed player was loading goes, whether or not this one loads anything.
+    SpanStore::removeAbandonedStores(cache.getCacheDirectoryWithType(VIDEO));
     std::string cached = cache.getCacheFilePathWithType(VIDEO, videoToken);
     url = cache.fileExists(cached) ? cached : application.videos().getVideoUrl(videoToken);
   }

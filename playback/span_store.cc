@@ -18,8 +18,9 @@ namespace {
 
 constexpr const char* kDirectoryPrefix = ".nembra-loader-";
 
-// Removes sibling store directories whose process is gone (a player killed mid-download).
-void removeAbandoned(const fs::path& parent) {
+}  // namespace
+
+void SpanStore::removeAbandonedStores(const std::string& parent) {
   std::error_code ec;
   for (const auto& entry : fs::directory_iterator(parent, ec)) {
     std::string name = entry.path().filename().string();
@@ -30,6 +31,8 @@ void removeAbandoned(const fs::path& parent) {
     fs::remove_all(entry.path(), ignored);
   }
 }
+
+namespace {
 
 Error fileError(const std::string& what, const std::string& path) {
   return Error::file(what + " " + path + ": " + std::strerror(errno), errno);
@@ -52,7 +55,7 @@ std::unique_ptr<SpanStore> SpanStore::create(const std::string& parentDirectory,
                                              OptionalError& error) {
   std::error_code ec;
   fs::create_directories(parentDirectory, ec);
-  removeAbandoned(parentDirectory);
+  removeAbandonedStores(parentDirectory);
   std::random_device random;
   std::string directory =
       (fs::path(parentDirectory) /

@@ -35,6 +35,8 @@ class SpanStore {
   // it cannot be made.
   static std::unique_ptr<SpanStore> create(const std::string& parentDirectory,
                                            OptionalError& error);
+  // Removes the store directories under |parentDirectory| whose process is gone.
+  static void removeAbandonedStores(const std::string& parentDirectory);
   ~SpanStore();
   SpanStore(const SpanStore&) = delete;
   SpanStore& operator=(const SpanStore&) = delete;
