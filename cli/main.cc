@@ -49,6 +49,7 @@ int main(int argc, char** argv) {
   nembra::registerMediaCommands(app, context, exitCode);
   nembra::registerCacheCommand(app, context, exitCode);
   nembra::registerPlayCommand(app, context, exitCode);
+  nembra::registerPickCommand(app, context, exitCode);
   nembra::registerShowCommands(app, context, exitCode);
 #ifdef NEMBRA_HAVE_SERVICE
   nembra::registerServeCommand(app, context, exitCode);

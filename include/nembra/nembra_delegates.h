@@ -64,6 +64,8 @@ struct NembraUploadingDelegate {
                      const HttpResponse& response, const OptionalError& error,
                      const std::optional<Json>& json)>
       deleteWithToken;
+  // The user left a picker (the video library) without choosing anything to upload.
+  std::function<void()> uploadCancelledByUser;
 };
 // Told of playback by the video and audio players, each on the main queue. A video player
 // reports an event only when it differs from the one it reported last.
