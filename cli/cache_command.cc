@@ -27,6 +27,7 @@ struct CacheArguments {
   std::string root;
   bool noRoot = false;
   int64_t maxSize = -1;
+  std::string token;  // path: the cached file of this token rather than the directories
 };
 
 const char* extensionFor(int type) {
@@ -91,6 +92,18 @@ std::string sizeText(uint64_t bytes) {
 
 int runPath(CliContext& context, const CacheArguments& args) {
   NembraCacheManager& cache = managerFor(context, args);
+  if (!args.token.empty()) {
+    // The token's file, printed only when it is cached.
+    int found = 0;
+    for (int type : typesOf(args)) {
+      std::string path = cache.getCacheFilePathWithType(type, args.token);
+      if (path.empty() || !cache.fileExists(path)) continue;
+      std::cout << path << "\n";
+      ++found;
+    }
+    if (found == 0) std::cerr << "nembra cache path: " << args.token << " is not cached\n";
+    return found > 0 ? 0 : 1;
+  }
   Json out = Json::object();
   for (int type : typesOf(args)) {
     out[mediaTypeName(type)] = cache.getCacheDirectoryWithType(type);
@@ -176,8 +189,10 @@ void registerCacheCommand(CLI::App& app, CliContext& context, int& exitCode) {
     command->add_flag("--per-type", args->noRoot,
                       "No cache root: a \"<type>-cache\" directory per type");
   };
-  auto* path = cache->add_subcommand("path", "Print each type's cache directory");
+  auto* path = cache->add_subcommand(
+      "path", "Print each type's cache directory, or the cached file of TOKEN when it is cached");
   common(path);
+  path->add_option("token", args->token, "A media token");
   path->callback([&context, &exitCode, args] { exitCode = runPath(context, *args); });
   auto* list = cache->add_subcommand("ls", "List the cached files, newest first");
   common(list);

@@ -64,6 +64,8 @@ void registerUploadCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerMediaCommands(CLI::App& app, CliContext& context, int& exitCode);
 void registerCacheCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerRecordCommand(CLI::App& app, CliContext& context, int& exitCode);
+void registerPlayCommand(CLI::App& app, CliContext& context, int& exitCode);
+void registerPickCommand(CLI::App& app, CliContext& context, int& exitCode);
 // After registerMediaCommands: adds `images show` to its images command.
 void registerShowCommands(CLI::App& app, CliContext& context, int& exitCode);
 

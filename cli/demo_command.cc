@@ -15,6 +15,7 @@
 #include "nembra/application.h"
 #include "nembra/media_type.h"
 #include "nembra/nembra_audios.h"
+#include "nembra/nembra_cache_manager.h"
 #include "nembra/nembra_connect.h"
 #include "nembra/nembra_images.h"
 #include "nembra/nembra_uploading_handler.h"
@@ -27,9 +28,11 @@
 #include "platform/media/media_sample_writer.h"
 #include "platform/ui/headless_ui.h"
 #include "platform/ui/screen_presenter.h"
+#include "platform/ui/ui_adapter.h"
 #include "platform/ui/window_ui.h"
 #include "recorder/nembra_recorder.h"
 #include "recorder/recorder_screens.h"
+#include "playback/playback_module.h"
 #include "streaming/live_publisher.h"
 #include "streaming/stream_log.h"
 #include "viewer/viewer_screens.h"
@@ -82,6 +85,7 @@ class DemoRun {
     step("Record 3 s from the virtual camera, upload it with its default cover, read it back",
          [this] { return recordVideo(); });
     step("Show an image in the window", [this] { return showImage(); });
+    step("Play the uploaded video through the caching loader", [this] { return playVideo(); });
     auto seconds = std::chrono::duration<double>(Clock::now() - started).count();
     std::cout << "\n" << passed_ << " of " << total_ - skipped_ << " steps passed";
     if (skipped_ > 0) std::cout << " (" << skipped_ << " skipped)";
@@ -227,6 +231,52 @@ class DemoRun {
     std::cout << "    " << (drawn ? "shown" : "nothing drawn") << " in a " << shot.width << " x "
               << shot.height << " window\n";
     return drawn ? Outcome::Passed : Outcome::Failed;
+  }
+
+  // Plays the video uploaded earlier (in a window when there is a display, else with no
+  // screen), its bytes coming through the caching loader, and checks that the whole file
+  // landed in the player's cache.
+  Outcome playVideo() {
+    if (videoToken_.empty()) {
+      std::cout << "    no uploaded video to play\n";
+      return Outcome::Failed;
+    }
+    NembraCacheManager& cache = nembra_.playerCacheManager();
+    const std::string cached = cache.getCacheFilePathWithType(VIDEO, videoToken_);
+    // The download step may have cached it already; the player is to fetch it itself.
+    cache.removeFile(cached);
+    OptionalError error;
+    std::unique_ptr<UiAdapter> adapter =
+        WindowUi::open(nembra_.mainQueue(), WindowUi::Options{}, error);
+    const bool window = adapter != nullptr;
+    if (!adapter) adapter = makeUiAdapter(UiKind::None, nembra_.mainQueue(), error);
+    std::cout << "    playing " << videoToken_ << (window ? " in a window" : " with no screen")
+              << "\n";
+    bool ended = false;
+    OptionalError failure;
+    PlaybackModuleOptions options;
+    options.withSound = false;
+    options.onFinished = [&](const std::string&, const OptionalError& e) {
+      ended = true;
+      failure = e;
+    };
+    installPlaybackScreens(options);
+    auto presenter = std::make_shared<ScreenPresenter>(*adapter, nembra_.mainQueue());
+    nembra_.setScreenPresenter(presenter);
+    nembra_.playVideo(videoToken_);
+    nembra_.mainQueue().runUntil([&] { return ended && presenter->depth() == 0; },
+                                 std::chrono::seconds(60));
+    presenter->dismissAll();
+    nembra_.mainQueue().runUntil([&] { return cache.fileExists(cached); }, std::chrono::seconds(5));
+    PlaybackScreens::install(nullptr);
+    if (failure) {
+      std::cout << "    playback failed: " << failure->message << "\n";
+      return Outcome::Failed;
+    }
+    const bool same = cache.fileExists(cached) && readAll(cached) == videoBytes_;
+    std::cout << "    " << (ended ? "played to the end" : "did not end") << "; cache "
+              << (same ? "written: " + cached : std::string("NOT written")) << "\n";
+    return ended && same ? Outcome::Passed : Outcome::Failed;
   }
 
   bool showDevice() {
@@ -409,6 +459,10 @@ class DemoRun {
       return false;
     }
     std::cout << "    uploaded as " << mediaTypeName(type) << " " << token << "\n";
+    if (type == VIDEO) {
+      videoToken_ = token;
+      videoBytes_ = uploaded;
+    }
 
     auto tokens = listTokens(type);
     if (!tokens) return false;
@@ -564,6 +618,9 @@ class DemoRun {
   }
 
   CliContext& context_;
+  // The video the round trip uploaded, for the player step.
+  std::string videoToken_;
+  std::string videoBytes_;
   Nembra& nembra_;
   int total_ = 0;
   int passed_ = 0;

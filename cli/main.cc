@@ -50,6 +50,8 @@ int main(int argc, char** argv) {
   nembra::registerUploadCommand(app, context, exitCode);
   nembra::registerMediaCommands(app, context, exitCode);
   nembra::registerCacheCommand(app, context, exitCode);
+  nembra::registerPlayCommand(app, context, exitCode);
+  nembra::registerPickCommand(app, context, exitCode);
   nembra::registerShowCommands(app, context, exitCode);
   nembra::registerRecordCommand(app, context, exitCode);
 #ifdef NEMBRA_HAVE_SERVICE

@@ -37,6 +37,7 @@ class NembraImages;
 class FileInfoData;
 class RemoteImageLoader;
 class ScreenPresenter;
+class PlaybackScreens;
 
 class Nembra {
  public:
@@ -124,6 +125,18 @@ class Nembra {
   // |videoToken| the recording replaces that video's stream.
   void record();
   void record(const std::string& videoToken);
+  // Video players (api/playback_screens.h), presented like the viewer: video tokens, or URLs
+  // and local paths.
+  void playVideo(const std::string& token);
+  void playVideos(const std::vector<std::string>& tokens);
+  void playFromUri(const std::string& uri);
+  void playFromUris(const std::vector<std::string>& uris);
+  // The audio player: tokens (turned into URLs with audios().getAudioUrl), or ready URLs.
+  void playAudio(const std::string& token);
+  void playAudios(const std::vector<std::string>& tokens);
+  void playAudioFromUri(const std::string& uri);
+  void playAudioFromUris(const std::vector<std::string>& uris);
+  void startAudioPlayer(const std::vector<std::string>& paths);
   // Remote image loading for screens, made on first use; shared with the screens that use it.
   std::shared_ptr<RemoteImageLoader> imageLoader();
 
@@ -199,6 +212,8 @@ class Nembra {
   const std::string& appGroup() const { return appGroup_; }
 
  private:
+  void withPlaybackScreens(const std::string& what,
+                           const std::function<void(PlaybackScreens&, ScreenPresenter&)>& run);
   MainQueue& mainQueue_;
   std::string token_;
   std::string appGroup_;

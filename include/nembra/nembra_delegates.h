@@ -81,15 +81,31 @@ struct NembraUploadingDelegate {
                      const HttpResponse& response, const OptionalError& error,
                      const std::optional<Json>& json)>
       deleteWithToken;
+  // The user left a picker (the video library) without choosing anything to upload.
+  std::function<void()> uploadCancelledByUser;
 };
+// Told of playback by the video and audio players, each on the main queue. A video player
+// reports an event only when it differs from the one it reported last.
 struct NembraPlayerDelegate {
   virtual ~NembraPlayerDelegate() = default;
+
+  std::function<void()> playerReadyToPlay;
+  std::function<void()> playerPlaying;
+  std::function<void()> playerPaused;
+  // A seek or a stall at |seconds| (video), or the position as it moves (audio).
+  std::function<void(double seconds)> playerSeek;
+  std::function<void()> playerEnded;
+  // The audio player was closed by the user.
+  std::function<void()> playerCancelledByUser;
 };
 struct NembraSensorDelegate {
   virtual ~NembraSensorDelegate() = default;
 };
 struct NembraFileSelectorDelegate {
   virtual ~NembraFileSelectorDelegate() = default;
+
+  // The user left the video library without picking.
+  std::function<void()> uploadCancelledByUser;
 };
 struct NembraScreenRecorderDelegate {
   virtual ~NembraScreenRecorderDelegate() = default;
