@@ -16,6 +16,22 @@ pkg_check_modules(FFMPEG REQUIRED IMPORTED_TARGET
 pkg_check_modules(SDL2 REQUIRED IMPORTED_TARGET sdl2 SDL2_ttf)
 # Loopback servers in tests and the local service.
 pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+# VAST ad documents (api/vast_*).
+pkg_check_modules(PUGIXML REQUIRED IMPORTED_TARGET pugixml)
+# The local service's offline transcripts (platform/speech) and the model's folder.
+# Debian's pocketsphinx.pc names an include folder that does not exist, which an imported
+# target refuses; the target is made from the folders that do.
+pkg_check_modules(POCKETSPHINX REQUIRED pocketsphinx)
+pkg_get_variable(POCKETSPHINX_MODELDIR pocketsphinx modeldir)
+set(pocketsphinx_includes)
+foreach(dir ${POCKETSPHINX_INCLUDE_DIRS})
+  if(EXISTS ${dir})
+    list(APPEND pocketsphinx_includes ${dir})
+  endif()
+endforeach()
+add_library(nembra_pocketsphinx INTERFACE)
+target_include_directories(nembra_pocketsphinx SYSTEM INTERFACE ${pocketsphinx_includes})
+target_link_libraries(nembra_pocketsphinx INTERFACE ${POCKETSPHINX_LINK_LIBRARIES})
 
 if(NOT NEMBRA_SANITIZE AND NOT NEMBRA_FUZZ)
   find_package(benchmark REQUIRED)
