@@ -14,6 +14,7 @@
 #include "platform/media/media_probe.h"
 #include "platform/media/media_remuxer.h"
 #include "platform/net/tcp_listener.h"
+#include "service/audio_transcriber.h"
 #include "service/cdn_file_server.h"
 #include "service/data_directory.h"
 #include "service/fault_injection.h"
@@ -109,6 +110,12 @@ OptionalError LocalService::open() {
   signer_ = std::make_unique<StoragePolicySigner>(credentials, kBucket, storageUrl);
   verifier_ = std::make_unique<StoragePolicyVerifier>(credentials);
   library_ = std::make_unique<MediaLibrary>(*store_, *directory_, *analyzer_, *signer_, options_);
+  transcriber_ = std::make_unique<AudioTranscriber>(*library_, log_);
+  library_->setReadyListener([transcriber = transcriber_.get()](const std::string& application,
+                                                                MediaKind kind,
+                                                                const StreamRecord& stream) {
+    transcriber->enqueue(application, kind, stream);
+  });
   faults_ = std::make_unique<FaultInjection>(options_.faults);
   ingest_ =
       std::make_unique<RtmpIngest>(*library_, *sessions_, *directory_, makeMediaRemuxer(), log_);
@@ -265,6 +272,7 @@ OptionalError LocalService::start() {
     return error;
   }
   installServer();
+  transcriber_->start();
   size_t threads = static_cast<size_t>(std::max(1, options_.httpThreads));
   storageServer_ = std::make_unique<StorageServer>(*storage_, *faults_, threads);
   storageServer_->start(std::move(storageListener));
@@ -278,6 +286,7 @@ OptionalError LocalService::start() {
 }
 
 void LocalService::stop() {
+  if (transcriber_) transcriber_->stop();
   if (faults_) faults_->stopTransfers();
   if (ingest_) ingest_->stop();
   if (storageServer_) storageServer_->stop();

@@ -6,8 +6,9 @@
 //
 // Threading: construct, start() and stop() from one owner thread. Requests are served on the
 // HTTP worker threads "nembra.http.N", the listener on "com.nembra.service.listen"; storage
-// uploads on "storage.conn.N", their listener on "com.nembra.storage.listen". The log callback
-// may be called from any of them.
+// uploads on "storage.conn.N", their listener on "com.nembra.storage.listen"; transcripts of
+// ready videos on "com.nembra.service.transcribe". The log callback may be called from any of
+// them.
 #pragma once
 
 #include <functional>
@@ -25,6 +26,7 @@ class Server;
 
 namespace nembra {
 
+class AudioTranscriber;
 class CdnFileServer;
 class DataDirectory;
 class FaultInjection;
@@ -87,6 +89,7 @@ class LocalService {
   std::unique_ptr<StoragePolicySigner> signer_;
   std::unique_ptr<StoragePolicyVerifier> verifier_;
   std::unique_ptr<MediaLibrary> library_;
+  std::unique_ptr<AudioTranscriber> transcriber_;
   std::unique_ptr<FaultInjection> faults_;
   std::unique_ptr<MediaJson> json_;
   std::unique_ptr<RestAuthGate> gate_;
