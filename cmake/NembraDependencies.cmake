@@ -17,7 +17,7 @@ pkg_check_modules(SDL2 REQUIRED IMPORTED_TARGET sdl2 SDL2_ttf)
 # Loopback servers in tests and the local service.
 pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 # VAST ad documents (api/vast_*).
-pkg_check_modules(PUGIXML REQUIRED IMPORTED_TARGET pugixml)
+find_package(pugixml REQUIRED)
 # The local service's offline transcripts (platform/speech) and the model's folder.
 # Debian's pocketsphinx.pc names an include folder that does not exist, which an imported
 # target refuses; the target is made from the folders that do.
