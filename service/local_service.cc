@@ -14,6 +14,7 @@
 #include "platform/media/media_probe.h"
 #include "platform/media/media_remuxer.h"
 #include "platform/net/tcp_listener.h"
+#include "service/ad_routes.h"
 #include "service/audio_transcriber.h"
 #include "service/cdn_file_server.h"
 #include "service/data_directory.h"
@@ -145,7 +146,9 @@ OptionalError LocalService::open() {
                                                *audios_, *images_, options_);
   storage_ =
       std::make_unique<StorageUploadReceiver>(*library_, *verifier_, kBucket, *faults_, options_);
+  ads_ = std::make_unique<AdRoutes>(base, directory_->root() + "/ads/ad.mp4");
   routes_ = std::make_unique<RouteTable>();
+  ads_->registerRoutes(*routes_);
   hostless_->registerRoutes(*routes_);
   videos_->registerRoutes(*routes_);
   audios_->registerRoutes(*routes_);

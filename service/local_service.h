@@ -26,6 +26,7 @@ class Server;
 
 namespace nembra {
 
+class AdRoutes;
 class AudioTranscriber;
 class CdnFileServer;
 class DataDirectory;
@@ -98,6 +99,7 @@ class LocalService {
   std::unique_ptr<MediaRoutes> audios_;
   std::unique_ptr<MediaRoutes> images_;
   std::unique_ptr<HostlessRoutes> hostless_;
+  std::unique_ptr<AdRoutes> ads_;
   std::unique_ptr<StorageUploadReceiver> storage_;
   std::unique_ptr<RtmpIngest> ingest_;
   std::unique_ptr<RouteTable> routes_;
