@@ -37,6 +37,7 @@ class NembraImages;
 class FileInfoData;
 class RemoteImageLoader;
 class ScreenPresenter;
+class PlaybackScreens;
 
 class Nembra {
  public:
@@ -119,6 +120,20 @@ class Nembra {
   // Presents the image viewer over the topmost screen: URLs, file:// URIs or local paths.
   void showImageFromUri(const std::string& uri);
   void showImageFromUris(const std::vector<std::string>& uris);
+  // Players (api/playback_screens.h), presented like the viewer. Video tokens or URLs/paths;
+  // audio tokens (turned into URLs with audios().getAudioUrl) or URLs; the video library; the
+  // trimming editor over a local video (a remote one is refused with an alert).
+  void playVideo(const std::string& token);
+  void playVideos(const std::vector<std::string>& tokens);
+  void playFromUri(const std::string& uri);
+  void playFromUris(const std::vector<std::string>& uris);
+  void playAudio(const std::string& token);
+  void playAudios(const std::vector<std::string>& tokens);
+  void playAudioFromUri(const std::string& uri);
+  void playAudioFromUris(const std::vector<std::string>& uris);
+  void startAudioPlayer(const std::vector<std::string>& paths);
+  void startFileSelector();
+  void trimVideo(const std::string& path);
   // Remote image loading for screens, made on first use; shared with the screens that use it.
   std::shared_ptr<RemoteImageLoader> imageLoader();
 
@@ -194,6 +209,8 @@ class Nembra {
   const std::string& appGroup() const { return appGroup_; }
 
  private:
+  void withPlaybackScreens(const std::string& what,
+                           const std::function<void(PlaybackScreens&, ScreenPresenter&)>& run);
   MainQueue& mainQueue_;
   std::string token_;
   std::string appGroup_;

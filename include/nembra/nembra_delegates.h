@@ -65,14 +65,28 @@ struct NembraUploadingDelegate {
                      const std::optional<Json>& json)>
       deleteWithToken;
 };
+// Told of playback by the video and audio players, each on the main queue. A video player
+// reports an event only when it differs from the one it reported last.
 struct NembraPlayerDelegate {
   virtual ~NembraPlayerDelegate() = default;
+
+  std::function<void()> playerReadyToPlay;
+  std::function<void()> playerPlaying;
+  std::function<void()> playerPaused;
+  // A seek or a stall at |seconds| (video), or the position as it moves (audio).
+  std::function<void(double seconds)> playerSeek;
+  std::function<void()> playerEnded;
+  // The audio player was closed by the user.
+  std::function<void()> playerCancelledByUser;
 };
 struct NembraSensorDelegate {
   virtual ~NembraSensorDelegate() = default;
 };
 struct NembraFileSelectorDelegate {
   virtual ~NembraFileSelectorDelegate() = default;
+
+  // The user left the video library without picking.
+  std::function<void()> uploadCancelledByUser;
 };
 struct NembraScreenRecorderDelegate {
   virtual ~NembraScreenRecorderDelegate() = default;

@@ -18,8 +18,9 @@ namespace nembra {
 class HttpBodyFile;
 class HttpTask;
 
-// What a task reports. Both run on the client's callback queue, never on the caller's stack,
-// and a task's events arrive in order: progress events, then exactly one completion.
+// What a task reports. All run on the client's callback queue, never on the caller's stack,
+// and a task's events arrive in order: progress, then (streamed) the head and the data, then
+// exactly one completion.
 struct HttpTaskEvents {
   // Request body bytes handed to the network: this step, so far, and the total to send.
   std::function<void(HttpTask& task, int64_t bytesSent, int64_t totalBytesSent,
@@ -28,6 +29,17 @@ struct HttpTaskEvents {
   std::function<void(HttpTask& task, std::vector<uint8_t> body, const HttpResponse& response,
                      const OptionalError& error)>
       completion;
+
+  // Streamed responses: when |data| is set the body is handed over as it arrives (each chunk
+  // once, in order) and the completion's body is empty. |head| comes once, before the first
+  // chunk, with the final response's status and headers (not at all when no response came).
+  // While the consumer has not taken about kStreamWindow bytes, the transfer stops reading,
+  // so a slow consumer holds a bounded amount in memory. After cancel() a chunk already on
+  // its way may still arrive before the completion.
+  std::function<void(HttpTask& task, const HttpResponse& head)> head;
+  std::function<void(HttpTask& task, std::vector<uint8_t> chunk)> data;
+
+  static constexpr int64_t kStreamWindow = 4 << 20;
 };
 
 class HttpClient {

@@ -346,16 +346,15 @@ TEST_P(HttpTlsTest, VerifiesPeersAgainstSystemAndExtraRoots) {
   std::string body;
   CurlHttpClient client(options);
   HttpRequest request{"GET", "https://127.0.0.1:" + std::to_string(server.port()) + "/", {}, {}};
-  client
-      .dataTask(request, {nullptr,
-                          [&](HttpTask&, std::vector<uint8_t> received, const HttpResponse&,
-                              const OptionalError& error) {
-                            main.async([&, received, error] {
-                              body.assign(received.begin(), received.end());
-                              result = error;
-                            });
-                          }})
-      ->resume();
+  HttpTaskEvents events;
+  events.completion = [&](HttpTask&, std::vector<uint8_t> received, const HttpResponse&,
+                          const OptionalError& error) {
+    main.async([&, received, error] {
+      body.assign(received.begin(), received.end());
+      result = error;
+    });
+  };
+  client.dataTask(request, events)->resume();
   ASSERT_TRUE(main.runUntil([&] { return result.has_value(); }));
   const OptionalError& error = *result;
   if (!c.errorKind) {
@@ -380,5 +379,129 @@ INSTANTIATE_TEST_SUITE_P(
                               ErrorKind::File, 0}),
     [](const auto& info) { return std::string(info.param.name); });
 
+// Streamed responses: a 24 MiB body served in 64 KiB pieces, more than the stream window.
+class HttpStreamTest : public HttpClientTest {
+ protected:
+  static constexpr size_t kBodySize = 24 << 20;
+
+  static std::string pattern() {
+    std::string body(kBodySize, '\0');
+    for (size_t i = 0; i < body.size(); ++i)
+      body[i] = static_cast<char>((i * 31 + i / 4096) & 0xff);
+    return body;
+  }
+
+  void serveBody(std::shared_ptr<std::atomic<size_t>> sent) {
+    server_.on("GET", "/big", [this, sent](const httplib::Request&, httplib::Response& reply) {
+      reply.status = 206;
+      reply.set_header("Content-Range", "bytes 0-" + std::to_string(kBodySize - 1) + "/" +
+                                            std::to_string(kBodySize));
+      reply.set_content_provider(
+          kBodySize, "video/mp4",
+          [this, sent](size_t offset, size_t length, httplib::DataSink& sink) {
+            size_t piece = std::min<size_t>(length, 64 << 10);
+            sink.write(body_.data() + offset, piece);
+            sent->store(offset + piece);
+            return true;
+          });
+    });
+    server_.start();
+  }
+
+  struct Stream {
+    std::vector<std::string> order;
+    std::string body;
+    HttpResponse head;
+    OptionalError error;
+    bool done = false;
+    std::string completionBody;
+  };
+
+  HttpTaskEvents streamInto(std::shared_ptr<Stream> stream, std::function<void()> onChunk = {}) {
+    HttpTaskEvents events;
+    events.head = [this, stream](HttpTask&, const HttpResponse& head) {
+      main_.async([stream, head] {
+        stream->order.push_back("head");
+        stream->head = head;
+      });
+    };
+    events.data = [this, stream, onChunk](HttpTask&, std::vector<uint8_t> chunk) {
+      if (onChunk) onChunk();
+      main_.async([stream, chunk = std::move(chunk)] {
+        if (stream->order.empty() || stream->order.back() != "data")
+          stream->order.push_back("data");
+        stream->body.append(chunk.begin(), chunk.end());
+      });
+    };
+    events.completion = [this, stream](HttpTask&, std::vector<uint8_t> body, const HttpResponse&,
+                                       const OptionalError& error) {
+      main_.async([stream, body = std::string(body.begin(), body.end()), error] {
+        stream->order.push_back("completion");
+        stream->completionBody = body;
+        stream->error = error;
+        stream->done = true;
+      });
+    };
+    return events;
+  }
+
+  std::string body_ = pattern();
+};
+
+TEST_F(HttpStreamTest, HeadThenEveryByteInOrderThenAnEmptyCompletion) {
+  serveBody(std::make_shared<std::atomic<size_t>>(0));
+  auto stream = std::make_shared<Stream>();
+  auto task = client_->dataTask({"GET", server_.url("/big"), {{"Range", "bytes=0-"}}, std::nullopt},
+                                streamInto(stream));
+  task->resume();
+  ASSERT_TRUE(main_.runUntil([&] { return stream->done; }, seconds(20)));
+  EXPECT_FALSE(stream->error);
+  EXPECT_EQ(stream->order, (std::vector<std::string>{"head", "data", "completion"}));
+  EXPECT_EQ(stream->head.status, 206);
+  EXPECT_EQ(stream->head.header("content-range"),
+            "bytes 0-" + std::to_string(kBodySize - 1) + "/" + std::to_string(kBodySize));
+  EXPECT_TRUE(stream->body == body_);
+  EXPECT_TRUE(stream->completionBody.empty());
+}
+
+TEST_F(HttpStreamTest, AStalledConsumerStopsTheTransferAndCancelEndsIt) {
+  auto sent = std::make_shared<std::atomic<size_t>>(0);
+  serveBody(sent);
+  // The consumer blocks on its first chunk until the test lets it go.
+  std::mutex gate;
+  std::unique_lock hold(gate);
+  auto stream = std::make_shared<Stream>();
+  auto task = client_->dataTask({"GET", server_.url("/big"), {}, std::nullopt},
+                                streamInto(stream, [&] { std::lock_guard wait(gate); }));
+  task->resume();
+  main_.runUntil([] { return false; }, milliseconds(800));
+  // The window plus what the sockets buffer: far short of the whole body.
+  EXPECT_LT(sent->load(), kBodySize / 2);
+  task->cancel();
+  hold.unlock();
+  ASSERT_TRUE(main_.runUntil([&] { return stream->done; }, seconds(20)));
+  ASSERT_TRUE(stream->error);
+  EXPECT_EQ(stream->error->kind, ErrorKind::Cancelled);
+  EXPECT_LT(stream->body.size(), kBodySize);
+  EXPECT_TRUE(body_.compare(0, stream->body.size(), stream->body) == 0);
+}
+
+TEST_F(HttpStreamTest, AConnectionClosedMidBodyFailsAfterTheBytesThatCame) {
+  server_.on("GET", "/short", [](const httplib::Request&, httplib::Response& reply) {
+    reply.set_content_provider(1000, "video/mp4",
+                               [](size_t offset, size_t, httplib::DataSink& sink) {
+                                 if (offset >= 400) return false;  // drops the connection
+                                 sink.write(std::string(400, 'x').data(), 400);
+                                 return true;
+                               });
+  });
+  server_.start();
+  auto stream = std::make_shared<Stream>();
+  client_->dataTask({"GET", server_.url("/short"), {}, std::nullopt}, streamInto(stream))->resume();
+  ASSERT_TRUE(main_.runUntil([&] { return stream->done; }, seconds(20)));
+  ASSERT_TRUE(stream->error);
+  EXPECT_EQ(stream->error->kind, ErrorKind::Transport);
+  EXPECT_EQ(stream->body, std::string(400, 'x'));
+}
 }  // namespace
 }  // namespace nembra

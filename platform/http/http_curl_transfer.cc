@@ -164,7 +164,7 @@ CURL* CurlTransfer::open(CurlMultiLoop& loop, OptionalError& error) {
   return easy;
 }
 
-void CurlTransfer::finish(CURLcode result) {
+HttpResponse CurlTransfer::currentHead() const {
   HttpResponse response;
   long status = 0;
   curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
@@ -172,7 +172,32 @@ void CurlTransfer::finish(CURLcode result) {
   const char* url = nullptr;
   curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &url);
   response.url = url ? url : request_.url;
-  response.headers = std::move(receivedHeaders_);
+  response.headers = receivedHeaders_;
+  return response;
+}
+
+void CurlTransfer::deliverHead() {
+  if (headDelivered_) return;
+  headDelivered_ = true;
+  HttpResponse head = currentHead();
+  if (head.status == 0 || !events_.head || !runningLoop_) return;
+  runningLoop_->deliver(
+      [self = shared_from_this(), head = std::move(head)] { self->events_.head(*self, head); });
+}
+
+void CurlTransfer::chunkTaken(int64_t length) {
+  int64_t left = inFlight_.fetch_sub(length) - length;
+  if (left < HttpTaskEvents::kStreamWindow / 2 && writePaused_.exchange(false)) {
+    if (auto loop = loop_.lock(); loop && state() == HttpTaskState::Running) {
+      loop->setPaused(shared_from_this(), false);
+    }
+  }
+}
+
+void CurlTransfer::finish(CURLcode result) {
+  if (streamed() && result == CURLE_OK) deliverHead();
+  HttpResponse response = currentHead();
+  receivedHeaders_.clear();
 
   OptionalError error;
   if (bodyError_) {
@@ -255,6 +280,27 @@ Error CurlTransfer::transportError(CURLcode result) const {
 
 size_t CurlTransfer::onWrite(char* data, size_t size, size_t count, void* self) {
   auto* transfer = static_cast<CurlTransfer*>(self);
+  if (transfer->streamed()) {
+    if (transfer->inFlight_.load() >= HttpTaskEvents::kStreamWindow) {
+      // Stop reading; the consumer resumes it. Checked again after the flag is up: a consumer
+      // that drained in between would otherwise never see it.
+      transfer->writePaused_.store(true);
+      if (transfer->inFlight_.load() >= HttpTaskEvents::kStreamWindow ||
+          !transfer->writePaused_.exchange(false)) {
+        return CURL_WRITEFUNC_PAUSE;
+      }
+    }
+    transfer->deliverHead();
+    const int64_t length = static_cast<int64_t>(size * count);
+    transfer->inFlight_.fetch_add(length);
+    std::vector<uint8_t> chunk(data, data + length);
+    transfer->runningLoop_->deliver(
+        [self = transfer->shared_from_this(), chunk = std::move(chunk), length]() mutable {
+          self->events_.data(*self, std::move(chunk));
+          self->chunkTaken(length);
+        });
+    return size * count;
+  }
   transfer->received_.insert(transfer->received_.end(), data, data + size * count);
   return size * count;
 }

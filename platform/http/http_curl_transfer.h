@@ -71,6 +71,12 @@ class CurlTransfer final : public HttpTask, public std::enable_shared_from_this<
                         curl_off_t uploadTotal, curl_off_t uploaded);
 
   int64_t bodyLength() const;
+  bool streamed() const { return static_cast<bool>(events_.data); }
+  HttpResponse currentHead() const;
+  // Network thread. Posts the head once, before the first chunk.
+  void deliverHead();
+  // Callback queue. The consumer took |length| bytes: reading goes on when the window allows.
+  void chunkTaken(int64_t length);
   void reportProgress(int64_t totalSent);
   // Callback queue. Reports what was sent since the last event.
   void deliverProgress(int64_t expected);
@@ -108,6 +114,10 @@ class CurlTransfer final : public HttpTask, public std::enable_shared_from_this<
   std::atomic<bool> progressPending_{false};
   int64_t deliveredSent_ = 0;  // callback queue only
   bool completed_ = false;
+  bool headDelivered_ = false;
+  // Streamed bytes posted but not yet taken by the consumer, and whether reading stopped for it.
+  std::atomic<int64_t> inFlight_{0};
+  std::atomic<bool> writePaused_{false};
   char errorBuffer_[CURL_ERROR_SIZE] = {};
 };
 
