@@ -43,6 +43,10 @@ class FfmpegMediaBackend final : public MediaBackend {
                                           OptionalError& error) override {
     return MediaSourceDevice::openCamera(device, width, height, fps, error);
   }
+  std::unique_ptr<MediaSource> openMicrophone(const std::string& device,
+                                              OptionalError& error) override {
+    return MediaSourceDevice::openMicrophone(device, error);
+  }
 
   std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
                                                   OptionalError& error) override {
