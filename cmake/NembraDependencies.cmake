@@ -25,6 +25,8 @@ nembra_pkg_modules(SDL2 sdl2 SDL2_ttf)
 nembra_pkg_modules(HTTPLIB cpp-httplib)
 # VAST ad documents (api/vast_*).
 nembra_pkg_modules(PUGIXML pugixml)
+# Now-playing information on the session bus (platform/system/mpris_*).
+nembra_pkg_modules(DBUS dbus-1)
 # The local service's offline transcripts (platform/speech) and the model's folder.
 # Debian's pocketsphinx.pc names an include folder that does not exist, which an imported
 # target refuses; the target is made from the folders that do.

@@ -1,6 +1,6 @@
 // Sample video ads for players to test against, and a record of every tracking pixel they fire:
 //
-//   GET    /ads/vast/inline.xml    a VAST 3.0 inline linear ad (6 s, skippable after 2 s)
+//   GET    /ads/vast/inline.xml    a VAST 3.0 inline linear ad (4 s, skippable after 2 s)
 //   GET    /ads/vast/inline4.xml   the same ad as VAST 4.1
 //   GET    /ads/vast/wrapper.xml   a VAST 3.0 wrapper around inline.xml with its own tracking
 //   GET    /ads/vast/empty.xml     an answer with no ad
@@ -25,7 +25,7 @@ namespace nembra {
 
 class AdRoutes {
  public:
-  static constexpr double kClipSeconds = 6.0;
+  static constexpr double kClipSeconds = 4.0;
   static constexpr int kClipWidth = 640;
   static constexpr int kClipHeight = 360;
 

@@ -76,7 +76,7 @@ TEST_F(VastAdsTest, TheWrapperTagResolvesToThePlayableClipAndEveryPixelCountsOnc
   auto* ad = std::get_if<ResolvedVastAd>(&outcome);
   ASSERT_TRUE(ad) << std::get<VastFailure>(outcome).message;
   EXPECT_EQ(ad->mediaFile.url, url("/ads/media/ad.mp4"));
-  EXPECT_EQ(ad->durationSeconds, 6.0);
+  EXPECT_EQ(ad->durationSeconds, 4.0);
   EXPECT_EQ(ad->skipOffsetSeconds, 2.0);
 
   // The clip is real media of the size the document announces.
@@ -88,12 +88,12 @@ TEST_F(VastAdsTest, TheWrapperTagResolvesToThePlayableClipAndEveryPixelCountsOnc
   MediaProbeResult probed;
   ASSERT_FALSE(makeMediaProbe()->probe(scratch.file("ad.mp4"), probed));
   EXPECT_EQ(probed.width, 640);
-  EXPECT_NEAR(probed.duration, 6.0, 0.2);
+  EXPECT_NEAR(probed.duration, 4.0, 0.2);
 
   VastTracker tracker(http_, ad->tracking, ad->errorUrls);
   for (int round = 0; round < 2; ++round) {
     tracker.fire(VastEvent::Impression);
-    for (double at = 0; at <= 6.0; at += 0.5) tracker.progress(at, 6.0);
+    for (double at = 0; at <= 4.0; at += 0.5) tracker.progress(at, 4.0);
     tracker.fire(VastEvent::Skip);
     tracker.fire(VastEvent::Complete);
   }
