@@ -26,6 +26,7 @@ TEST(PrerollAdsTest, ThePrerollPlaysBeforeTheContentAndFiresEveryPixelOnce) {
   testing::TempDir data("nembra-preroll");
   ServiceOptions options;
   options.port = 0;
+  options.rtmpPort = 0;  // no ingest
   options.dataDir = data.file("service");
   LocalService service(options, [](const std::string&) {});
   auto error = service.start();

@@ -28,6 +28,7 @@ class VastAdsTest : public ::testing::Test {
     if (!testing::MediaTestFiles::haveFfmpeg()) GTEST_SKIP() << "ffmpeg is not installed";
     ServiceOptions options;
     options.port = 0;
+    options.rtmpPort = 0;  // no ingest
     options.dataDir = data_.path();
     service_ = std::make_unique<LocalService>(options, [](const std::string&) {});
     auto error = service_->start();
