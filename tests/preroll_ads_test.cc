@@ -5,6 +5,7 @@
 #include <httplib.h>
 
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "nembra/application.h"
 #include "nembra/main_queue.h"
@@ -71,6 +72,59 @@ TEST(PrerollAdsTest, ThePrerollPlaysBeforeTheContentAndFiresEveryPixelOnce) {
   EXPECT_EQ(counts["inline"], once) << counts.dump();
   EXPECT_EQ(counts["wrapper"], once) << counts.dump();
   EXPECT_FALSE(counts.contains("error")) << counts.dump();
+}
+
+// An ad whose media file is missing: the content plays all the same, and the ad's error URL
+// reports 401 (file not found) once.
+TEST(PrerollAdsTest, AMissingAdFileLetsTheContentPlayAndReports401) {
+  if (!testing::MediaTestFiles::haveFfmpeg()) GTEST_SKIP() << "ffmpeg is not installed";
+  testing::TempDir data("nembra-preroll-missing");
+  ServiceOptions options;
+  options.port = 0;
+  options.rtmpPort = 0;  // no ingest
+  options.dataDir = data.file("service");
+  LocalService service(options, [](const std::string&) {});
+  auto error = service.start();
+  ASSERT_FALSE(error) << error->message;
+  const std::string base = service.urls().base;
+  // The service's inline ad, its clip moved to a path the service does not serve.
+  httplib::Client client("127.0.0.1", service.port());
+  std::string document = client.Get("/ads/vast/inline.xml")->body;
+  const std::string clip = base + "/ads/media/ad.mp4";
+  document.replace(document.find(clip), clip.size(), base + "/ads/media/gone.mp4");
+  testing::writeFile(data.file("missing.xml"), document);
+  httplib::Server tags;
+  tags.set_mount_point("/", data.path());
+  int port = tags.bind_to_any_port("127.0.0.1");
+  std::thread serving([&] { tags.listen_after_bind(); });
+  testing::MediaTestFiles media;
+  const std::string content = media.video("content.mp4", "320x240", 0.5);
+
+  MainQueue queue;
+  Nembra nembra("app1", queue);
+  auto delegate = std::make_shared<NembraPlayerDelegate>();
+  bool ended = false;
+  delegate->playerEnded = [&] { ended = true; };
+  nembra.setPlayerDelegate(delegate);
+  VastAdsLoader::install(queue, std::make_shared<CurlHttpClient>(), {});
+  auto player = NembraPlayer::initWithVideoURL(nembra, content);
+  std::vector<bool> shown;
+  player->playWithAdsWithAdTagURL("http://127.0.0.1:" + std::to_string(port) + "/missing.xml", {},
+                                  [&](bool visible) { shown.push_back(visible); });
+  EXPECT_TRUE(queue.runUntil([&] { return ended; }, 20s));
+  EXPECT_EQ(shown, (std::vector<bool>{false, true}));
+  player->close();
+  player.reset();
+  setAdsLoaderFactory(nullptr);
+  tags.stop();
+  serving.join();
+
+  Json counts;
+  for (int i = 0; i < 100 && !counts.contains("error"); ++i) {
+    counts = Json::parse(client.Get("/ads/tracking")->body, nullptr, false);
+    std::this_thread::sleep_for(20ms);
+  }
+  EXPECT_EQ(counts, (Json{{"error", {{"401", 1}}}})) << counts.dump();
 }
 
 }  // namespace
