@@ -14,6 +14,7 @@
 #include "nembra/nembra_config.h"
 #include "nembra/nembra_videos.h"
 #include "platform/speech/testing/spoken_media.h"
+#include "playback/nembra_player.h"
 #include "tests/test_support.h"
 
 namespace nembra {
@@ -92,6 +93,23 @@ TEST(TranscriptionTest, AnUploadedSpokenVideoGetsItsWordsInTheOriginalStreamDesc
             << "(heard " << words.dump() << ")\n";
   EXPECT_GE(count, 4);
   EXPECT_NE(serve->output().find("transcribed video " + token), std::string::npos);
+
+  // The player turns the description into a WebVTT subtitle track with the heard words.
+  std::shared_ptr<NembraPlayer> player;
+  bool made = false;
+  NembraPlayer::createPlayerWithAdditionalParams(nembra, token, Json::object(),
+                                                 [&](std::shared_ptr<NembraPlayer> created) {
+                                                   player = std::move(created);
+                                                   made = true;
+                                                 });
+  ASSERT_TRUE(mainQueue.runUntil([&] { return made; }, 30s));
+  ASSERT_TRUE(player);
+  ASSERT_EQ(player->itemCount(), 1u);
+  const std::string vtt = testing::readFile(player->item(0).textTrackPath);
+  EXPECT_EQ(vtt.rfind("WEBVTT\n\n", 0), 0u) << vtt;
+  EXPECT_NE(vtt.find("\nthree\n"), std::string::npos) << vtt;
+  player->close();
+  player.reset();
   EXPECT_EQ(serve->stop(SIGTERM), 0);
 }
 
