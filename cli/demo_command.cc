@@ -11,6 +11,8 @@
 #include <thread>
 #include <type_traits>
 
+#include "api/vast_ad_resolver.h"
+#include "api/vast_tracker.h"
 #include "cli/cli_context.h"
 #include "nembra/application.h"
 #include "nembra/media_type.h"
@@ -22,6 +24,7 @@
 #include "nembra/nembra_videos.h"
 #include "nembra/reply_status.h"
 #include "platform/files/file_system.h"
+#include "platform/http/http_curl_client.h"
 #include "platform/media/media_backend.h"
 #include "platform/media/media_log.h"
 #include "platform/media/media_probe.h"
@@ -86,6 +89,8 @@ class DemoRun {
          [this] { return recordVideo(); });
     step("Show an image in the window", [this] { return showImage(); });
     step("Play the uploaded video through the caching loader", [this] { return playVideo(); });
+    step("Resolve the sample ad tag, fire its pixels, count them on the service",
+         [this] { return adPixels(); });
     auto seconds = std::chrono::duration<double>(Clock::now() - started).count();
     std::cout << "\n" << passed_ << " of " << total_ - skipped_ << " steps passed";
     if (skipped_ > 0) std::cout << " (" << skipped_ << " skipped)";
@@ -615,6 +620,76 @@ class DemoRun {
                        std::abs(probed.duration - options.duration) <= 0.5;
     if (!whole) std::cout << "    that is not the 3 s, 640x360 stream that was sent\n";
     return whole ? Outcome::Passed : Outcome::Failed;
+  }
+
+  // The local service's wrapper tag through the VAST client, every tracking event fired as a
+  // played ad fires them (each twice: the second must be dropped), and the service's count read
+  // back: one hit per event and document level.
+  Outcome adPixels() {
+    const std::string base = nembra_.config().server_api_url;
+    CurlHttpClient http;
+    auto fetch = [&http](const std::string& method, const std::string& url) {
+      auto done = std::make_shared<std::promise<std::pair<int, std::string>>>();
+      HttpRequest request;
+      request.method = method;
+      request.url = url;
+      HttpTaskEvents events;
+      events.completion = [done](HttpTask&, std::vector<uint8_t> body, const HttpResponse& response,
+                                 const OptionalError&) {
+        done->set_value({response.status, std::string(body.begin(), body.end())});
+      };
+      http.dataTask(std::move(request), std::move(events))->resume();
+      auto future = done->get_future();
+      if (future.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
+        return std::pair<int, std::string>{0, ""};
+      }
+      return future.get();
+    };
+    if (fetch("DELETE", base + "/ads/tracking").first != 200) {
+      std::cout << "    the service has no sample ads (it is not `nembra serve`)\n";
+      return Outcome::Skipped;
+    }
+    VastAdResolver resolver(http);
+    std::promise<VastAdResolver::Outcome> resolved;
+    resolver.resolve(base + "/ads/vast/wrapper.xml", {1280, 720},
+                     [&resolved](VastAdResolver::Outcome outcome) { resolved.set_value(outcome); });
+    auto outcome = resolved.get_future().get();
+    if (auto* failure = std::get_if<VastFailure>(&outcome)) {
+      std::cout << "    VAST error " << static_cast<int>(failure->code) << ": " << failure->message
+                << "\n";
+      return Outcome::Failed;
+    }
+    const auto& ad = std::get<ResolvedVastAd>(outcome);
+    auto clip = fetch("GET", ad.mediaFile.url);
+    std::cout << "    ad " << ad.adId << ": " << ad.durationSeconds << " s, " << ad.mediaFile.width
+              << "x" << ad.mediaFile.height << " " << ad.mediaFile.type << ", "
+              << clip.second.size() << " bytes\n";
+    if (clip.first != 200 || clip.second.empty()) return Outcome::Failed;
+    VastTracker tracker(http, ad.tracking, ad.errorUrls);
+    for (int round = 0; round < 2; ++round) {
+      tracker.fire(VastEvent::Impression);
+      for (double at = 0; at <= ad.durationSeconds; at += 0.5) {
+        tracker.progress(at, ad.durationSeconds);
+      }
+      tracker.fire(VastEvent::Complete);
+    }
+    Json counts;
+    for (int attempt = 0; attempt < 100; ++attempt) {
+      counts = Json::parse(fetch("GET", base + "/ads/tracking").second, nullptr, false);
+      if (counts.value("inline", Json::object()).size() == 6 &&
+          counts.value("wrapper", Json::object()).size() == 6) {
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    std::cout << "    the service counted " << counts.dump() << "\n";
+    bool once = !counts.contains("error");
+    for (const char* level : {"inline", "wrapper"}) {
+      const Json events = counts.value(level, Json::object());
+      once = once && events.size() == 6;
+      for (const auto& count : events) once = once && count == 1;
+    }
+    return once ? Outcome::Passed : Outcome::Failed;
   }
 
   CliContext& context_;

@@ -23,6 +23,24 @@ nembra_pkg_modules(FFMPEG
 nembra_pkg_modules(SDL2 sdl2 SDL2_ttf)
 # Loopback servers in tests and the local service.
 nembra_pkg_modules(HTTPLIB cpp-httplib)
+# VAST ad documents (api/vast_*).
+nembra_pkg_modules(PUGIXML pugixml)
+# Now-playing information on the session bus (platform/system/mpris_*).
+nembra_pkg_modules(DBUS dbus-1)
+# The local service's offline transcripts (platform/speech) and the model's folder.
+# Debian's pocketsphinx.pc names an include folder that does not exist, which an imported
+# target refuses; the target is made from the folders that do.
+pkg_check_modules(POCKETSPHINX REQUIRED pocketsphinx)
+pkg_get_variable(POCKETSPHINX_MODELDIR pocketsphinx modeldir)
+set(pocketsphinx_includes)
+foreach(dir ${POCKETSPHINX_INCLUDE_DIRS})
+  if(EXISTS ${dir})
+    list(APPEND pocketsphinx_includes ${dir})
+  endif()
+endforeach()
+add_library(nembra_pocketsphinx INTERFACE)
+target_include_directories(nembra_pocketsphinx SYSTEM INTERFACE ${pocketsphinx_includes})
+target_link_libraries(nembra_pocketsphinx INTERFACE ${POCKETSPHINX_LINK_LIBRARIES})
 
 if(NOT NEMBRA_SANITIZE AND NOT NEMBRA_FUZZ)
   find_package(benchmark REQUIRED)

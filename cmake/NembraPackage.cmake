@@ -16,11 +16,7 @@ include(CMakePackageConfigHelpers)
 set(NEMBRA_SDK_MODULES)
 foreach(module recorder recorder_aids playback capture viewer api ui streaming platform)
   if(TARGET nembra_${module})
-    # Screen modules link the UI adapters (SDL) and stay out of libnembra, as the viewer does.
-    get_target_property(module_deps nembra_${module} LINK_LIBRARIES)
-    if(NOT "nembra_ui" IN_LIST module_deps)
-      list(APPEND NEMBRA_SDK_MODULES nembra_${module})
-    endif()
+    list(APPEND NEMBRA_SDK_MODULES nembra_${module})
   endif()
 endforeach()
 

@@ -12,11 +12,16 @@ packages=(
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev
   libavdevice-dev libavfilter-dev
   libcpp-httplib-dev libcli11-dev
+  # VAST ad documents; the local service's transcripts (recogniser and its US English model);
+  # now-playing information on the session bus
+  libpugixml-dev libpocketsphinx-dev libsphinxbase-dev pocketsphinx-en-us libdbus-1-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   # screens: window, input, audio output and text; Xvfb for the window tests
   libsdl2-dev libsdl2-ttf-dev fonts-dejavu-core xvfb x11-apps
   # real peers for the integration tests and benchmarks
   nginx libnginx-mod-rtmp ffmpeg curl strace time
+  # speech for the transcription tests; a private session bus for the now-playing tests
+  espeak-ng dbus
   # what the benchmark scripts use to read forms and do sums
   jq bc
 )

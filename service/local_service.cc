@@ -14,6 +14,8 @@
 #include "platform/media/media_remuxer.h"
 #include "platform/net/tcp_listener.h"
 #include "service/api_http_server.h"
+#include "service/ad_routes.h"
+#include "service/audio_transcriber.h"
 #include "service/cdn_file_server.h"
 #include "service/data_directory.h"
 #include "service/fault_injection.h"
@@ -110,6 +112,12 @@ OptionalError LocalService::open() {
   signer_ = std::make_unique<StoragePolicySigner>(credentials, kBucket, storageUrl);
   verifier_ = std::make_unique<StoragePolicyVerifier>(credentials);
   library_ = std::make_unique<MediaLibrary>(*store_, *directory_, *analyzer_, *signer_, options_);
+  transcriber_ = std::make_unique<AudioTranscriber>(*library_, log_);
+  library_->setReadyListener([transcriber = transcriber_.get()](const std::string& application,
+                                                                MediaKind kind,
+                                                                const StreamRecord& stream) {
+    transcriber->enqueue(application, kind, stream);
+  });
   faults_ = std::make_unique<FaultInjection>(options_.faults);
   ingest_ =
       std::make_unique<RtmpIngest>(*library_, *sessions_, *directory_, makeMediaRemuxer(), log_);
@@ -139,7 +147,9 @@ OptionalError LocalService::open() {
                                                *audios_, *images_, options_);
   storage_ =
       std::make_unique<StorageUploadReceiver>(*library_, *verifier_, kBucket, *faults_, options_);
+  ads_ = std::make_unique<AdRoutes>(base, directory_->root() + "/ads/ad.mp4");
   routes_ = std::make_unique<RouteTable>();
+  ads_->registerRoutes(*routes_);
   hostless_->registerRoutes(*routes_);
   videos_->registerRoutes(*routes_);
   audios_->registerRoutes(*routes_);
@@ -233,6 +243,7 @@ OptionalError LocalService::start() {
   }
   server_ = std::make_unique<ApiHttpServer>(options_.connectionLimits());
   installServer();
+  transcriber_->start();
   storageServer_ =
       std::make_unique<StorageServer>(*storage_, *faults_, options_.connectionLimits());
   if (!server_->start(std::move(apiListener)) ||
@@ -245,6 +256,7 @@ OptionalError LocalService::start() {
 }
 
 void LocalService::stop() {
+  if (transcriber_) transcriber_->stop();
   if (faults_) faults_->stopTransfers();
   if (ingest_) ingest_->stop();
   if (storageServer_) storageServer_->stop();

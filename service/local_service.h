@@ -7,7 +7,8 @@
 // Threading: construct, start() and stop() from one owner thread. API requests are served on
 // "nembra.http.N" (heads read on "nembra.http.heads", accepted on "nembra.http.listen"); storage
 // uploads on "storage.conn.N" (and "storage.conn.heads", "storage.conn.listen"). The log
-// callback may be called from any of them.
+// callback may be called from any of them. Transcripts of ready
+// videos are made on "com.nembra.service.transcribe".
 #pragma once
 
 #include <functional>
@@ -22,6 +23,8 @@
 namespace nembra {
 
 class ApiHttpServer;
+class AdRoutes;
+class AudioTranscriber;
 class CdnFileServer;
 class DataDirectory;
 class FaultInjection;
@@ -83,6 +86,7 @@ class LocalService {
   std::unique_ptr<StoragePolicySigner> signer_;
   std::unique_ptr<StoragePolicyVerifier> verifier_;
   std::unique_ptr<MediaLibrary> library_;
+  std::unique_ptr<AudioTranscriber> transcriber_;
   std::unique_ptr<FaultInjection> faults_;
   std::unique_ptr<MediaJson> json_;
   std::unique_ptr<RestAuthGate> gate_;
@@ -91,6 +95,7 @@ class LocalService {
   std::unique_ptr<MediaRoutes> audios_;
   std::unique_ptr<MediaRoutes> images_;
   std::unique_ptr<HostlessRoutes> hostless_;
+  std::unique_ptr<AdRoutes> ads_;
   std::unique_ptr<StorageUploadReceiver> storage_;
   std::unique_ptr<RtmpIngest> ingest_;
   std::unique_ptr<RouteTable> routes_;

@@ -48,6 +48,19 @@ struct Attributes {
 
 const char* text(bool value) { return value ? "true" : "false"; }
 
+// The words heard in the stream's sound and their times, words first as players read them; an
+// empty object until the transcript is done.
+Json transcription(const StreamRecord& stream) {
+  auto found = stream.attributes.find("audio_transcription");
+  if (found == stream.attributes.end() || !found->is_object()) return Json::object();
+  Json ordered = Json::object();
+  for (const char* key : {"words", "times"}) {
+    auto part = found->find(key);
+    ordered[key] = part != found->end() ? Json(*part) : Json::array();
+  }
+  return ordered;
+}
+
 // Shared by the three kinds: the default stream's state is the media's.
 struct Summary {
   int state = 0;
@@ -123,7 +136,7 @@ StreamModel MediaJson::streamModel(const MediaView& view, const StreamRecord& st
   model.state = static_cast<int32_t>(stream.state);
   model.streamable = streamable ? 1 : 0;
   model.videoAnalysis = Json::object();
-  model.audioTranscription = Json::object();
+  model.audioTranscription = transcription(stream);
   model.audioKeywords = Json::array();
   model.pushServicesSuccess = Json::array();
   model.defaultStreamId = preferred ? preferred->token : "";

@@ -288,11 +288,14 @@ Result<MediaView> MediaLibrary::submit(const std::string& application, MediaKind
     return store_.updateStream(changed);
   });
   if (error) return *error;
-  return load(application, kind, media);
+  auto view = load(application, kind, media);
+  if (view) announceIfReady(*view, stream);
+  return view;
 }
 
 Result<MediaView> MediaLibrary::confirm(const std::string& application, MediaKind kind,
                                         const std::string& media, const std::string& stream) {
+  std::string confirmed;
   auto error = store_.transaction([&]() -> OptionalError {
     auto view = load(application, kind, media);
     if (!view) return view.error();
@@ -311,10 +314,13 @@ Result<MediaView> MediaLibrary::confirm(const std::string& application, MediaKin
     changed.state = StreamState::Ready;
     changed.submitted = true;
     changed.submissionDate = changed.updated = unixNow();
+    confirmed = changed.token;
     return store_.updateStream(changed);
   });
   if (error) return *error;
-  return load(application, kind, media);
+  auto view = load(application, kind, media);
+  if (view) announceIfReady(*view, confirmed);
+  return view;
 }
 
 Result<MediaView> MediaLibrary::attachCover(const std::string& application, MediaKind kind,
@@ -414,7 +420,31 @@ Result<MediaView> MediaLibrary::attachFile(const std::string& application, Media
   });
   if (error) return discard(*error);
   removeQuietly(coverPath);
-  return load(application, kind, media);
+  auto view = load(application, kind, media);
+  if (view) announceIfReady(*view, stream);
+  return view;
+}
+
+OptionalError MediaLibrary::storeTranscription(const std::string& application, MediaKind kind,
+                                               const std::string& media, const std::string& stream,
+                                               nlohmann::json transcription) {
+  return store_.transaction([&]() -> OptionalError {
+    auto view = load(application, kind, media);
+    if (!view) return view.error();
+    const StreamRecord* found = view->stream(stream);
+    if (!found) return streamNotFound(media, stream);
+    StreamRecord changed = *found;
+    changed.attributes["audio_transcription"] = std::move(transcription);
+    changed.updated = unixNow();
+    return store_.updateStream(changed);
+  });
+}
+
+void MediaLibrary::announceIfReady(const MediaView& view, const std::string& stream) const {
+  const StreamRecord* found = view.stream(stream);
+  if (readyListener_ && found && found->state == StreamState::Ready) {
+    readyListener_(view.media.application, view.media.kind, *found);
+  }
 }
 
 std::string MediaLibrary::objectKey(const std::string& application, MediaKind kind,

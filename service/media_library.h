@@ -14,6 +14,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -44,8 +45,16 @@ class MediaLibrary {
   // accepts any object; the confirm then fails).
   enum class Unplayable { Refuse, Keep };
 
+  // Told, on the thread of the request that did it, each time a stream becomes ready with its
+  // file stored (submit, confirm, or a live recording stored after its submit).
+  using ReadyListener = std::function<void(const std::string& application, MediaKind kind,
+                                           const StreamRecord& stream)>;
+
   MediaLibrary(MediaStore& store, const DataDirectory& directory, const MediaAnalyzer& analyzer,
                const StoragePolicySigner& signer, const ServiceOptions& options);
+
+  // REQUIRES: before any request is served.
+  void setReadyListener(ReadyListener listener) { readyListener_ = std::move(listener); }
 
   Result<std::vector<MediaView>> list(const std::string& application, MediaKind kind, int64_t limit,
                                       int64_t offset);
@@ -115,9 +124,17 @@ class MediaLibrary {
   Result<ServedFile> coverFile(const std::string& application, MediaKind kind,
                                const std::string& media);
 
+  // Keeps what was heard in the stream's sound as its "audio_transcription".
+  OptionalError storeTranscription(const std::string& application, MediaKind kind,
+                                   const std::string& media, const std::string& stream,
+                                   nlohmann::json transcription);
+
   const DataDirectory& directory() const { return directory_; }
 
  private:
+  // Tells the listener about |stream| of |view| when it is ready.
+  void announceIfReady(const MediaView& view, const std::string& stream) const;
+
   Result<MediaView> load(const std::string& application, std::optional<MediaKind> kind,
                          const std::string& media);
   static Error notFound(MediaKind kind, const std::string& token);
@@ -129,6 +146,7 @@ class MediaLibrary {
   const StoragePolicySigner& signer_;
   const ServiceOptions& options_;
   std::atomic<int64_t> lastAbandonedSweep_{0};  // Unix seconds
+  ReadyListener readyListener_;
 };
 
 }  // namespace nembra

@@ -27,6 +27,9 @@ class FfmpegMediaBackend final : public MediaBackend {
     return newFfmpegMediaConverter();
   }
   std::unique_ptr<ImageCodec> makeImageCodec() override { return newFfmpegImageCodec(); }
+  std::unique_ptr<AudioPcmDecoder> makeAudioPcmDecoder() override {
+    return newFfmpegAudioPcmDecoder();
+  }
   std::unique_ptr<MediaPlayerEngine> makePlayerEngine(MediaPlayerEngineOptions options) override {
     return std::make_unique<player::PlayerEngine>(std::move(options));
   }

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "nembra/error.h"
+#include "platform/media/audio_pcm_decoder.h"
 #include "platform/media/frame_grabber.h"
 #include "platform/media/image_codec.h"
 #include "platform/media/media_converter.h"
@@ -19,6 +20,7 @@ std::unique_ptr<FrameGrabber> newFfmpegFrameGrabber();
 std::unique_ptr<MediaRemuxer> newFfmpegMediaRemuxer();
 std::unique_ptr<MediaConverter> newFfmpegMediaConverter();
 std::unique_ptr<ImageCodec> newFfmpegImageCodec();
+std::unique_ptr<AudioPcmDecoder> newFfmpegAudioPcmDecoder();
 
 // Small, real media made from a moving test pattern and a tone (see MediaSampleWriter).
 OptionalError ffmpegWriteVideoSample(const std::string& path, double seconds, int width,

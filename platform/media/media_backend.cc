@@ -142,6 +142,9 @@ std::unique_ptr<MediaConverter> makeMediaConverter() {
   return MediaBackend::shared().makeMediaConverter();
 }
 std::unique_ptr<ImageCodec> makeImageCodec() { return MediaBackend::shared().makeImageCodec(); }
+std::unique_ptr<AudioPcmDecoder> makeAudioPcmDecoder() {
+  return MediaBackend::shared().makeAudioPcmDecoder();
+}
 
 std::unique_ptr<MediaPlayerEngine> makeMediaPlayerEngine(MediaPlayerEngineOptions options) {
   return MediaBackend::shared().makePlayerEngine(std::move(options));

@@ -18,6 +18,7 @@
 #include <string>
 
 #include "nembra/error.h"
+#include "platform/media/audio_pcm_decoder.h"
 #include "platform/media/frame_grabber.h"
 #include "platform/media/image_codec.h"
 #include "platform/media/media_converter.h"
@@ -43,6 +44,7 @@ class MediaBackend {
   virtual std::unique_ptr<MediaRemuxer> makeMediaRemuxer() = 0;
   virtual std::unique_ptr<MediaConverter> makeMediaConverter() = 0;
   virtual std::unique_ptr<ImageCodec> makeImageCodec() = 0;
+  virtual std::unique_ptr<AudioPcmDecoder> makeAudioPcmDecoder() = 0;
   virtual std::unique_ptr<MediaPlayerEngine> makePlayerEngine(MediaPlayerEngineOptions options) = 0;
 
   virtual std::unique_ptr<MediaSource> openFile(const std::string& path, OptionalError& error) = 0;
