@@ -483,6 +483,8 @@ TEST_F(NembraConnectTest, TwoUploadsStartTogetherEachWithItsOwnBody) {
     ASSERT_TRUE(wait(*reply));
     EXPECT_FALSE(reply->error);
   }
+  // Its handler uses the locals above.
+  server_.stop();
   EXPECT_EQ(sawBoth, 2);
   std::multiset<std::string> bodies;
   for (const auto& request : server_.requests()) bodies.insert(request.body);

@@ -29,6 +29,7 @@ class VideosTest : public ::testing::Test {
   void SetUp() override {
     FileSystem::shared().setRoot(scratch_.path() + "/root");
     server_.on("POST", kBase, [this](const httplib::Request&, httplib::Response& reply) {
+      std::lock_guard lock(mutex_);
       reply.set_content(createReply_, "application/json");
     });
     server_.on("POST", kBase + "/v1/streams",
@@ -48,6 +49,11 @@ class VideosTest : public ::testing::Test {
       std::lock_guard lock(mutex_);
       reply.status = indexStatus_;
       reply.set_content(indexBody_, "application/json");
+    });
+    // An audios index that is not a list. Routes are all set before the server starts: adding
+    // one while it serves would race with its threads.
+    server_.on("GET", "/embed/v1/applications/app1/audios", [](const auto&, auto& reply) {
+      reply.set_content(R"({"not":"a list"})", "application/json");
     });
     for (const char* method : {"GET", "POST", "DELETE"}) {
       server_.on(method, "/.*", [](const httplib::Request&, httplib::Response& reply) {
@@ -69,6 +75,9 @@ class VideosTest : public ::testing::Test {
     delegate_->uploadFinishedWithPath = [this](const std::string&, const std::string& token,
                                                const std::string&) { finished_.push_back(token); };
   }
+
+  // Its handlers read the members below, which go before it does.
+  void TearDown() override { server_.stop(); }
 
   std::vector<std::string> targets() {
     std::vector<std::string> all;
@@ -110,7 +119,7 @@ class VideosTest : public ::testing::Test {
   std::vector<std::string> finished_;
   std::mutex mutex_;
   std::vector<std::string> logs_;
-  std::string createReply_ = R"({"video":{"token":"v1"},"stream":{"token":"s1"}})";
+  std::string createReply_ = R"({"video":{"token":"v1"},"stream":{"token":"s1"}})";  // mutex_
   std::atomic<int> attachStatus_ = 200;
   int indexStatus_ = 200;         // guarded by mutex_
   std::string indexBody_ = "[]";  // guarded by mutex_
@@ -163,7 +172,10 @@ TEST_F(VideosTest, ACoverGoesAsAJpegBodyBetweenCreateAndAttach) {
 }
 
 TEST_F(VideosTest, ACreateAnswerWithoutAStreamStopsBeforeAnyUpload) {
-  createReply_ = R"({"video":{"token":"v1"}})";
+  {
+    std::lock_guard lock(mutex_);
+    createReply_ = R"({"video":{"token":"v1"}})";
+  }
   std::string file = makeFile("take.mp4", "bytes");
   EXPECT_FALSE(create(file, nullptr)) << "the answer's own error, which is none";
   EXPECT_EQ(targets(), std::vector<std::string>{"POST " + kBase});
@@ -239,9 +251,6 @@ TEST_F(VideosTest, PathsOfTheSmallRequests) {
 }
 
 TEST_F(VideosTest, ModelsArriveOnTheMainQueue) {
-  server_.on("GET", "/embed/v1/applications/app1/audios", [](const auto&, auto& reply) {
-    reply.set_content(R"({"not":"a list"})", "application/json");
-  });
   std::vector<Audio> audios{Audio()};
   OptionalError indexError;
   Image updated;

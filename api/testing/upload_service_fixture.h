@@ -122,6 +122,8 @@ class UploadServiceTest : public ::testing::Test {
   }
   void TearDown() override {
     gate_.open();
+    // Its handlers read the members below, which go before it does.
+    server_.stop();
     nembra_.reset();
   }
 

@@ -64,7 +64,11 @@ class HttpTestServer {
   // Where a multipart request's Content-Type is kept while its body is read raw.
   static constexpr const char* kSentContentType = "X-Sent-Content-Type";
 
-  ~HttpTestServer() {
+  ~HttpTestServer() { stop(); }
+
+  // Stops serving and waits until no handler runs: a fixture calls it before anything its
+  // handlers touch goes away. Any later call does nothing.
+  void stop() {
     server_->stop();
     if (thread_.joinable()) thread_.join();
   }
