@@ -258,6 +258,8 @@ void NembraRecorder::configureSession() {
     onMain([event](NembraRecorder& self) { self.move(event); });
     return;
   }
+  // The sample path runs on the capture threads: it takes the mode the session was set up in.
+  live_.store(config.isLiveStreaming());
   if (microphoneError) {
     log("Could not create audio device input: " + microphoneError->message);
     microphoneError_ = microphoneError->message;
@@ -463,12 +465,16 @@ void NembraRecorder::setupAssetWriter(const std::string& requestedPath) {
   settings.audioSampleRate = config.getAudioSampleRate();
   settings.audioBitrate = config.getAudioBitrate();
   settings.audioChannels = 2;
+  // Held while the file is written, taken before the part file exists: a recording whose lock
+  // is free was left by a dead process.
+  std::unique_ptr<FileLock> lock = FileLock::tryAcquire(RecordingRecovery::lockPath(path), nullptr);
   OptionalError error;
   std::unique_ptr<MovieWriter> writer =
       env_.makeWriter ? env_.makeWriter(path, settings, error) : nullptr;
   if (!writer) {
     log("asset writer error: " + (error ? error->message : std::string("no writer")));
     log("video input can't be added");
+    if (lock) lock->removeFileOnRelease();
     onMain([](NembraRecorder& self) {
       self.setButton("pause", true, true);
       self.updateUIRecordingStreamingComplete();
@@ -476,8 +482,6 @@ void NembraRecorder::setupAssetWriter(const std::string& requestedPath) {
     return;
   }
   log("video input successfully added");
-  // Held while the file is written: a recording whose lock is free was left by a dead process.
-  std::unique_ptr<FileLock> lock = FileLock::tryAcquire(RecordingRecovery::lockPath(path), nullptr);
   {
     std::lock_guard guard(sampleMutex_);
     writer_ = std::move(writer);
@@ -598,7 +602,7 @@ void NembraRecorder::captureOutput(CaptureSample& sample) {
   const double end = time + (sample.duration > 0 ? sample.duration : 0);
   (video ? lastVideo_ : lastAudio_) = end;
 
-  const bool live = application_.recorderConfig().isLiveStreaming();
+  const bool live = live_.load();
   if (!video) {
     if (live) {
       if (audioEncoder_ && sample.frame) {
