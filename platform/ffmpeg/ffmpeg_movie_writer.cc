@@ -23,6 +23,10 @@ constexpr int kAudioStream = 1;
 constexpr int kAacFrameSamples = 1024;
 // Stamps further apart than this from where the last PCM ended are a jump, not jitter.
 constexpr double kAudioJumpSeconds = 0.005;
+// How much of the end is held back before it is written, and how far apart the two tracks may
+// end.
+constexpr double kTailSeconds = 0.2;
+constexpr double kEndToleranceSeconds = 0.02;
 
 // The MP4 decoder configuration record of one SPS and one PPS.
 std::vector<uint8_t> avcDecoderConfiguration(const std::vector<uint8_t>& sps,
@@ -138,7 +142,9 @@ OptionalError FfmpegMovieWriter::writeVideo(std::vector<EncodedVideoSample>& sam
     if (pts <= lastVideoPts_) pts = lastVideoPts_ + 1;
     lastVideoPts_ = pts;
     std::vector<uint8_t> data = std::move(sample.data);
-    if (OptionalError error = writePacket(kVideoStream, data, pts, sample.keyFrame)) return error;
+    if (OptionalError error = queuePacket(kVideoStream, std::move(data), pts, sample.keyFrame)) {
+      return error;
+    }
     writtenDuration_ = sample.pts - *start_ + 1.0 / settings_.frameRate;
   }
   return std::nullopt;
@@ -159,7 +165,9 @@ OptionalError FfmpegMovieWriter::writeAudio(std::vector<EncodedAudioSample>& sam
     // A frame that would overlap the last one is dropped: the stamps went back.
     if (lastAudioPts_ >= 0 && pts < lastAudioPts_ + kAacFrameSamples / 2) continue;
     lastAudioPts_ = pts;
-    if (OptionalError error = writePacket(kAudioStream, sample.data, pts, true)) return error;
+    if (OptionalError error = queuePacket(kAudioStream, std::move(sample.data), pts, true)) {
+      return error;
+    }
   }
   return std::nullopt;
 }
@@ -213,6 +221,62 @@ OptionalError FfmpegMovieWriter::startFile(const EncodedVideoSample& first) {
   return std::nullopt;
 }
 
+double FfmpegMovieWriter::seconds(int stream, int64_t pts) const {
+  return stream == kVideoStream ? static_cast<double>(pts) / kVideoTimeBase.den
+                                : static_cast<double>(pts) / settings_.audioSampleRate;
+}
+
+OptionalError FfmpegMovieWriter::queuePacket(int stream, std::vector<uint8_t> data, int64_t pts,
+                                             bool key) {
+  tail_.push_back({stream, std::move(data), pts, key});
+  // Only the last moments wait: the end of the recording is evened out from them.
+  while (!tail_.empty() && seconds(tail_.back().stream, tail_.back().pts) -
+                                   seconds(tail_.front().stream, tail_.front().pts) >
+                               kTailSeconds) {
+    HeldPacket packet = std::move(tail_.front());
+    tail_.pop_front();
+    if (OptionalError error = writePacket(packet.stream, packet.data, packet.pts, packet.key)) {
+      return error;
+    }
+  }
+  return std::nullopt;
+}
+
+OptionalError FfmpegMovieWriter::writeTail() {
+  // The track that runs on past the other loses its last packets, so that both end together
+  // (within a packet: 21 ms of AAC at 48 kHz, one frame of video).
+  const double frame = 1.0 / settings_.frameRate;
+  const double block = static_cast<double>(kAacFrameSamples) / settings_.audioSampleRate;
+  auto end = [&](int stream, double length) -> std::optional<double> {
+    std::optional<double> last;
+    for (const HeldPacket& packet : tail_) {
+      if (packet.stream == stream) last = seconds(stream, packet.pts) + length;
+    }
+    return last;
+  };
+  for (int guard = 0; audio_ && guard < 64; ++guard) {
+    const std::optional<double> videoEnd = end(kVideoStream, frame);
+    const std::optional<double> audioEnd = end(kAudioStream, block);
+    if (!videoEnd || !audioEnd || std::abs(*videoEnd - *audioEnd) <= kEndToleranceSeconds) break;
+    const int longer = *videoEnd > *audioEnd ? kVideoStream : kAudioStream;
+    for (auto it = tail_.end(); it != tail_.begin();) {
+      --it;
+      if (it->stream == longer) {
+        tail_.erase(it);
+        break;
+      }
+    }
+  }
+  while (!tail_.empty()) {
+    HeldPacket packet = std::move(tail_.front());
+    tail_.pop_front();
+    if (OptionalError error = writePacket(packet.stream, packet.data, packet.pts, packet.key)) {
+      return error;
+    }
+  }
+  return std::nullopt;
+}
+
 OptionalError FfmpegMovieWriter::writePacket(int stream, const std::vector<uint8_t>& data,
                                              int64_t pts, bool key) {
   if (av_new_packet(packet_, static_cast<int>(data.size())) < 0) {
@@ -258,6 +322,8 @@ OptionalError FfmpegMovieWriter::finish() {
     }
   }
   if (headerWritten_) {
+    OptionalError tail = writeTail();
+    if (!failure) failure = tail;
     const int rc = av_write_trailer(output_);
     if (rc < 0 && !failure)
       failure = Error::media("can't finish the recording: " + avErrorText(rc));

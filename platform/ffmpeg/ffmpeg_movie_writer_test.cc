@@ -131,6 +131,18 @@ TEST_F(MovieWriterTest, APartFileCutMidFragmentKeepsTheFragmentsBefore) {
   EXPECT_GE(probe(path).duration, 2.0);
 }
 
+TEST_F(MovieWriterTest, SoundThatRunsOnPastThePicturesIsCutAtTheEnd) {
+  const std::string path = scratch_.path() + "/e.mp4";
+  auto writer = record(path, 0, 2.0);
+  ASSERT_TRUE(writer);
+  // Another 0.1 s of sound after the last picture, as when a stop lands between them.
+  for (int64_t audio = 88200; audio < 88200 + 4410; audio += 1024) {
+    ASSERT_FALSE(writer->appendAudio(tone(1024, audio), audio / 44100.0));
+  }
+  ASSERT_FALSE(writer->finish());
+  EXPECT_NEAR(probe(path).duration, 2.0, 0.025);
+}
+
 TEST_F(MovieWriterTest, RefusesAZeroSize) {
   OptionalError error;
   EXPECT_FALSE(FfmpegMovieWriter::create(scratch_.path() + "/d.mp4", {}, error));
