@@ -339,7 +339,91 @@ OptionalError FfmpegMovieWriter::finish() {
   return finishing ? finishing : failure;
 }
 
+namespace {
+
+uint32_t bigEndian32(const unsigned char* bytes) {
+  return (uint32_t{bytes[0]} << 24) | (uint32_t{bytes[1]} << 16) | (uint32_t{bytes[2]} << 8) |
+         bytes[3];
+}
+
+// Samples in the fragments of |partPath|, from each moof's track runs; the media data is
+// skipped over, not read. 0 when the file cannot be read.
+uint64_t fragmentSampleCount(const std::string& partPath) {
+  std::FILE* file = std::fopen(partPath.c_str(), "rb");
+  if (!file) return 0;
+  uint64_t samples = 0;
+  unsigned char header[16];
+  while (std::fread(header, 1, 8, file) == 8) {
+    uint64_t size = bigEndian32(header);
+    size_t headerSize = 8;
+    if (size == 1) {
+      if (std::fread(header + 8, 1, 8, file) != 8) break;
+      size = (uint64_t{bigEndian32(header + 8)} << 32) | bigEndian32(header + 12);
+      headerSize = 16;
+    }
+    if (size < headerSize) break;  // a box cut short by the crash, or the end
+    const uint64_t body = size - headerSize;
+    if (memcmp(header + 4, "moof", 4) != 0 || body > (16u << 20)) {
+      if (std::fseek(file, static_cast<long>(body), SEEK_CUR) != 0) break;
+      continue;
+    }
+    std::vector<unsigned char> moof(body);
+    if (std::fread(moof.data(), 1, body, file) != body) break;
+    // moof > traf > trun: a full box whose sample count follows its version and flags.
+    for (size_t at = 0; at + 8 <= moof.size();) {
+      const uint32_t trafSize = bigEndian32(&moof[at]);
+      if (trafSize < 8 || at + trafSize > moof.size()) break;
+      if (memcmp(&moof[at + 4], "traf", 4) == 0) {
+        for (size_t in = at + 8; in + 16 <= at + trafSize;) {
+          const uint32_t boxSize = bigEndian32(&moof[in]);
+          if (boxSize < 8 || in + boxSize > at + trafSize) break;
+          if (memcmp(&moof[in + 4], "trun", 4) == 0) samples += bigEndian32(&moof[in + 12]);
+          in += boxSize;
+        }
+      }
+      at += trafSize;
+    }
+  }
+  std::fclose(file);
+  return samples;
+}
+
+// Copies the packets of |input| into a new MP4 at |path|; with |reservedMoov| the index goes
+// into that much space kept at the front (one pass), else the file is rewritten with the index
+// moved to the front (two passes).
+OptionalError copyPackets(const std::string& partPath, const std::string& path,
+                          int64_t reservedMoov, size_t& copied);
+
+}  // namespace
+
 OptionalError ffmpegFinishFragmentedMovie(const std::string& partPath, const std::string& path) {
+  // Room for the index: about 11 bytes a sample in practice (size, chunk offset, sync entry).
+  constexpr int64_t kIndexBytesPerSample = 16;
+  const uint64_t samples = fragmentSampleCount(partPath);
+  size_t copied = 0;
+  OptionalError error;
+  if (samples > 0) {
+    error = copyPackets(partPath, path,
+                        static_cast<int64_t>(16384 + samples * kIndexBytesPerSample), copied);
+  }
+  // Too little room, or no count: the two-pass way.
+  if (samples == 0 || (error && error->kind == ErrorKind::Media && copied > 0)) {
+    error = copyPackets(partPath, path, 0, copied);
+  }
+  if (error) return error;
+  if (copied == 0) {
+    std::remove(path.c_str());
+    return Error::media(partPath + " holds no media");
+  }
+  std::remove(partPath.c_str());
+  return std::nullopt;
+}
+
+namespace {
+
+OptionalError copyPackets(const std::string& partPath, const std::string& path,
+                          int64_t reservedMoov, size_t& copied) {
+  copied = 0;
   std::string openError;
   AvInput input = openAvInput(partPath, openError);
   if (!input) return Error::media("can't read " + partPath + ": " + openError);
@@ -357,12 +441,15 @@ OptionalError ffmpegFinishFragmentedMovie(const std::string& partPath, const std
   rc = avio_open(&output->pb, path.c_str(), AVIO_FLAG_WRITE);
   if (rc < 0) return Error::file("can't write " + path + ": " + avErrorText(rc), AVUNERROR(rc));
   AVDictionary* options = nullptr;
-  av_dict_set(&options, "movflags", "+faststart", 0);
+  if (reservedMoov > 0) {
+    av_dict_set(&options, "moov_size", std::to_string(reservedMoov).c_str(), 0);
+  } else {
+    av_dict_set(&options, "movflags", "+faststart", 0);
+  }
   rc = avformat_write_header(output.get(), &options);
   av_dict_free(&options);
   if (rc < 0) return Error::media("can't write " + path + ": " + avErrorText(rc));
   AvPacket packet(av_packet_alloc());
-  size_t copied = 0;
   // A read error is where a killed process stopped writing: what came before is kept.
   while (av_read_frame(input.get(), packet.get()) >= 0) {
     AVStream* in = input->streams[packet->stream_index];
@@ -377,14 +464,13 @@ OptionalError ffmpegFinishFragmentedMovie(const std::string& partPath, const std
     ++copied;
   }
   rc = av_write_trailer(output.get());
-  if (rc < 0) return Error::file("can't finish " + path + ": " + avErrorText(rc), AVUNERROR(rc));
-  if (copied == 0) {
-    std::remove(path.c_str());
-    return Error::media(partPath + " holds no media");
+  if (rc < 0 && reservedMoov > 0) {
+    return Error::media("the index did not fit its room: " + avErrorText(rc));
   }
-  input.reset();
-  std::remove(partPath.c_str());
+  if (rc < 0) return Error::file("can't finish " + path + ": " + avErrorText(rc), AVUNERROR(rc));
   return std::nullopt;
 }
+
+}  // namespace
 
 }  // namespace nembra
