@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cmath>
 #include <filesystem>
 
@@ -13,6 +14,7 @@
 #include "platform/media/testing/media_test_files.h"
 #include "platform/ui/headless_ui.h"
 #include "platform/ui/screen_presenter.h"
+#include "recorder/recorder_screens.h"
 #include "recorder/testing/fake_recorder_environment.h"
 
 namespace nembra {
@@ -315,6 +317,50 @@ TEST_F(RecorderTest, ARecordingLeftByAKilledProcessIsFinishedWhenARecorderStarts
   EXPECT_EQ(stopped_, std::vector<std::string>{"file://" + path});
   EXPECT_TRUE(std::filesystem::file_size(path) > 0);
   EXPECT_FALSE(std::filesystem::exists(moviePartPath(path)));
+}
+
+TEST_F(RecorderTest, ACameraThatMayNotBeOpenedShowsThePermissionAlertAndRecordsNothing) {
+  log_->configureError = Error::file("permission denied on /dev/video0", EACCES);
+  nembra_.recorderConfig().setShouldAutoStartRecording(false);
+  open();
+  EXPECT_EQ(recorder_->state(), RecorderState::NotAuthorised);
+  ASSERT_TRUE(view().alert());
+  EXPECT_EQ(view().alert()->title, "Nembra");
+  EXPECT_EQ(view().alert()->message,
+            "AVCam doesn't have permission to use the camera, please change privacy settings");
+  EXPECT_EQ(view().alert()->buttons, (std::vector<std::string>{"OK", "Settings"}));
+  view().answerAlert("OK");
+  view().press("record");
+  ASSERT_TRUE(view().alert());
+  EXPECT_EQ(view().alert()->message, "Unable to capture media");
+  EXPECT_TRUE(log_->writers.empty());
+  EXPECT_FALSE(log_->captureRunning);
+}
+
+TEST_F(RecorderTest, NoCameraIsAFailedConfiguration) {
+  log_->configureError = Error::media("no camera found");
+  open();
+  EXPECT_EQ(recorder_->state(), RecorderState::Failed);
+  ASSERT_TRUE(view().alert());
+  EXPECT_EQ(view().alert()->message, "Unable to capture media");
+  EXPECT_EQ(recorder_->setupError(), "no camera found");
+}
+
+TEST_F(RecorderTest, RecordCopiesTheAuthTokensAndPresentsTheInstalledRecorder) {
+  nembra_.recorderConfig().setExtraArgs(
+      Json{{"client_auth", "c-1"}, {"server_auth", "s-1"}, {"title", "t"}});
+  RecorderScreens::install(std::make_shared<RecorderModuleScreens>(
+      [this](RecorderEnvironment& env) {
+        env = testing::fakeRecorderEnvironment(queue_, log_, scratch_.path());
+      },
+      [this](const std::shared_ptr<NembraRecorder>& made) { recorder_ = made; }));
+  nembra_.record("tok");
+  queue_.runUntilIdle();
+  RecorderScreens::install(nullptr);
+  EXPECT_EQ(nembra_.getClientAuthToken(), "c-1");
+  EXPECT_EQ(nembra_.getServerAuthToken(), "s-1");
+  ASSERT_TRUE(recorder_);
+  EXPECT_EQ(view().screenName(), "recorder");
 }
 
 TEST_F(RecorderTest, StopConfirmationNoKeepsRecordingWithTheButtonLeftSelected) {
