@@ -13,6 +13,7 @@
 #include "nembra/nembra_config.h"
 #include "nembra/nembra_videos.h"
 #include "platform/dispatch/serial_queue.h"
+#include "platform/dispatch/thread_name.h"
 #include "platform/files/file_lock.h"
 #include "platform/ui/screen_presenter.h"
 #include "recorder/cover_selector_controller.h"
@@ -85,7 +86,10 @@ NembraRecorder::~NembraRecorder() {
   }
   // A serial queue cannot be joined from its own thread.
   if (sessionQueue_ && sessionQueue_->isCurrent()) {
-    std::thread([queue = std::move(sessionQueue_)]() mutable { queue.reset(); }).detach();
+    std::thread([queue = std::move(sessionQueue_)]() mutable {
+      setCurrentThreadName("com.nembra.recorder.end");
+      queue.reset();
+    }).detach();
   }
 }
 
