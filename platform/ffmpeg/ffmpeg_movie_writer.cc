@@ -6,6 +6,7 @@
 
 #include "platform/ffmpeg/ffmpeg_aac_encoder.h"
 #include "platform/ffmpeg/ffmpeg_av_support.h"
+#include "platform/ffmpeg/ffmpeg_fragment_finisher.h"
 #include "platform/ffmpeg/ffmpeg_x264_encoder.h"
 
 extern "C" {
@@ -27,6 +28,11 @@ constexpr double kAudioJumpSeconds = 0.005;
 // end.
 constexpr double kTailSeconds = 0.2;
 constexpr double kEndToleranceSeconds = 0.02;
+// The room kept for the finished file's index: enough for this long a recording at the settings'
+// sample rates, at worst 12 bytes a sample (size and duration) plus the per-fragment entries.
+constexpr double kIndexRoomSeconds = 4 * 3600;
+constexpr double kRoomBytesPerSample = 13;
+constexpr int64_t kIndexRoomExtra = 64 * 1024;
 
 // The MP4 decoder configuration record of one SPS and one PPS.
 std::vector<uint8_t> avcDecoderConfiguration(const std::vector<uint8_t>& sps,
@@ -218,6 +224,24 @@ OptionalError FfmpegMovieWriter::startFile(const EncodedVideoSample& first) {
   av_dict_free(&options);
   if (rc < 0) return Error::media("can't start the recording: " + avErrorText(rc));
   headerWritten_ = true;
+  // Room for the finished file's index right after the initial one, so that finishing rewrites
+  // the front instead of copying the media. Seeking past it leaves a hole: no disk is used.
+  const double samplesPerSecond =
+      settings_.frameRate + (audio_ ? settings_.audioSampleRate / double(kAacFrameSamples) : 0);
+  const auto room =
+      static_cast<int64_t>(kIndexRoomSeconds * samplesPerSecond * kRoomBytesPerSample) +
+      kIndexRoomExtra;
+  avio_wb32(output_->pb, static_cast<unsigned>(room));
+  avio_write(output_->pb, reinterpret_cast<const unsigned char*>("free"), 4);
+  const int64_t roomEnd = avio_tell(output_->pb) - 8 + room;
+  if (avio_seek(output_->pb, roomEnd - 1, SEEK_SET) < 0)
+    return Error::file("can't write " + moviePartPath(path_));
+  avio_w8(output_->pb, 0);
+  avio_flush(output_->pb);
+  if (output_->pb->error < 0)
+    return Error::file(
+        "can't write " + moviePartPath(path_) + ": " + avErrorText(output_->pb->error),
+        AVUNERROR(output_->pb->error));
   return std::nullopt;
 }
 
@@ -397,6 +421,16 @@ OptionalError copyPackets(const std::string& partPath, const std::string& path,
 }  // namespace
 
 OptionalError ffmpegFinishFragmentedMovie(const std::string& partPath, const std::string& path) {
+  std::string why;
+  switch (finishFragmentsInPlace(partPath, path, why)) {
+    case InPlaceFinish::Done:
+      return std::nullopt;
+    case InPlaceFinish::NoMedia:
+      return Error::media(why);
+    case InPlaceFinish::NoRoom:
+    case InPlaceFinish::Failed:
+      break;  // the copying finish below reads whatever it can
+  }
   // Room for the index: about 11 bytes a sample in practice (size, chunk offset, sync entry).
   constexpr int64_t kIndexBytesPerSample = 16;
   const uint64_t samples = fragmentSampleCount(partPath);
