@@ -531,7 +531,12 @@ InPlaceFinish finishFragmentsInPlace(const std::string& partPath, const std::str
     }
   }
   static constexpr char kFree[4] = {'f', 'r', 'e', 'e'};
-  bool written = writeAt(file.fd, top[1].offset, front.data(), front.size());
+  // What lands in the hole goes first: when the disk is full that fails before the initial
+  // index, which still makes the part file recoverable, has been touched.
+  const size_t overInitial = std::min<size_t>(front.size(), top[1].size);
+  bool written = writeAt(file.fd, top[1].offset + overInitial, front.data() + overInitial,
+                         front.size() - overInitial) &&
+                 writeAt(file.fd, top[1].offset, front.data(), overInitial);
   for (uint64_t offset : emptied) written = written && writeAt(file.fd, offset + 4, kFree, 4);
   if (written && keepEnd < fileSize)
     written = ::ftruncate(file.fd, static_cast<off_t>(keepEnd)) == 0;

@@ -28,11 +28,6 @@ constexpr double kAudioJumpSeconds = 0.005;
 // end.
 constexpr double kTailSeconds = 0.2;
 constexpr double kEndToleranceSeconds = 0.02;
-// The room kept for the finished file's index: enough for this long a recording at the settings'
-// sample rates, at worst 12 bytes a sample (size and duration) plus the per-fragment entries.
-constexpr double kIndexRoomSeconds = 4 * 3600;
-constexpr double kRoomBytesPerSample = 13;
-constexpr int64_t kIndexRoomExtra = 64 * 1024;
 
 // The MP4 decoder configuration record of one SPS and one PPS.
 std::vector<uint8_t> avcDecoderConfiguration(const std::vector<uint8_t>& sps,
@@ -226,11 +221,7 @@ OptionalError FfmpegMovieWriter::startFile(const EncodedVideoSample& first) {
   headerWritten_ = true;
   // Room for the finished file's index right after the initial one, so that finishing rewrites
   // the front instead of copying the media. Seeking past it leaves a hole: no disk is used.
-  const double samplesPerSecond =
-      settings_.frameRate + (audio_ ? settings_.audioSampleRate / double(kAacFrameSamples) : 0);
-  const auto room =
-      static_cast<int64_t>(kIndexRoomSeconds * samplesPerSecond * kRoomBytesPerSample) +
-      kIndexRoomExtra;
+  const auto room = static_cast<int64_t>(movieIndexRoom(settings_));
   avio_wb32(output_->pb, static_cast<unsigned>(room));
   avio_write(output_->pb, reinterpret_cast<const unsigned char*>("free"), 4);
   const int64_t roomEnd = avio_tell(output_->pb) - 8 + room;

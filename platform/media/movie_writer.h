@@ -3,14 +3,18 @@
 //
 // Crash safety: while recording, the file is written as fragmented MP4 to partPath(path) (a
 // fragment at every key frame and at least once a second), so a process killed mid-recording
-// leaves every fragment but the last readable. finish() turns it into an ordinary MP4 at |path|
-// with its index at the front; finishInterruptedMovie() does the same for a part file a killed
-// process left behind.
+// leaves every fragment but the last readable. Right after its initial index the part file keeps
+// room (a "free" box, movieIndexRoom() bytes) for the finished file's index. finish() writes the
+// complete index there, turns the fragment headers into padding and renames the file: an
+// ordinary MP4 at |path| with its index at the front, the media never copied (a copy is made
+// only when the index does not fit). finishInterruptedMovie() does the same for a part file a
+// killed process left behind.
 //
 // Threading: one caller at a time (the recorder's capture thread, then its session queue for
 // finish()); no callbacks.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -46,6 +50,16 @@ class MovieWriter {
   // Seconds of video written so far (last picture's end on the file's timeline).
   virtual double writtenDuration() const = 0;
 };
+
+// The room kept for the finished index: four hours at the settings' sample rates, at most 12
+// bytes a sample (size and duration) plus the per-fragment entries.
+inline uint64_t movieIndexRoom(const MovieWriterSettings& settings) {
+  constexpr double kSeconds = 4 * 3600;
+  constexpr double kBytesPerSample = 13;
+  const double samplesPerSecond =
+      settings.frameRate + (settings.hasAudio ? settings.audioSampleRate / 1024.0 : 0);
+  return static_cast<uint64_t>(kSeconds * samplesPerSecond * kBytesPerSample) + 64 * 1024;
+}
 
 // Where a recording to |path| lives while it is being written.
 inline std::string moviePartPath(const std::string& path) { return path + ".part"; }
