@@ -2,13 +2,9 @@
 // and the fragment headers become padding, so the media data is neither read nor copied.
 #pragma once
 
-#include <cstdint>
 #include <string>
 
 namespace nembra {
-
-// A "free" box header announcing |size| bytes; the writer follows it with a hole of that size.
-constexpr uint64_t kFragmentFinisherBoxHeader = 8;
 
 enum class InPlaceFinish {
   Done,     // |partPath| is now an ordinary MP4 at |path|

@@ -76,8 +76,10 @@ class FfmpegMovieWriter final : public MovieWriter {
 };
 
 // Turns the fragmented recording at |partPath| into an ordinary MP4 at |path| (index at the
-// front) and removes the part file. Reads as far as the fragments go: a last fragment cut short
-// by a crash ends the copy without failing it. Fails only when nothing could be read.
+// front): in place when the part file kept room for the index (see finishFragmentsInPlace),
+// else by copying the packets into a new file and removing the part file. Reads as far as the
+// fragments go: a last fragment cut short by a crash ends the copy without failing it. Fails only
+// when nothing could be read.
 OptionalError ffmpegFinishFragmentedMovie(const std::string& partPath, const std::string& path);
 
 }  // namespace nembra
