@@ -10,7 +10,7 @@ enum class InPlaceFinish {
   Done,     // |partPath| is now an ordinary MP4 at |path|
   NoRoom,   // no kept room, or the index does not fit it: the part file is untouched
   NoMedia,  // no complete fragment: the part file is untouched
-  Failed,   // reading or writing failed: the part file is untouched
+  Failed,   // reading failed (the part file is untouched) or writing did (it may not be)
 };
 
 // Writes the complete index of the fragments of |partPath| into the room kept after its initial
