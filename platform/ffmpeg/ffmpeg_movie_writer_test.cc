@@ -201,6 +201,23 @@ TEST_F(MovieWriterTest, APartFileCutMidFragmentKeepsTheFragmentsBefore) {
   EXPECT_EQ(run("ffmpeg -v error -i " + path + " -f null -"), "");
 }
 
+// A part file without room for the index (an older writer's) is finished by copying.
+TEST_F(MovieWriterTest, APartFileWithoutRoomForTheIndexIsCopied) {
+  const std::string path = scratch_.path() + "/g.mp4";
+  const std::string part = moviePartPath(path);
+  ASSERT_EQ(run("ffmpeg -nostdin -v error -f lavfi -i testsrc2=size=160x120:rate=30 -t 2 -c:v "
+                "libx264 -preset ultrafast -f mp4 -movflags "
+                "frag_keyframe+empty_moov+default_base_moof " +
+                part),
+            "");
+  ASSERT_FALSE(ffmpegFinishFragmentedMovie(part, path));
+  EXPECT_FALSE(std::filesystem::exists(part));
+  EXPECT_NEAR(probe(path).duration, 2.0, 0.1);
+  const std::string file = bytes(path);
+  EXPECT_LT(file.find("moov"), file.find("mdat"));
+  EXPECT_EQ(file.find("moof"), std::string::npos);
+}
+
 TEST_F(MovieWriterTest, SoundThatRunsOnPastThePicturesIsCutAtTheEnd) {
   const std::string path = scratch_.path() + "/e.mp4";
   auto writer = record(path, 0, 2.0);
