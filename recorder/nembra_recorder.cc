@@ -469,6 +469,10 @@ void NembraRecorder::setupAssetWriter(const std::string& requestedPath) {
   settings.audioSampleRate = config.getAudioSampleRate();
   settings.audioBitrate = config.getAudioBitrate();
   settings.audioChannels = 2;
+  // A recording that stops by itself needs index room for no longer than that.
+  if (config.getMaxDuration() > 0) {
+    settings.indexRoomSeconds = static_cast<double>(config.getMaxDuration()) + 10;
+  }
   // Held while the file is written, taken before the part file exists: a recording whose lock
   // is free was left by a dead process.
   std::unique_ptr<FileLock> lock = FileLock::tryAcquire(RecordingRecovery::lockPath(path), nullptr);

@@ -32,6 +32,10 @@ struct MovieWriterSettings {
   int audioSampleRate = 48000;
   int audioChannels = 2;
   int audioBitrate = 65536;
+  // How long a recording the finished index is kept room for (see movieIndexRoom): longer ones
+  // are finished by copying. The room stays in the file as padding, so it is not made larger
+  // than the recordings it serves.
+  double indexRoomSeconds = 15 * 60;
 };
 
 class MovieWriter {
@@ -51,10 +55,10 @@ class MovieWriter {
   virtual double writtenDuration() const = 0;
 };
 
-// The room kept for the finished index: four hours at the settings' sample rates, at most 12
-// bytes a sample (size and duration) plus the per-fragment entries.
+// The room kept for the finished index: indexRoomSeconds at the settings' sample rates, at most
+// 12 bytes a sample (size and duration) plus the per-fragment entries.
 inline uint64_t movieIndexRoom(const MovieWriterSettings& settings) {
-  constexpr double kSeconds = 4 * 3600;
+  const double kSeconds = settings.indexRoomSeconds;
   constexpr double kBytesPerSample = 13;
   const double samplesPerSecond =
       settings.frameRate + (settings.hasAudio ? settings.audioSampleRate / 1024.0 : 0);
