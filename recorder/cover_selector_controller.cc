@@ -5,6 +5,7 @@
 
 #include "nembra/main_queue.h"
 #include "platform/dispatch/serial_queue.h"
+#include "platform/dispatch/thread_name.h"
 #include "platform/media/media_backend.h"
 #include "recorder/nembra_recorder.h"
 
@@ -59,6 +60,7 @@ int64_t CoverSelectorController::defaultCoverTime(int64_t durationValue) {
 void CoverSelectorController::getDefaultCoverWithPath(const std::string& path, MainQueue& mainQueue,
                                                       std::function<void(StillImagePtr)> handler) {
   std::thread([path, &mainQueue, handler = std::move(handler)] {
+    setCurrentThreadName("com.nembra.recorder.cover");
     const int64_t time = defaultCoverTime(durationValue(path, kTimescale));
     StillImagePtr image = grab(path, time, 640, 480);
     if (image) mainQueue.async([handler, image] { handler(image); });

@@ -13,6 +13,7 @@
 #include "nembra/nembra_config.h"
 #include "nembra/nembra_videos.h"
 #include "platform/dispatch/serial_queue.h"
+#include "platform/dispatch/thread_name.h"
 #include "platform/files/file_lock.h"
 #include "platform/ui/screen_presenter.h"
 #include "recorder/cover_selector_controller.h"
@@ -85,7 +86,10 @@ NembraRecorder::~NembraRecorder() {
   }
   // A serial queue cannot be joined from its own thread.
   if (sessionQueue_ && sessionQueue_->isCurrent()) {
-    std::thread([queue = std::move(sessionQueue_)]() mutable { queue.reset(); }).detach();
+    std::thread([queue = std::move(sessionQueue_)]() mutable {
+      setCurrentThreadName("com.nembra.recorder.end");
+      queue.reset();
+    }).detach();
   }
 }
 
@@ -258,6 +262,8 @@ void NembraRecorder::configureSession() {
     onMain([event](NembraRecorder& self) { self.move(event); });
     return;
   }
+  // The sample path runs on the capture threads: it takes the mode the session was set up in.
+  live_.store(config.isLiveStreaming());
   if (microphoneError) {
     log("Could not create audio device input: " + microphoneError->message);
     microphoneError_ = microphoneError->message;
@@ -463,12 +469,20 @@ void NembraRecorder::setupAssetWriter(const std::string& requestedPath) {
   settings.audioSampleRate = config.getAudioSampleRate();
   settings.audioBitrate = config.getAudioBitrate();
   settings.audioChannels = 2;
+  // A recording that stops by itself needs index room for no longer than that.
+  if (config.getMaxDuration() > 0) {
+    settings.indexRoomSeconds = static_cast<double>(config.getMaxDuration()) + 10;
+  }
+  // Held while the file is written, taken before the part file exists: a recording whose lock
+  // is free was left by a dead process.
+  std::unique_ptr<FileLock> lock = FileLock::tryAcquire(RecordingRecovery::lockPath(path), nullptr);
   OptionalError error;
   std::unique_ptr<MovieWriter> writer =
       env_.makeWriter ? env_.makeWriter(path, settings, error) : nullptr;
   if (!writer) {
     log("asset writer error: " + (error ? error->message : std::string("no writer")));
     log("video input can't be added");
+    if (lock) lock->removeFileOnRelease();
     onMain([](NembraRecorder& self) {
       self.setButton("pause", true, true);
       self.updateUIRecordingStreamingComplete();
@@ -476,8 +490,6 @@ void NembraRecorder::setupAssetWriter(const std::string& requestedPath) {
     return;
   }
   log("video input successfully added");
-  // Held while the file is written: a recording whose lock is free was left by a dead process.
-  std::unique_ptr<FileLock> lock = FileLock::tryAcquire(RecordingRecovery::lockPath(path), nullptr);
   {
     std::lock_guard guard(sampleMutex_);
     writer_ = std::move(writer);
@@ -598,7 +610,7 @@ void NembraRecorder::captureOutput(CaptureSample& sample) {
   const double end = time + (sample.duration > 0 ? sample.duration : 0);
   (video ? lastVideo_ : lastAudio_) = end;
 
-  const bool live = application_.recorderConfig().isLiveStreaming();
+  const bool live = live_.load();
   if (!video) {
     if (live) {
       if (audioEncoder_ && sample.frame) {

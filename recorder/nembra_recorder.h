@@ -158,6 +158,7 @@ class NembraRecorder final : public Screen,
   std::atomic<int> setupResult_{0};
   bool isSessionRunning_ = false;
   std::atomic<bool> visible_{true};
+  std::atomic<bool> live_{false};
   std::string setupError_;
   std::string microphoneError_;
 

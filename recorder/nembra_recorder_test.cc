@@ -2,15 +2,19 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cmath>
+#include <filesystem>
 
 #include "nembra/application.h"
 #include "nembra/main_queue.h"
 #include "nembra/nembra_config.h"
 #include "nembra/nembra_videos.h"
 #include "platform/http/testing/http_test_support.h"
+#include "platform/media/testing/media_test_files.h"
 #include "platform/ui/headless_ui.h"
 #include "platform/ui/screen_presenter.h"
+#include "recorder/recorder_screens.h"
 #include "recorder/testing/fake_recorder_environment.h"
 
 namespace nembra {
@@ -282,6 +286,81 @@ TEST_F(RecorderTest, FrameObserversSeeEverySampleEvenWhilePaused) {
   EXPECT_EQ(counter->video, 60);
   EXPECT_EQ(counter->audio, 94);
   EXPECT_EQ(writer().video.size(), 30u);
+}
+
+TEST_F(RecorderTest, ACameraThatGoesAwayFinishesTheFileAsItStands) {
+  nembra_.recorderConfig().setShouldAutoStartRecording(false);
+  open();
+  view().press("record");
+  queue_.runUntilIdle();
+  feed(0.0, 1.0);
+  recorder_->captureRuntimeError(Error::media("unplugged"));
+  queue_.runUntilIdle();
+  EXPECT_TRUE(writer().finished);
+  EXPECT_EQ(writer().video.size(), 30u);
+  EXPECT_EQ(stopped_.size(), 1u);
+}
+
+TEST_F(RecorderTest, ARecordingLeftByAKilledProcessIsFinishedWhenARecorderStarts) {
+  if (!testing::MediaTestFiles::haveFfmpeg()) GTEST_SKIP() << "ffmpeg is not installed";
+  testing::MediaTestFiles files;
+  // Laid out as the writer leaves it: fragments, no index.
+  const std::string part =
+      files.make("left.mp4.part", {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=30:duration=2",
+                                   "-c:v", "libx264", "-f", "mp4", "-movflags",
+                                   "frag_keyframe+empty_moov+default_base_moof"});
+  ASSERT_FALSE(part.empty());
+  const std::string path = scratch_.path() + "/left.mp4";
+  std::filesystem::rename(part, moviePartPath(path));
+  nembra_.recorderConfig().setShouldAutoStartRecording(false);
+  open();
+  EXPECT_EQ(stopped_, std::vector<std::string>{"file://" + path});
+  EXPECT_TRUE(std::filesystem::file_size(path) > 0);
+  EXPECT_FALSE(std::filesystem::exists(moviePartPath(path)));
+}
+
+TEST_F(RecorderTest, ACameraThatMayNotBeOpenedShowsThePermissionAlertAndRecordsNothing) {
+  log_->configureError = Error::file("permission denied on /dev/video0", EACCES);
+  nembra_.recorderConfig().setShouldAutoStartRecording(false);
+  open();
+  EXPECT_EQ(recorder_->state(), RecorderState::NotAuthorised);
+  ASSERT_TRUE(view().alert());
+  EXPECT_EQ(view().alert()->title, "Nembra");
+  EXPECT_EQ(view().alert()->message,
+            "AVCam doesn't have permission to use the camera, please change privacy settings");
+  EXPECT_EQ(view().alert()->buttons, (std::vector<std::string>{"OK", "Settings"}));
+  view().answerAlert("OK");
+  view().press("record");
+  ASSERT_TRUE(view().alert());
+  EXPECT_EQ(view().alert()->message, "Unable to capture media");
+  EXPECT_TRUE(log_->writers.empty());
+  EXPECT_FALSE(log_->captureRunning);
+}
+
+TEST_F(RecorderTest, NoCameraIsAFailedConfiguration) {
+  log_->configureError = Error::media("no camera found");
+  open();
+  EXPECT_EQ(recorder_->state(), RecorderState::Failed);
+  ASSERT_TRUE(view().alert());
+  EXPECT_EQ(view().alert()->message, "Unable to capture media");
+  EXPECT_EQ(recorder_->setupError(), "no camera found");
+}
+
+TEST_F(RecorderTest, RecordCopiesTheAuthTokensAndPresentsTheInstalledRecorder) {
+  nembra_.recorderConfig().setExtraArgs(
+      Json{{"client_auth", "c-1"}, {"server_auth", "s-1"}, {"title", "t"}});
+  RecorderScreens::install(std::make_shared<RecorderModuleScreens>(
+      [this](RecorderEnvironment& env) {
+        env = testing::fakeRecorderEnvironment(queue_, log_, scratch_.path());
+      },
+      [this](const std::shared_ptr<NembraRecorder>& made) { recorder_ = made; }));
+  nembra_.record("tok");
+  queue_.runUntilIdle();
+  RecorderScreens::install(nullptr);
+  EXPECT_EQ(nembra_.getClientAuthToken(), "c-1");
+  EXPECT_EQ(nembra_.getServerAuthToken(), "s-1");
+  ASSERT_TRUE(recorder_);
+  EXPECT_EQ(view().screenName(), "recorder");
 }
 
 TEST_F(RecorderTest, StopConfirmationNoKeepsRecordingWithTheButtonLeftSelected) {

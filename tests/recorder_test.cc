@@ -1,9 +1,13 @@
 // `nembra record` from the virtual camera and microphone against `nembra serve`: a recording
 // uploaded with its cover, a recorder killed mid-recording and its file recovered, and the
 // failures a user meets. Files are checked with ffprobe.
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -57,6 +61,23 @@ std::vector<std::string> filesEndingWith(const std::string& root, const std::str
     }
   }
   return found;
+}
+
+// The ingest may come up a moment after the service says it is ready.
+bool waitForListener(int port, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (std::chrono::steady_clock::now() < deadline) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const bool up = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    ::close(fd);
+    if (up) return true;
+    std::this_thread::sleep_for(50ms);
+  }
+  return false;
 }
 
 class RecordCommandTest : public ::testing::Test {
@@ -156,6 +177,7 @@ TEST_F(RecordCommandTest, LiveModeStreamsToTheIngestAndSubmits) {
   std::string error;
   auto service = nembra::testing::ServeProcess::start(options, error);
   ASSERT_TRUE(service) << error;
+  ASSERT_TRUE(waitForListener(options.rtmpPort, 10s)) << service->output();
   const CommandResult result = nembra::testing::runCommand(
       {"/usr/bin/env",
        "NEMBRA_HOME=" + scratch_.file("home"),

@@ -6,6 +6,7 @@
 
 #include "platform/ffmpeg/ffmpeg_aac_encoder.h"
 #include "platform/ffmpeg/ffmpeg_av_support.h"
+#include "platform/ffmpeg/ffmpeg_fragment_finisher.h"
 #include "platform/ffmpeg/ffmpeg_x264_encoder.h"
 
 extern "C" {
@@ -23,6 +24,10 @@ constexpr int kAudioStream = 1;
 constexpr int kAacFrameSamples = 1024;
 // Stamps further apart than this from where the last PCM ended are a jump, not jitter.
 constexpr double kAudioJumpSeconds = 0.005;
+// How much of the end is held back before it is written, and how far apart the two tracks may
+// end.
+constexpr double kTailSeconds = 0.2;
+constexpr double kEndToleranceSeconds = 0.02;
 
 // The MP4 decoder configuration record of one SPS and one PPS.
 std::vector<uint8_t> avcDecoderConfiguration(const std::vector<uint8_t>& sps,
@@ -138,7 +143,9 @@ OptionalError FfmpegMovieWriter::writeVideo(std::vector<EncodedVideoSample>& sam
     if (pts <= lastVideoPts_) pts = lastVideoPts_ + 1;
     lastVideoPts_ = pts;
     std::vector<uint8_t> data = std::move(sample.data);
-    if (OptionalError error = writePacket(kVideoStream, data, pts, sample.keyFrame)) return error;
+    if (OptionalError error = queuePacket(kVideoStream, std::move(data), pts, sample.keyFrame)) {
+      return error;
+    }
     writtenDuration_ = sample.pts - *start_ + 1.0 / settings_.frameRate;
   }
   return std::nullopt;
@@ -159,7 +166,9 @@ OptionalError FfmpegMovieWriter::writeAudio(std::vector<EncodedAudioSample>& sam
     // A frame that would overlap the last one is dropped: the stamps went back.
     if (lastAudioPts_ >= 0 && pts < lastAudioPts_ + kAacFrameSamples / 2) continue;
     lastAudioPts_ = pts;
-    if (OptionalError error = writePacket(kAudioStream, sample.data, pts, true)) return error;
+    if (OptionalError error = queuePacket(kAudioStream, std::move(sample.data), pts, true)) {
+      return error;
+    }
   }
   return std::nullopt;
 }
@@ -210,6 +219,76 @@ OptionalError FfmpegMovieWriter::startFile(const EncodedVideoSample& first) {
   av_dict_free(&options);
   if (rc < 0) return Error::media("can't start the recording: " + avErrorText(rc));
   headerWritten_ = true;
+  // Room for the finished file's index right after the initial one, so that finishing rewrites
+  // the front instead of copying the media. Seeking past it leaves a hole: no disk is used.
+  const auto room = static_cast<int64_t>(movieIndexRoom(settings_));
+  avio_wb32(output_->pb, static_cast<unsigned>(room));
+  avio_write(output_->pb, reinterpret_cast<const unsigned char*>("free"), 4);
+  const int64_t roomEnd = avio_tell(output_->pb) - 8 + room;
+  if (avio_seek(output_->pb, roomEnd - 1, SEEK_SET) < 0)
+    return Error::file("can't write " + moviePartPath(path_));
+  avio_w8(output_->pb, 0);
+  avio_flush(output_->pb);
+  if (output_->pb->error < 0)
+    return Error::file(
+        "can't write " + moviePartPath(path_) + ": " + avErrorText(output_->pb->error),
+        AVUNERROR(output_->pb->error));
+  return std::nullopt;
+}
+
+double FfmpegMovieWriter::seconds(int stream, int64_t pts) const {
+  return stream == kVideoStream ? static_cast<double>(pts) / kVideoTimeBase.den
+                                : static_cast<double>(pts) / settings_.audioSampleRate;
+}
+
+OptionalError FfmpegMovieWriter::queuePacket(int stream, std::vector<uint8_t> data, int64_t pts,
+                                             bool key) {
+  tail_.push_back({stream, std::move(data), pts, key});
+  // Only the last moments wait: the end of the recording is evened out from them.
+  while (!tail_.empty() && seconds(tail_.back().stream, tail_.back().pts) -
+                                   seconds(tail_.front().stream, tail_.front().pts) >
+                               kTailSeconds) {
+    HeldPacket packet = std::move(tail_.front());
+    tail_.pop_front();
+    if (OptionalError error = writePacket(packet.stream, packet.data, packet.pts, packet.key)) {
+      return error;
+    }
+  }
+  return std::nullopt;
+}
+
+OptionalError FfmpegMovieWriter::writeTail() {
+  // The track that runs on past the other loses its last packets, so that both end together
+  // (within a packet: 21 ms of AAC at 48 kHz, one frame of video).
+  const double frame = 1.0 / settings_.frameRate;
+  const double block = static_cast<double>(kAacFrameSamples) / settings_.audioSampleRate;
+  auto end = [&](int stream, double length) -> std::optional<double> {
+    std::optional<double> last;
+    for (const HeldPacket& packet : tail_) {
+      if (packet.stream == stream) last = seconds(stream, packet.pts) + length;
+    }
+    return last;
+  };
+  for (int guard = 0; audio_ && guard < 64; ++guard) {
+    const std::optional<double> videoEnd = end(kVideoStream, frame);
+    const std::optional<double> audioEnd = end(kAudioStream, block);
+    if (!videoEnd || !audioEnd || std::abs(*videoEnd - *audioEnd) <= kEndToleranceSeconds) break;
+    const int longer = *videoEnd > *audioEnd ? kVideoStream : kAudioStream;
+    for (auto it = tail_.end(); it != tail_.begin();) {
+      --it;
+      if (it->stream == longer) {
+        tail_.erase(it);
+        break;
+      }
+    }
+  }
+  while (!tail_.empty()) {
+    HeldPacket packet = std::move(tail_.front());
+    tail_.pop_front();
+    if (OptionalError error = writePacket(packet.stream, packet.data, packet.pts, packet.key)) {
+      return error;
+    }
+  }
   return std::nullopt;
 }
 
@@ -258,6 +337,8 @@ OptionalError FfmpegMovieWriter::finish() {
     }
   }
   if (headerWritten_) {
+    OptionalError tail = writeTail();
+    if (!failure) failure = tail;
     const int rc = av_write_trailer(output_);
     if (rc < 0 && !failure)
       failure = Error::media("can't finish the recording: " + avErrorText(rc));
@@ -273,7 +354,101 @@ OptionalError FfmpegMovieWriter::finish() {
   return finishing ? finishing : failure;
 }
 
+namespace {
+
+uint32_t bigEndian32(const unsigned char* bytes) {
+  return (uint32_t{bytes[0]} << 24) | (uint32_t{bytes[1]} << 16) | (uint32_t{bytes[2]} << 8) |
+         bytes[3];
+}
+
+// Samples in the fragments of |partPath|, from each moof's track runs; the media data is
+// skipped over, not read. 0 when the file cannot be read.
+uint64_t fragmentSampleCount(const std::string& partPath) {
+  std::FILE* file = std::fopen(partPath.c_str(), "rb");
+  if (!file) return 0;
+  uint64_t samples = 0;
+  unsigned char header[16];
+  while (std::fread(header, 1, 8, file) == 8) {
+    uint64_t size = bigEndian32(header);
+    size_t headerSize = 8;
+    if (size == 1) {
+      if (std::fread(header + 8, 1, 8, file) != 8) break;
+      size = (uint64_t{bigEndian32(header + 8)} << 32) | bigEndian32(header + 12);
+      headerSize = 16;
+    }
+    if (size < headerSize) break;  // a box cut short by the crash, or the end
+    const uint64_t body = size - headerSize;
+    if (memcmp(header + 4, "moof", 4) != 0 || body > (16u << 20)) {
+      if (std::fseek(file, static_cast<long>(body), SEEK_CUR) != 0) break;
+      continue;
+    }
+    std::vector<unsigned char> moof(body);
+    if (std::fread(moof.data(), 1, body, file) != body) break;
+    // moof > traf > trun: a full box whose sample count follows its version and flags.
+    for (size_t at = 0; at + 8 <= moof.size();) {
+      const uint32_t trafSize = bigEndian32(&moof[at]);
+      if (trafSize < 8 || at + trafSize > moof.size()) break;
+      if (memcmp(&moof[at + 4], "traf", 4) == 0) {
+        for (size_t in = at + 8; in + 16 <= at + trafSize;) {
+          const uint32_t boxSize = bigEndian32(&moof[in]);
+          if (boxSize < 8 || in + boxSize > at + trafSize) break;
+          if (memcmp(&moof[in + 4], "trun", 4) == 0) samples += bigEndian32(&moof[in + 12]);
+          in += boxSize;
+        }
+      }
+      at += trafSize;
+    }
+  }
+  std::fclose(file);
+  return samples;
+}
+
+// Copies the packets of |input| into a new MP4 at |path|; with |reservedMoov| the index goes
+// into that much space kept at the front (one pass), else the file is rewritten with the index
+// moved to the front (two passes).
+OptionalError copyPackets(const std::string& partPath, const std::string& path,
+                          int64_t reservedMoov, size_t& copied);
+
+}  // namespace
+
 OptionalError ffmpegFinishFragmentedMovie(const std::string& partPath, const std::string& path) {
+  std::string why;
+  switch (finishFragmentsInPlace(partPath, path, why)) {
+    case InPlaceFinish::Done:
+      return std::nullopt;
+    case InPlaceFinish::NoMedia:
+      return Error::media(why);
+    case InPlaceFinish::NoRoom:
+    case InPlaceFinish::Failed:
+      break;  // the copying finish below reads whatever it can
+  }
+  // Room for the index: about 11 bytes a sample in practice (size, chunk offset, sync entry).
+  constexpr int64_t kIndexBytesPerSample = 16;
+  const uint64_t samples = fragmentSampleCount(partPath);
+  size_t copied = 0;
+  OptionalError error;
+  if (samples > 0) {
+    error = copyPackets(partPath, path,
+                        static_cast<int64_t>(16384 + samples * kIndexBytesPerSample), copied);
+  }
+  // Too little room, or no count: the two-pass way.
+  if (samples == 0 || (error && error->kind == ErrorKind::Media && copied > 0)) {
+    error = copyPackets(partPath, path, 0, copied);
+  }
+  if (error) return error;
+  if (copied == 0) {
+    std::remove(path.c_str());
+    return Error::media(partPath + " holds no media");
+  }
+  std::remove(partPath.c_str());
+  return std::nullopt;
+}
+
+namespace {
+
+OptionalError copyPackets(const std::string& partPath, const std::string& path,
+                          int64_t reservedMoov, size_t& copied) {
+  copied = 0;
   std::string openError;
   AvInput input = openAvInput(partPath, openError);
   if (!input) return Error::media("can't read " + partPath + ": " + openError);
@@ -291,12 +466,15 @@ OptionalError ffmpegFinishFragmentedMovie(const std::string& partPath, const std
   rc = avio_open(&output->pb, path.c_str(), AVIO_FLAG_WRITE);
   if (rc < 0) return Error::file("can't write " + path + ": " + avErrorText(rc), AVUNERROR(rc));
   AVDictionary* options = nullptr;
-  av_dict_set(&options, "movflags", "+faststart", 0);
+  if (reservedMoov > 0) {
+    av_dict_set(&options, "moov_size", std::to_string(reservedMoov).c_str(), 0);
+  } else {
+    av_dict_set(&options, "movflags", "+faststart", 0);
+  }
   rc = avformat_write_header(output.get(), &options);
   av_dict_free(&options);
   if (rc < 0) return Error::media("can't write " + path + ": " + avErrorText(rc));
   AvPacket packet(av_packet_alloc());
-  size_t copied = 0;
   // A read error is where a killed process stopped writing: what came before is kept.
   while (av_read_frame(input.get(), packet.get()) >= 0) {
     AVStream* in = input->streams[packet->stream_index];
@@ -311,14 +489,13 @@ OptionalError ffmpegFinishFragmentedMovie(const std::string& partPath, const std
     ++copied;
   }
   rc = av_write_trailer(output.get());
-  if (rc < 0) return Error::file("can't finish " + path + ": " + avErrorText(rc), AVUNERROR(rc));
-  if (copied == 0) {
-    std::remove(path.c_str());
-    return Error::media(partPath + " holds no media");
+  if (rc < 0 && reservedMoov > 0) {
+    return Error::media("the index did not fit its room: " + avErrorText(rc));
   }
-  input.reset();
-  std::remove(partPath.c_str());
+  if (rc < 0) return Error::file("can't finish " + path + ": " + avErrorText(rc), AVUNERROR(rc));
   return std::nullopt;
 }
+
+}  // namespace
 
 }  // namespace nembra

@@ -39,7 +39,11 @@ class FfmpegMovieWriter final : public MovieWriter {
   OptionalError writeVideo(std::vector<EncodedVideoSample>& samples);
   OptionalError writeAudio(std::vector<EncodedAudioSample>& samples);
   OptionalError startFile(const EncodedVideoSample& first);
+  // Packets go out 0.2 s late: at the end, the track that runs on past the other is cut back.
+  OptionalError queuePacket(int stream, std::vector<uint8_t> data, int64_t pts, bool key);
+  OptionalError writeTail();
   OptionalError writePacket(int stream, const std::vector<uint8_t>& data, int64_t pts, bool key);
+  double seconds(int stream, int64_t pts) const;
   void closeFile();
 
   const std::string path_;
@@ -59,14 +63,23 @@ class FfmpegMovieWriter final : public MovieWriter {
   std::array<uint8_t, 2> asc_{};
   // AAC produced before the file's header could be written (it waits for the parameter sets).
   std::deque<EncodedAudioSample> heldAudio_;
+  struct HeldPacket {
+    int stream = 0;
+    std::vector<uint8_t> data;
+    int64_t pts = 0;
+    bool key = false;
+  };
+  std::deque<HeldPacket> tail_;
   int64_t lastVideoPts_ = -1;
   int64_t lastAudioPts_ = -1;
   double writtenDuration_ = 0;
 };
 
 // Turns the fragmented recording at |partPath| into an ordinary MP4 at |path| (index at the
-// front) and removes the part file. Reads as far as the fragments go: a last fragment cut short
-// by a crash ends the copy without failing it. Fails only when nothing could be read.
+// front): in place when the part file kept room for the index (see finishFragmentsInPlace),
+// else by copying the packets into a new file and removing the part file. Reads as far as the
+// fragments go: a last fragment cut short by a crash ends the copy without failing it. Fails only
+// when nothing could be read.
 OptionalError ffmpegFinishFragmentedMovie(const std::string& partPath, const std::string& path);
 
 }  // namespace nembra

@@ -2,11 +2,15 @@
 #include "platform/ffmpeg/ffmpeg_movie_writer.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
+#include <sstream>
 
 #include "platform/ffmpeg/ffmpeg_av_support.h"
 #include "platform/ffmpeg/ffmpeg_media_backend.h"
@@ -50,6 +54,23 @@ RawMediaFrame tone(int samples, int64_t offset) {
     pcm[i] = static_cast<int16_t>(8000 * std::sin(2 * M_PI * 440 * (offset + i) / 44100));
   }
   return wrapAvFrame(RawMediaFrame::Kind::Audio, frame, static_cast<double>(offset) / 44100);
+}
+
+// What |command| prints on both outputs.
+std::string run(const std::string& command) {
+  std::string output;
+  std::FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+  if (!pipe) return output;
+  char buffer[4096];
+  for (size_t got; (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+    output.append(buffer, got);
+  pclose(pipe);
+  return output;
+}
+
+ino_t inode(const std::string& path) {
+  struct stat info {};
+  return ::stat(path.c_str(), &info) == 0 ? info.st_ino : 0;
 }
 
 std::string bytes(const std::string& path) {
@@ -107,6 +128,51 @@ TEST_F(MovieWriterTest, FinishesAnOrdinaryMp4WithItsIndexInFront) {
   EXPECT_EQ(file.find("moof"), std::string::npos) << "still fragmented";
 }
 
+// The finish rewrites the front of the part file instead of copying the media: the finished
+// file is the part file renamed, and a reader sees an ordinary file whose every frame decodes.
+TEST_F(MovieWriterTest, FinishingKeepsTheMediaWhereItIs) {
+  const std::string path = scratch_.path() + "/f.mp4";
+  auto writer = record(path, 0, 3.0);
+  ASSERT_TRUE(writer);
+  const ino_t part = inode(moviePartPath(path));
+  ASSERT_FALSE(writer->finish());
+  EXPECT_EQ(inode(path), part) << "the media was copied";
+
+  const std::string trace = run("ffprobe -v trace -i " + path);
+  std::vector<std::string> atoms;
+  const std::regex atom("type:'(\\w{4})' parent:'root'");
+  for (std::sregex_iterator it(trace.begin(), trace.end(), atom), end; it != end; ++it) {
+    atoms.push_back((*it)[1]);
+  }
+  const auto moov = std::find(atoms.begin(), atoms.end(), "moov");
+  ASSERT_NE(moov, atoms.end()) << trace;
+  EXPECT_LT(moov, std::find(atoms.begin(), atoms.end(), "mdat"));
+  EXPECT_EQ(std::count(atoms.begin(), atoms.end(), "moof"), 0) << "still fragmented";
+
+  // Every picture and every block of sound is indexed and decodes, without a complaint.
+  const std::string counts =
+      run("ffprobe -v error -count_packets -count_frames -show_entries "
+          "stream=codec_type,nb_frames,nb_read_packets,nb_read_frames -of csv=p=0 " +
+          path);
+  std::istringstream lines(counts);
+  std::string line;
+  int streams = 0;
+  while (std::getline(lines, line)) {
+    std::istringstream fields(line);
+    std::string type, indexed, packets, frames;
+    std::getline(fields, type, ',');
+    std::getline(fields, indexed, ',');
+    std::getline(fields, packets, ',');
+    std::getline(fields, frames, ',');
+    ++streams;
+    EXPECT_EQ(indexed, packets) << line;
+    EXPECT_EQ(packets, frames) << line;
+    if (type == "video") EXPECT_GE(std::atoi(frames.c_str()), 85) << line;
+  }
+  EXPECT_EQ(streams, 2) << counts;
+  EXPECT_EQ(run("ffmpeg -v error -i " + path + " -f null -"), "");
+}
+
 TEST_F(MovieWriterTest, ARecordingLeftUnfinishedIsRecoveredUpToItsLastFragment) {
   const std::string path = scratch_.path() + "/b.mp4";
   {
@@ -127,8 +193,41 @@ TEST_F(MovieWriterTest, APartFileCutMidFragmentKeepsTheFragmentsBefore) {
   { auto writer = record(path, 0, 4.0); }
   const std::string part = moviePartPath(path);
   std::filesystem::resize_file(part, std::filesystem::file_size(part) - 3000);
+  const ino_t partInode = inode(part);
   ASSERT_FALSE(ffmpegFinishFragmentedMovie(part, path));
+  EXPECT_EQ(inode(path), partInode) << "the media was copied";
   EXPECT_GE(probe(path).duration, 2.0);
+  // The cut fragment is gone whole: nothing left over that a reader trips on.
+  EXPECT_EQ(run("ffmpeg -v error -i " + path + " -f null -"), "");
+}
+
+// A part file without room for the index (an older writer's) is finished by copying.
+TEST_F(MovieWriterTest, APartFileWithoutRoomForTheIndexIsCopied) {
+  const std::string path = scratch_.path() + "/g.mp4";
+  const std::string part = moviePartPath(path);
+  ASSERT_EQ(run("ffmpeg -nostdin -v error -f lavfi -i testsrc2=size=160x120:rate=30 -t 2 -c:v "
+                "libx264 -preset ultrafast -f mp4 -movflags "
+                "frag_keyframe+empty_moov+default_base_moof " +
+                part),
+            "");
+  ASSERT_FALSE(ffmpegFinishFragmentedMovie(part, path));
+  EXPECT_FALSE(std::filesystem::exists(part));
+  EXPECT_NEAR(probe(path).duration, 2.0, 0.1);
+  const std::string file = bytes(path);
+  EXPECT_LT(file.find("moov"), file.find("mdat"));
+  EXPECT_EQ(file.find("moof"), std::string::npos);
+}
+
+TEST_F(MovieWriterTest, SoundThatRunsOnPastThePicturesIsCutAtTheEnd) {
+  const std::string path = scratch_.path() + "/e.mp4";
+  auto writer = record(path, 0, 2.0);
+  ASSERT_TRUE(writer);
+  // Another 0.1 s of sound after the last picture, as when a stop lands between them.
+  for (int64_t audio = 88200; audio < 88200 + 4410; audio += 1024) {
+    ASSERT_FALSE(writer->appendAudio(tone(1024, audio), audio / 44100.0));
+  }
+  ASSERT_FALSE(writer->finish());
+  EXPECT_NEAR(probe(path).duration, 2.0, 0.025);
 }
 
 TEST_F(MovieWriterTest, RefusesAZeroSize) {

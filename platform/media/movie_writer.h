@@ -3,14 +3,18 @@
 //
 // Crash safety: while recording, the file is written as fragmented MP4 to partPath(path) (a
 // fragment at every key frame and at least once a second), so a process killed mid-recording
-// leaves every fragment but the last readable. finish() turns it into an ordinary MP4 at |path|
-// with its index at the front; finishInterruptedMovie() does the same for a part file a killed
-// process left behind.
+// leaves every fragment but the last readable. Right after its initial index the part file keeps
+// room (a "free" box, movieIndexRoom() bytes) for the finished file's index. finish() writes the
+// complete index there, turns the fragment headers into padding and renames the file: an
+// ordinary MP4 at |path| with its index at the front, the media never copied (a copy is made
+// only when the index does not fit). finishInterruptedMovie() does the same for a part file a
+// killed process left behind.
 //
 // Threading: one caller at a time (the recorder's capture thread, then its session queue for
 // finish()); no callbacks.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -28,6 +32,10 @@ struct MovieWriterSettings {
   int audioSampleRate = 48000;
   int audioChannels = 2;
   int audioBitrate = 65536;
+  // How long a recording the finished index is kept room for (see movieIndexRoom): longer ones
+  // are finished by copying. The room stays in the file as padding, so it is not made larger
+  // than the recordings it serves.
+  double indexRoomSeconds = 15 * 60;
 };
 
 class MovieWriter {
@@ -46,6 +54,16 @@ class MovieWriter {
   // Seconds of video written so far (last picture's end on the file's timeline).
   virtual double writtenDuration() const = 0;
 };
+
+// The room kept for the finished index: indexRoomSeconds at the settings' sample rates, at most
+// 12 bytes a sample (size and duration) plus the per-fragment entries.
+inline uint64_t movieIndexRoom(const MovieWriterSettings& settings) {
+  const double kSeconds = settings.indexRoomSeconds;
+  constexpr double kBytesPerSample = 13;
+  const double samplesPerSecond =
+      settings.frameRate + (settings.hasAudio ? settings.audioSampleRate / 1024.0 : 0);
+  return static_cast<uint64_t>(kSeconds * samplesPerSecond * kBytesPerSample) + 64 * 1024;
+}
 
 // Where a recording to |path| lives while it is being written.
 inline std::string moviePartPath(const std::string& path) { return path + ".part"; }

@@ -26,6 +26,8 @@ struct FakeRecorderLog {
   std::function<void()> tick;  // the running countdown timer, empty when none
   int timersMade = 0;
   bool captureRunning = false;
+  // What the fake camera's configure answers.
+  OptionalError configureError;
   std::vector<std::string> covers;  // paths a default cover was asked for
   struct Upload {
     std::string kind;  // "create" or "rerecord"
@@ -39,7 +41,9 @@ struct FakeRecorderLog {
 class FakeCaptureSession final : public CaptureSession {
  public:
   explicit FakeCaptureSession(std::shared_ptr<FakeRecorderLog> log) : log_(std::move(log)) {}
-  OptionalError configure(const CaptureSettings&, OptionalError&) override { return std::nullopt; }
+  OptionalError configure(const CaptureSettings&, OptionalError&) override {
+    return log_->configureError;
+  }
   bool hasMicrophone() const override { return true; }
   int cameraPositions() const override { return 2; }
   int facing() const override { return 0; }
