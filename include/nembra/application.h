@@ -119,6 +119,11 @@ class Nembra {
   // Presents the image viewer over the topmost screen: URLs, file:// URIs or local paths.
   void showImageFromUri(const std::string& uri);
   void showImageFromUris(const std::vector<std::string>& uris);
+  // Copies "client_auth" and "server_auth" from recorderConfig's extraArgs into connect(), then
+  // presents the camera recorder (its module installs itself: api/recorder_screens.h); with a
+  // |videoToken| the recording replaces that video's stream.
+  void record();
+  void record(const std::string& videoToken);
   // Remote image loading for screens, made on first use; shared with the screens that use it.
   std::shared_ptr<RemoteImageLoader> imageLoader();
 

@@ -85,17 +85,70 @@ std::unique_ptr<MediaSourceDevice> MediaSourceDevice::openCamera(const std::stri
   return source;
 }
 
+std::unique_ptr<MediaSourceDevice> MediaSourceDevice::openMicrophone(const std::string& device,
+                                                                     OptionalError& error) {
+  std::unique_ptr<MediaSourceDevice> source(new MediaSourceDevice());
+  const std::vector<std::pair<std::string, std::string>> options = {{"sample_rate", "44100"},
+                                                                    {"channels", "2"}};
+  if (device == "lavfi") {
+    // arealtime holds each block back until its media time, as a sound card would.
+    error = source->addInput("lavfi",
+                             "sine=frequency=440:sample_rate=44100,"
+                             "aformat=sample_fmts=s16:channel_layouts=stereo,arealtime",
+                             {}, true, false);
+  } else if (device.empty()) {
+    OptionalError pulse = source->addInput("pulse", "default", options, true, true);
+    if (pulse) {
+      OptionalError alsa = source->addInput("alsa", "default", options, true, true);
+      if (alsa) {
+        error = Error::media("no microphone: neither PulseAudio nor ALSA has a default source (" +
+                             pulse->message + "; " + alsa->message + ")");
+      }
+    }
+  } else if (device.starts_with("pulse:") || device.starts_with("alsa:")) {
+    const size_t colon = device.find(':');
+    error =
+        source->addInput(device.substr(0, colon), device.substr(colon + 1), options, true, true);
+    if (error) error = Error::media("no microphone " + device + ": " + error->message);
+  } else {
+    error = Error::invalidArgument("unknown microphone \"" + device +
+                                   "\" (use lavfi, pulse:NAME or alsa:NAME)");
+  }
+  if (error) return nullptr;
+  source->describe();
+  if (!source->info_.hasAudio) {
+    error = Error::media("microphone " + device + " delivers no audio");
+    return nullptr;
+  }
+  source->info_.description = "microphone " + (device.empty() ? std::string("default") : device);
+  return source;
+}
+
+std::unique_ptr<MediaSourceDevice> MediaSourceDevice::openDecodedFile(const std::string& path,
+                                                                      OptionalError& error) {
+  std::unique_ptr<MediaSourceDevice> source(new MediaSourceDevice());
+  error = source->addInput("", path, {}, false, false);
+  if (error) return nullptr;
+  source->describe();
+  source->info_.description = "file " + path + " (re-encoded)";
+  return source;
+}
+
 OptionalError MediaSourceDevice::addInput(
     const std::string& formatName, const std::string& url,
     const std::vector<std::pair<std::string, std::string>>& options, bool stampOnArrival,
     bool nonBlocking) {
   registerDevices();
-  const AVInputFormat* format = av_find_input_format(formatName.c_str());
-  if (!format) return Error::media("this FFmpeg has no " + formatName + " input");
+  // No name: FFmpeg tells the format from the file.
+  const AVInputFormat* format =
+      formatName.empty() ? nullptr : av_find_input_format(formatName.c_str());
+  if (!format && !formatName.empty()) {
+    return Error::media("this FFmpeg has no " + formatName + " input");
+  }
   if (!packet_) packet_ = av_packet_alloc();
 
   Input input;
-  input.name = formatName + " " + url;
+  input.name = formatName.empty() ? url : formatName + " " + url;
   input.stampOnArrival = stampOnArrival;
   input.format = avformat_alloc_context();
   if (!input.format || !packet_) return Error::internal("out of memory opening " + input.name);
@@ -173,14 +226,17 @@ double MediaSourceDevice::stamp(const Input& input, const AVCodecContext* contex
 
 int MediaSourceDevice::pump(Input& input) {
   int rc = av_read_frame(input.format, packet_);
-  if (rc < 0) return rc;
+  // At the end, the decoders give up the frames they held back for reordering, once.
+  const bool draining = rc == AVERROR_EOF && !input.drained;
+  if (rc < 0 && !draining) return rc;
+  input.drained = input.drained || draining;
   struct Unref {
     AVPacket* packet;
     ~Unref() { av_packet_unref(packet); }
   } unref{packet_};
   for (Decoder& decoder : input.decoders) {
-    if (decoder.streamIndex != packet_->stream_index) continue;
-    rc = avcodec_send_packet(decoder.context, packet_);
+    if (!draining && decoder.streamIndex != packet_->stream_index) continue;
+    rc = avcodec_send_packet(decoder.context, draining ? nullptr : packet_);
     if (rc < 0) return rc;
     for (;;) {
       AVFrame* frame = av_frame_alloc();

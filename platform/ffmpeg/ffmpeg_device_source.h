@@ -32,6 +32,17 @@ class MediaSourceDevice final : public MediaSource {
   static std::unique_ptr<MediaSourceDevice> openCamera(const std::string& device, int width,
                                                        int height, int fps, OptionalError& error);
 
+  // A microphone alone, delivering PCM: "lavfi" is a virtual one (a 440 Hz tone, stereo at
+  // 44100 Hz, paced in real time like a device), "" the default PulseAudio source or else ALSA's
+  // default, "pulse:NAME" or "alsa:NAME" a named one. Stamped with the time each block arrives.
+  static std::unique_ptr<MediaSourceDevice> openMicrophone(const std::string& device,
+                                                           OptionalError& error);
+
+  // The media file |path| decoded into raw pictures and PCM, timed by its own timestamps (so
+  // faster than real time unless paced): for files whose samples cannot be sent as they are.
+  static std::unique_ptr<MediaSourceDevice> openDecodedFile(const std::string& path,
+                                                            OptionalError& error);
+
   ~MediaSourceDevice() override;
 
   const MediaSourceInfo& info() const override { return info_; }
@@ -50,7 +61,8 @@ class MediaSourceDevice final : public MediaSource {
     std::vector<Decoder> decoders;
     bool stampOnArrival = false;
     bool ended = false;
-    double lastPts = 0;  // of the newest item it delivered
+    bool drained = false;  // its decoders were flushed at the end of the input
+    double lastPts = 0;    // of the newest item it delivered
   };
 
   MediaSourceDevice();

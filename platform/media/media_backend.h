@@ -28,6 +28,8 @@
 #include "platform/media/media_probe.h"
 #include "platform/media/media_remuxer.h"
 #include "platform/media/media_source.h"
+#include "platform/media/movie_writer.h"
+#include "platform/media/raw_frame_converter.h"
 
 namespace nembra {
 
@@ -48,11 +50,25 @@ class MediaBackend {
                                                        OptionalError& error) = 0;
   virtual std::unique_ptr<MediaSource> openCamera(const std::string& device, int width, int height,
                                                   int fps, OptionalError& error) = 0;
+  // PCM from a microphone: "lavfi" (a virtual tone paced in real time), "" (the default
+  // PulseAudio source, else ALSA's default), "pulse:NAME" or "alsa:NAME".
+  virtual std::unique_ptr<MediaSource> openMicrophone(const std::string& device,
+                                                      OptionalError& error) = 0;
+  virtual std::unique_ptr<MediaSource> openDecodedFile(const std::string& path,
+                                                       OptionalError& error) = 0;
 
   virtual std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
                                                           OptionalError& error) = 0;
   virtual std::unique_ptr<AudioEncoder> createAacEncoder(const AudioEncoderSettings& settings,
                                                          OptionalError& error) = 0;
+
+  // The recorder's asset writer and the finishing of a recording a killed process left
+  // (movie_writer.h).
+  virtual std::unique_ptr<MovieWriter> createMovieWriter(const std::string& path,
+                                                         const MovieWriterSettings& settings,
+                                                         OptionalError& error) = 0;
+  virtual OptionalError finishInterruptedMovie(const std::string& path) = 0;
+  virtual std::unique_ptr<RawFrameConverter> makeRawFrameConverter() = 0;
 
   virtual OptionalError writeVideoSample(const std::string& path, double seconds, int width,
                                          int height) = 0;
@@ -73,6 +89,11 @@ std::unique_ptr<MediaSource> openTestPatternSource(int width, int height, int fp
 // A V4L2 camera with the default PulseAudio or ALSA microphone when one opens.
 std::unique_ptr<MediaSource> openCameraSource(const std::string& device, int width, int height,
                                               int fps, OptionalError& error);
+// A microphone alone (see MediaBackend::openMicrophone).
+std::unique_ptr<MediaSource> openMicrophoneSource(const std::string& device, OptionalError& error);
+// A media file decoded into raw pictures and PCM, for publishing through the encoders (a file
+// whose video cannot pass through as it is, such as one with B-frames).
+std::unique_ptr<MediaSource> openDecodedFileSource(const std::string& path, OptionalError& error);
 // libx264 and FFmpeg's AAC encoder with the settings live publishing needs.
 std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
                                                 OptionalError& error);
