@@ -1,5 +1,7 @@
 #include "service/http_connection_server.h"
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <unordered_map>
 #include <vector>
@@ -17,11 +19,25 @@ constexpr std::chrono::milliseconds kRefusalLinger{1000};
 
 }  // namespace
 
+namespace {
+
+// Both ports share the process's descriptors, two per connection, with room for everything else.
+HttpConnectionLimits withinDescriptorLimit(HttpConnectionLimits limits) {
+  rlimit files{};
+  if (::getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur != RLIM_INFINITY) {
+    size_t fit = files.rlim_cur > 256 ? (files.rlim_cur - 128) / 4 : 32;
+    limits.maxConnections = std::min(limits.maxConnections, fit);
+  }
+  return limits;
+}
+
+}  // namespace
+
 HttpConnectionServer::HttpConnectionServer(std::string name, HttpRequestHandler& handler,
                                            HttpConnectionLimits limits)
     : name_(std::move(name)),
       handler_(handler),
-      limits_(limits),
+      limits_(withinDescriptorLimit(limits)),
       pool_(std::make_unique<HttpWorkerPool>(name_, std::max<size_t>(limits.workers, 1))) {}
 
 HttpConnectionServer::~HttpConnectionServer() { stop(); }

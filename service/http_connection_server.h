@@ -52,7 +52,9 @@ class HttpRequestHandler {
 struct HttpConnectionLimits {
   size_t workers = 128;
   // Connections held open at once (waiting for a head, or served); more are closed at accept.
-  size_t maxConnections = 400;
+  // Each costs two descriptors and at most a head's worth of memory while it waits; the server
+  // lowers this to what the process's descriptor limit allows.
+  size_t maxConnections = 2000;
   std::chrono::milliseconds headTimeout{10000};  // from a head's first byte to its end
   std::chrono::milliseconds idleTimeout{5000};   // between requests of one connection
   BodyPaceLimits body;

@@ -39,7 +39,7 @@ struct ServiceOptions {
   int idleTimeoutMs = 5000;  // an idle keep-alive connection is closed after this
   int bodyGraceMs = 10000;
   uint64_t minBodyBytesPerSecond = 1024;
-  int maxConnections = 400;  // open at once per port; more are closed at accept
+  int maxConnections = 2000;  // open at once per port; more are closed at accept
 
   int sessionLifetimeSeconds = 7 * 24 * 3600;  // a session unused this long expires
   int sessionsPerMinute = 120;                 // new sessions per client address (429 beyond)
