@@ -95,14 +95,17 @@ void VastAdResolver::fetch(const std::shared_ptr<Job>& job, const std::string& u
   HttpRequest request;
   request.url = url;
   HttpTaskEvents events;
-  events.completion = [this, mailbox = mailbox_, job, hop](HttpTask&, std::vector<uint8_t> body,
-                                                           const HttpResponse& response,
-                                                           const OptionalError& error) {
+  // The job holds its task, so the task's completion holds the job only weakly: no cycle
+  // outlives a finished or dropped job.
+  std::weak_ptr<Job> weakJob = job;
+  events.completion = [this, mailbox = mailbox_, weakJob, hop](HttpTask&, std::vector<uint8_t> body,
+                                                               const HttpResponse& response,
+                                                               const OptionalError& error) {
     std::lock_guard lock(mailbox->mutex);
     if (!mailbox->queue) return;
     mailbox->queue->async(
-        [this, job, hop, body = std::move(body), status = response.status, error]() mutable {
-          received(job, hop, std::move(body), status, error);
+        [this, weakJob, hop, body = std::move(body), status = response.status, error]() mutable {
+          if (auto job = weakJob.lock()) received(job, hop, std::move(body), status, error);
         });
   };
   job->task = http_.dataTask(std::move(request), std::move(events));
@@ -180,6 +183,7 @@ void VastAdResolver::received(const std::shared_ptr<Job>& job, uint64_t hop,
 void VastAdResolver::finish(const std::shared_ptr<Job>& job, Outcome outcome) {
   if (job->done) return;
   job->done = true;
+  job->task.reset();
   if (auto* failure = std::get_if<VastFailure>(&outcome)) {
     failure->errorUrls.insert(failure->errorUrls.begin(), job->collected.errorUrls.begin(),
                               job->collected.errorUrls.end());
