@@ -38,6 +38,10 @@ class MediaSourceDevice final : public MediaSource {
   static std::unique_ptr<MediaSourceDevice> openMicrophone(const std::string& device,
                                                            OptionalError& error);
 
+  // The whole X11 screen |display| (":0") by x11grab at |fps|, stamped on arrival.
+  static std::unique_ptr<MediaSourceDevice> openScreen(const std::string& display, int fps,
+                                                       OptionalError& error);
+
   ~MediaSourceDevice() override;
 
   const MediaSourceInfo& info() const override { return info_; }

@@ -8,6 +8,7 @@ extern "C" {
 #include "platform/ffmpeg/ffmpeg_aac_encoder.h"
 #include "platform/ffmpeg/ffmpeg_device_source.h"
 #include "platform/ffmpeg/ffmpeg_file_source.h"
+#include "platform/ffmpeg/ffmpeg_file_writer.h"
 #include "platform/ffmpeg/ffmpeg_player_engine.h"
 #include "platform/ffmpeg/ffmpeg_x264_encoder.h"
 #include "platform/media/media_backend.h"
@@ -52,6 +53,14 @@ class FfmpegMediaBackend final : public MediaBackend {
   std::unique_ptr<AudioEncoder> createAacEncoder(const AudioEncoderSettings& settings,
                                                  OptionalError& error) override {
     return MediaEncoderAAC::create(settings, error);
+  }
+  std::unique_ptr<MediaFileWriter> createFileWriter(const MediaFileWriterSettings& settings,
+                                                    OptionalError& error) override {
+    return FfmpegFileWriter::create(settings, error);
+  }
+  std::unique_ptr<MediaSource> openScreen(const std::string& display, int fps,
+                                          OptionalError& error) override {
+    return MediaSourceDevice::openScreen(display, fps, error);
   }
 
   OptionalError writeVideoSample(const std::string& path, double seconds, int width,
