@@ -119,6 +119,8 @@ class Nembra {
   // Presents the image viewer over the topmost screen: URLs, file:// URIs or local paths.
   void showImageFromUri(const std::string& uri);
   void showImageFromUris(const std::vector<std::string>& uris);
+  // Presents the audio recorder (api/capture_screens.h) over the topmost screen.
+  void startAudioRecorder();
   // Remote image loading for screens, made on first use; shared with the screens that use it.
   std::shared_ptr<RemoteImageLoader> imageLoader();
 

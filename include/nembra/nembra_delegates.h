@@ -27,8 +27,21 @@ struct NembraHardwarePermissionDelegate {
 
 // The delegates below gain their callbacks with the components that raise them (recorder,
 // players, capture aids, pickers, screen recorder, QR scanner).
+// Each on the main queue.
 struct NembraRecorderDelegate {
   virtual ~NembraRecorderDelegate() = default;
+
+  std::function<void()> recorderReady;
+  std::function<void()> recorderStarted;
+  // Whole seconds recorded, at each update of the recording time.
+  std::function<void(int64_t seconds)> recorderCurrentRecordedDurationSeconds;
+  std::function<void()> recorderPaused;
+  // The take is finished; |path| is its file.
+  std::function<void(const std::string& path)> recorderStopped;
+  std::function<void()> recorderPlaying;
+  std::function<void()> recorderRerecord;
+  std::function<void()> recorderManuallySubmitted;
+  std::function<void()> recorderCancelledByUser;
 };
 // Told of every upload's progress (the upload handler's flow and the videos endpoint's
 // create and re-record flows), each on the main queue.
