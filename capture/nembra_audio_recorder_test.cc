@@ -168,7 +168,7 @@ TEST_F(AudioRecorderTest, RecordAgainDeletesTheTakeAndEmptiesTheWaveform) {
   EXPECT_EQ(events_.back(), "rerecord");
 }
 
-TEST_F(AudioRecorderTest, UploadSendsTheTakeAsAnAudioWithTheRecorderExtraArgs) {
+TEST_F(AudioRecorderTest, UploadHandsTheTakeToTheUploadHandlerAndDismisses) {
   open();
   ASSERT_TRUE(view().press("record"));
   ASSERT_TRUE(view().press("record"));
