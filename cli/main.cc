@@ -49,6 +49,7 @@ int main(int argc, char** argv) {
   nembra::registerMediaCommands(app, context, exitCode);
   nembra::registerCacheCommand(app, context, exitCode);
   nembra::registerShowCommands(app, context, exitCode);
+  nembra::registerRecordAudioCommand(app, context, exitCode);
 #ifdef NEMBRA_HAVE_SERVICE
   nembra::registerServeCommand(app, context, exitCode);
 #endif
