@@ -59,6 +59,7 @@ void registerUploadCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerMediaCommands(CLI::App& app, CliContext& context, int& exitCode);
 void registerCacheCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerRecordAudioCommand(CLI::App& app, CliContext& context, int& exitCode);
+void registerRecordScreenCommands(CLI::App& app, CliContext& context, int& exitCode);
 // After registerMediaCommands: adds `images show` to its images command.
 void registerShowCommands(CLI::App& app, CliContext& context, int& exitCode);
 

@@ -50,6 +50,7 @@ int main(int argc, char** argv) {
   nembra::registerCacheCommand(app, context, exitCode);
   nembra::registerShowCommands(app, context, exitCode);
   nembra::registerRecordAudioCommand(app, context, exitCode);
+  nembra::registerRecordScreenCommands(app, context, exitCode);
 #ifdef NEMBRA_HAVE_SERVICE
   nembra::registerServeCommand(app, context, exitCode);
 #endif

@@ -5,6 +5,7 @@
 // main queue given at construction. log() may be called from any thread.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -37,6 +38,7 @@ class NembraImages;
 class FileInfoData;
 class RemoteImageLoader;
 class ScreenPresenter;
+class ChildProcess;
 
 class Nembra {
  public:
@@ -121,6 +123,17 @@ class Nembra {
   void showImageFromUris(const std::vector<std::string>& uris);
   // Presents the audio recorder (api/capture_screens.h) over the topmost screen.
   void startAudioRecorder();
+  // Stores |appGroup| under the "AppGroup" user default, hands it to videos(), and starts the
+  // screen broadcast in place of the platform's picker: the nembra tool's `record-screen
+  // --app-group G` (found at $NEMBRA_TOOL, beside this program, else in PATH), or the program
+  // |preferredExtension| names, with |broadcastArguments| added. The broadcast leaves its movie
+  // in the group's shared directory; videos().setupFileWatcher() picks it up.
+  OptionalError startScreenRecorderWithAppGroup(
+      const std::string& appGroup, const std::string& preferredExtension,
+      const std::vector<std::string>& broadcastArguments = {});
+  // Ends that broadcast as the platform's stop button would, and waits for it to have moved
+  // its movie (at most |limit|). Its exit code; absent when none ran or it did not end in time.
+  std::optional<int> stopScreenRecorder(std::chrono::milliseconds limit = std::chrono::seconds(60));
   // Remote image loading for screens, made on first use; shared with the screens that use it.
   std::shared_ptr<RemoteImageLoader> imageLoader();
 
@@ -215,6 +228,8 @@ class Nembra {
   std::unique_ptr<NembraImages> images_;
   std::shared_ptr<RemoteImageLoader> imageLoader_;
   std::weak_ptr<ScreenPresenter> screenPresenter_;
+  // The running screen broadcast (shared: its type stays private to the platform layer).
+  std::shared_ptr<ChildProcess> screenBroadcast_;
   // The accessors above may be first called from a request callback's thread.
   std::recursive_mutex lazyMutex_;
 
