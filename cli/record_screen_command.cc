@@ -85,8 +85,9 @@ int runRecordScreen(CliContext& context, const RecordScreenArguments& arguments)
     if (broadcast->framesDelivered() == 0) return fail("record-screen", "no frame was recorded");
     return fail("record-screen", "the movie stays at " + handler.videoOutputFullFileName());
   }
+  // The movie was saved even when the display went away; the exit code still says so.
   std::cout << moved << "\n";
-  return 0;
+  return ended ? 1 : 0;
 }
 
 int runWatch(CliContext& context, const std::string& appGroup) {

@@ -23,7 +23,9 @@ TEST(ScreenRecordingTest, ARecordedScreenLandsInTheSharedDirectoryAndIsUploadedO
   if (xvfb.display().empty()) GTEST_SKIP() << "no Xvfb";
   testing::TempDir home("nembra-screen");
   std::string error;
-  auto serve = testing::ServeProcess::start({.dataDir = home.file("service")}, error);
+  testing::ServeProcess::Options options;
+  options.dataDir = home.file("service");
+  auto serve = testing::ServeProcess::start(options, error);
   ASSERT_TRUE(serve) << error;
 
   const std::string group = "it.screen";
