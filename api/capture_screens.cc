@@ -11,6 +11,7 @@
 
 #include "nembra/application.h"
 #include "nembra/nembra_videos.h"
+#include "platform/files/file_system.h"
 #include "platform/system/child_process.h"
 #include "platform/system/user_defaults.h"
 
@@ -79,6 +80,10 @@ OptionalError Nembra::startScreenRecorderWithAppGroup(
   options.argv = {preferredExtension.empty() ? broadcastTool() : preferredExtension,
                   "record-screen", "--app-group", appGroup};
   options.argv.insert(options.argv.end(), broadcastArguments.begin(), broadcastArguments.end());
+  // The broadcast's plain log, kept apart from the host's own output.
+  const std::string temporary = FileSystem::shared().temporaryDirectory();
+  options.stdoutPath = temporary + "/screen-broadcast.out";
+  options.stderrPath = temporary + "/screen-broadcast.log";
   std::unique_ptr<ChildProcess> process;
   if (auto error = ChildProcess::start(options, process)) {
     logError("cannot start the screen broadcast: " + error->message);

@@ -126,8 +126,9 @@ class Nembra {
   // Stores |appGroup| under the "AppGroup" user default, hands it to videos(), and starts the
   // screen broadcast in place of the platform's picker: the nembra tool's `record-screen
   // --app-group G` (found at $NEMBRA_TOOL, beside this program, else in PATH), or the program
-  // |preferredExtension| names, with |broadcastArguments| added. The broadcast leaves its movie
-  // in the group's shared directory; videos().setupFileWatcher() picks it up.
+  // |preferredExtension| names, with |broadcastArguments| added; its log goes to
+  // "screen-broadcast.log" in the temporary directory. The broadcast leaves its movie in the
+  // group's shared directory; videos().setupFileWatcher() picks it up.
   OptionalError startScreenRecorderWithAppGroup(
       const std::string& appGroup, const std::string& preferredExtension,
       const std::vector<std::string>& broadcastArguments = {});
