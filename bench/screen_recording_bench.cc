@@ -1,5 +1,6 @@
 // Screen recording beside `ffmpeg -f x11grab`, in one run, on the same 1920×1080 Xvfb display
-// (started here) at 30 frames/s for --seconds (30 by default), both with libx264's veryfast
+// (started here) at 30 frames/s for --seconds (30 by default), --rounds times (alternating
+// which goes first), both with libx264's veryfast
 // preset, 4:2:0, a two-second GOP and no sound, into a QuickTime movie:
 //   - CPU (user + system) of `nembra record-screen` against ffmpeg's, as a ratio;
 //   - frames written as a share of the expected count (seconds × 30), for both.
@@ -11,6 +12,7 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -77,8 +79,10 @@ long countFrames(const std::string& path) {
 
 int main(int argc, char** argv) {
   int seconds = 30;
+  int rounds = 1;
   for (int i = 1; i + 1 < argc; ++i) {
     if (std::string(argv[i]) == "--seconds") seconds = std::atoi(argv[i + 1]);
+    if (std::string(argv[i]) == "--rounds") rounds = std::max(1, std::atoi(argv[i + 1]));
   }
   nembra::testing::XvfbDisplay xvfb("1920x1080x24");
   if (xvfb.display().empty()) {
@@ -96,61 +100,85 @@ int main(int argc, char** argv) {
     if (posix_spawnp(&clock, "xclock", nullptr, nullptr, args.data(), environ) != 0) clock = 0;
   }
   const std::string work = std::filesystem::temp_directory_path() / "nembra-screen-bench";
-  std::filesystem::remove_all(work);
-  std::filesystem::create_directories(work);
   const std::string tool = NEMBRA_CLI_PATH;
-
-  const Run ours = runMeasured({tool, "record-screen", "--app-group", "bench", "--display", display,
-                                "--mic", "none", "--duration", std::to_string(seconds)},
-                               {"NEMBRA_HOME=" + work + "/home"});
-  std::string ourMovie;
-  const std::string shared =
-      work + "/home/AppGroups/bench/Library/Caches/com.nembra.screen-recording";
-  std::error_code ec;
-  for (const auto& entry : std::filesystem::directory_iterator(shared, ec)) ourMovie = entry.path();
-
-  const std::string theirMovie = work + "/ffmpeg.mov";
-  const Run theirs = runMeasured({"ffmpeg",
-                                  "-nostdin",
-                                  "-y",
-                                  "-f",
-                                  "x11grab",
-                                  "-framerate",
-                                  "30",
-                                  "-video_size",
-                                  "1920x1080",
-                                  "-i",
-                                  display,
-                                  "-t",
-                                  std::to_string(seconds),
-                                  "-c:v",
-                                  "libx264",
-                                  "-preset",
-                                  "veryfast",
-                                  "-g",
-                                  "60",
-                                  "-pix_fmt",
-                                  "yuv420p",
-                                  "-f",
-                                  "mov",
-                                  theirMovie});
+  const double expected = seconds * 30.0;
+  std::printf("screen recording, 1920x1080 @ 30 fps for %d s (expected %.0f frames), %d round%s\n",
+              seconds, expected, rounds, rounds == 1 ? "" : "s");
+  double ourCpu = 0, theirCpu = 0;
+  long ourFrames = 0, theirFrames = 0;
+  bool allOk = true;
+  for (int round = 0; round < rounds; ++round) {
+    std::filesystem::remove_all(work);
+    std::filesystem::create_directories(work);
+    auto recordOurs = [&] {
+      const Run run = runMeasured({tool, "record-screen", "--app-group", "bench", "--display",
+                                   display, "--mic", "none", "--duration", std::to_string(seconds)},
+                                  {"NEMBRA_HOME=" + work + "/home"});
+      std::string movie;
+      std::error_code ec;
+      const std::string shared =
+          work + "/home/AppGroups/bench/Library/Caches/com.nembra.screen-recording";
+      for (const auto& entry : std::filesystem::directory_iterator(shared, ec))
+        movie = entry.path();
+      const long frames = movie.empty() ? -1 : countFrames(movie);
+      std::printf("  nembra record-screen: exit %d, cpu %.2f s, wall %.2f s, frames %ld (%.1f%%)\n",
+                  run.exitCode, run.cpuSeconds, run.wallSeconds, frames, 100.0 * frames / expected);
+      ourCpu += run.cpuSeconds;
+      ourFrames += frames;
+      allOk = allOk && run.exitCode == 0;
+    };
+    auto recordTheirs = [&] {
+      const std::string movie = work + "/ffmpeg.mov";
+      const Run run = runMeasured({"ffmpeg",
+                                   "-nostdin",
+                                   "-y",
+                                   "-f",
+                                   "x11grab",
+                                   "-framerate",
+                                   "30",
+                                   "-video_size",
+                                   "1920x1080",
+                                   "-i",
+                                   display,
+                                   "-t",
+                                   std::to_string(seconds),
+                                   "-c:v",
+                                   "libx264",
+                                   "-preset",
+                                   "veryfast",
+                                   "-g",
+                                   "60",
+                                   "-pix_fmt",
+                                   "yuv420p",
+                                   "-f",
+                                   "mov",
+                                   movie});
+      const long frames = countFrames(movie);
+      std::printf("  ffmpeg -f x11grab:    exit %d, cpu %.2f s, wall %.2f s, frames %ld (%.1f%%)\n",
+                  run.exitCode, run.cpuSeconds, run.wallSeconds, frames, 100.0 * frames / expected);
+      theirCpu += run.cpuSeconds;
+      theirFrames += frames;
+      allOk = allOk && run.exitCode == 0;
+    };
+    // Alternate who goes first: the machine's load changes over a run.
+    if (round % 2 == 0) {
+      recordOurs();
+      recordTheirs();
+    } else {
+      recordTheirs();
+      recordOurs();
+    }
+  }
   if (clock > 0) {
     kill(clock, SIGTERM);
     waitpid(clock, nullptr, 0);
   }
-  const double expected = seconds * 30.0;
-  const long ourFrames = ourMovie.empty() ? -1 : countFrames(ourMovie);
-  const long theirFrames = countFrames(theirMovie);
-  std::printf("screen recording, 1920x1080 @ 30 fps for %d s (expected %.0f frames)\n", seconds,
-              expected);
-  std::printf("  nembra record-screen: exit %d, cpu %.2f s, wall %.2f s, frames %ld (%.1f%%)\n",
-              ours.exitCode, ours.cpuSeconds, ours.wallSeconds, ourFrames,
-              100.0 * ourFrames / expected);
-  std::printf("  ffmpeg -f x11grab:    exit %d, cpu %.2f s, wall %.2f s, frames %ld (%.1f%%)\n",
-              theirs.exitCode, theirs.cpuSeconds, theirs.wallSeconds, theirFrames,
-              100.0 * theirFrames / expected);
-  std::printf("  cpu ratio (nembra / ffmpeg): %.3f\n",
-              theirs.cpuSeconds > 0 ? ours.cpuSeconds / theirs.cpuSeconds : 0.0);
+  std::printf(
+      "  total: nembra %.1f%% of the frames, ffmpeg %.1f%%; cpu ratio (nembra / ffmpeg) "
+      "%.3f, per frame %.3f\n",
+      100.0 * ourFrames / (expected * rounds), 100.0 * theirFrames / (expected * rounds),
+      theirCpu > 0 ? ourCpu / theirCpu : 0.0,
+      theirCpu > 0 && ourFrames > 0 ? (ourCpu / ourFrames) / (theirCpu / theirFrames) : 0.0);
   std::filesystem::remove_all(work);
-  return ours.exitCode == 0 && theirs.exitCode == 0 ? 0 : 1;
+  return allOk ? 0 : 1;
 }
