@@ -12,7 +12,7 @@ export CCACHE_BASEDIR   := $(CURDIR)
 export CCACHE_NOHASHDIR := 1
 export CCACHE_MAXSIZE   ?= 5G
 
-.PHONY: all deps build test unit-test asan-test tsan-test demo bench fuzz clean
+.PHONY: all deps build test unit-test asan-test tsan tsan-test demo bench fuzz clean
 
 all: build
 
@@ -32,11 +32,15 @@ test: build
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(ASAN_BUILD_DIR) -L 'unit|fuzz' $(CTEST_FLAGS)
 
-# The unit tests under ThreadSanitizer: a check for developers touching threads, not part of CI.
-tsan-test: deps
+# The unit and integration tests under ThreadSanitizer: not part of `make test` (time), but it
+# must pass whenever concurrency changes. Suppressions (scripts/tsan.supp) cover only the
+# uninstrumented libraries' own threads.
+tsan: deps
 	cmake -S . -B $(TSAN_BUILD_DIR) -G Ninja -DNEMBRA_TSAN=ON -DCMAKE_BUILD_TYPE=Debug
 	cmake --build $(TSAN_BUILD_DIR) -j $(JOBS)
-	ctest --test-dir $(TSAN_BUILD_DIR) -L unit $(CTEST_FLAGS)
+	ctest --test-dir $(TSAN_BUILD_DIR) -L 'unit|integration' $(CTEST_FLAGS)
+
+tsan-test: tsan
 
 demo: build
 	@scripts/demo.sh $(BUILD_DIR)

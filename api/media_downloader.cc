@@ -11,6 +11,7 @@
 #include "nembra/reply_status.h"
 #include "platform/files/file_system.h"
 #include "platform/http/http_curl_client.h"
+#include "platform/http/url_redaction.h"
 
 namespace nembra {
 
@@ -76,9 +77,9 @@ void MediaDownloader::fetch(int type, const std::string& url, const std::string&
   Result result = done->get_future().get();
   OptionalError error = result.error;
   // An error page is not the media file: nothing of it is cached.
-  if (!error) error = ReplyStatus::check("the download of " + url, result.response);
+  if (!error) error = ReplyStatus::check("the download of " + redactUrl(url), result.response);
   if (!error && result.body.empty()) {
-    error = Error::http(result.response.status, url + " sent no data");
+    error = Error::http(result.response.status, redactUrl(url) + " sent no data");
   }
   if (!error) {
     auto parent = std::filesystem::path(cachePath).parent_path().string();
@@ -96,7 +97,7 @@ void MediaDownloader::fetch(int type, const std::string& url, const std::string&
   NembraCacheManager& cache = application_.cacheManager();
   cache.trimCacheWithType(type);
   if (!cache.fileExists(cachePath)) {
-    error = Error::file(url + " is larger than the cache's limit of " +
+    error = Error::file(redactUrl(url) + " is larger than the cache's limit of " +
                         std::to_string(application_.cacheConfig().maxCacheSize()) +
                         " bytes and was not kept");
     if (callback) callback(std::nullopt, error);

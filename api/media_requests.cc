@@ -2,6 +2,7 @@
 
 #include "api/media_token.h"
 #include "api/media_urls.h"
+#include "api/percent_encoding.h"
 #include "nembra/application.h"
 #include "nembra/media_type.h"
 #include "nembra/nembra_connect.h"
@@ -26,8 +27,9 @@ MediaRequests::~MediaRequests() { *alive_ = false; }
 
 std::string MediaRequests::itemPath(const std::string& token,
                                     const std::optional<std::string>& streamToken) {
-  if (streamToken && streamToken->empty()) return "/" + token;
-  return "/" + token + "/streams/" + streamToken.value_or("(null)");
+  if (streamToken && streamToken->empty()) return "/" + percentEncodePathSegment(token);
+  return "/" + percentEncodePathSegment(token) + "/streams/" +
+         (streamToken ? percentEncodePathSegment(*streamToken) : "(null)");
 }
 
 MediaRequests::TaskHandle MediaRequests::refuse(Error error, JsonCallback callback) {
@@ -52,7 +54,7 @@ MediaRequests::TaskHandle MediaRequests::get(int type, const std::string& token,
                                              JsonCallback callback) {
   if (auto error = checkItem(type, token, std::string())) return refuse(*error, callback);
   return application_.connect().getJsonWithPath(
-      MediaUrls::of(application_).apiUrl(type, "/" + token), data,
+      MediaUrls::of(application_).apiUrl(type, "/" + percentEncodePathSegment(token)), data,
       [type, callback = std::move(callback)](const std::optional<Json>& json,
                                              const HttpResponse& response,
                                              const OptionalError& error) {
@@ -106,7 +108,7 @@ MediaRequests::TaskHandle MediaRequests::originalStreamDescription(const std::st
                                                                    JsonCallback callback) {
   if (auto error = MediaToken::check(token, "video token")) return refuse(*error, callback);
   return application_.connect().getJsonWithPath(
-      MediaUrls::of(application_).apiUrl(VIDEO, "/" + token), nullptr,
+      MediaUrls::of(application_).apiUrl(VIDEO, "/" + percentEncodePathSegment(token)), nullptr,
       [callback = std::move(callback)](const std::optional<Json>& json,
                                        const HttpResponse& response, const OptionalError& error) {
         if (!callback) return;

@@ -416,10 +416,12 @@ void MediaUploader::onConfirmReply(const TransferPtr& transfer, const std::optio
                                    const HttpResponse& response, const OptionalError& error) {
   if (!transfer->flow.transit(UploadEvent::Confirmed)) return;
   uploadCompleted(transfer, json, response, error);
-  // The file is gone either way; a confirm the service did not take stays recorded, to be sent
-  // again by a later resume.
-  const bool taken = !error && ReplyStatus::isSuccess(response.status);
-  finish(transfer, /*keepRecord=*/!taken);
+  // The file is gone either way. A confirm that may pass later stays recorded, to be sent again
+  // by a later resume; one already taken is finished, and a final refusal (an unplayable file)
+  // ends here with its error, once.
+  const bool taken = (!error && ReplyStatus::isSuccess(response.status)) ||
+                     (!error && ReplyStatus::isAlreadyConfirmed(response, json));
+  finish(transfer, /*keepRecord=*/!taken && ReplyStatus::mayPassLater(response, error));
   if (transfer->confirmCallback) transfer->confirmCallback(json, response, error);
 }
 

@@ -205,6 +205,47 @@ INSTANTIATE_TEST_SUITE_P(
         BadReplyCase{"NotJson", 200, "<html>oops</html>", ErrorKind::Parse, "JSON"}),
     [](const auto& info) { return info.param.name; });
 
+// ---- The confirm's answer --------------------------------------------------------------
+
+struct ConfirmCase {
+  const char* name;
+  int status;
+  const char* body;
+  bool recordKept;  // for a later resume to confirm again
+};
+
+class ConfirmAnswerTest : public UploaderTest, public ::testing::WithParamInterface<ConfirmCase> {};
+
+TEST_P(ConfirmAnswerTest, OnlyAnAnswerThatMayChangeKeepsTheRecord) {
+  const ConfirmCase& c = GetParam();
+  {
+    std::lock_guard lock(mutex_);
+    confirmStatus_ = c.status;
+    confirmBody_ = c.body;
+  }
+  auto outcome = std::make_shared<Outcome>();
+  upload(VIDEO, makeFile("take.mp4"), outcome);
+  ASSERT_TRUE(pumpUntil([&] { return outcome->confirms == 1; }));
+  main_.runUntil([] { return false; }, milliseconds(50));
+  EXPECT_EQ(journalSize(), c.recordKept ? 1u : 0u);
+  EXPECT_EQ(handler().activeUploadCount(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Answers, ConfirmAnswerTest,
+    ::testing::Values(
+        ConfirmCase{"Confirmed", 200, R"({"token":"m1"})", false},
+        ConfirmCase{"AlreadyConfirmed", 409,
+                    R"({"status":409,"message":"stream s1 was already confirmed"})", false},
+        ConfirmCase{"OtherConflict", 409,
+                    R"({"status":409,"message":"the file of stream s1 has not arrived yet"})",
+                    false},
+        ConfirmCase{"Unplayable", 422,
+                    R"({"status":422,"message":"the uploaded file is not playable: x"})", false},
+        ConfirmCase{"ServiceDown", 503, R"({"status":503})", true},
+        ConfirmCase{"Throttled", 429, R"({"status":429})", true}),
+    [](const auto& info) { return info.param.name; });
+
 // ---- Lost connection --------------------------------------------------------------------
 
 struct ActionCase {

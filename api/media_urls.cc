@@ -1,5 +1,6 @@
 #include "api/media_urls.h"
 
+#include "api/percent_encoding.h"
 #include "nembra/application.h"
 #include "nembra/media_type.h"
 #include "nembra/nembra_config.h"
@@ -11,7 +12,7 @@ MediaUrls::MediaUrls(const NembraConfig& config, std::string appToken)
       devServerApiUrl_(config.dev_server_api_url),
       cdnApiUrl_(config.cdn_api_url),
       fileServerUrl_(config.file_server_url),
-      appToken_(std::move(appToken)) {}
+      appToken_(percentEncodePathSegment(appToken)) {}
 
 MediaUrls MediaUrls::of(Nembra& application) {
   return MediaUrls(application.config(), application.token());
@@ -33,18 +34,22 @@ std::string MediaUrls::apiUrl(int type, const std::string& path) const {
 std::string MediaUrls::mediaUrl(int type, const std::string& token) const {
   switch (type) {
     case VIDEO:
-      return cdnApiUrl_ + "/v1/applications/" + appToken_ + "/videos/" + token + "/video.mp4";
+      return cdnApiUrl_ + "/v1/applications/" + appToken_ + "/videos/" +
+             percentEncodePathSegment(token) + "/video.mp4";
     case AUDIO:
-      return fileServerUrl_ + "/v1/applications/" + appToken_ + "/audios/" + token + "/audio.aac";
+      return fileServerUrl_ + "/v1/applications/" + appToken_ + "/audios/" +
+             percentEncodePathSegment(token) + "/audio.aac";
     case IMAGE:
-      return fileServerUrl_ + "/v1/applications/" + appToken_ + "/images/" + token + "/image.jpg";
+      return fileServerUrl_ + "/v1/applications/" + appToken_ + "/images/" +
+             percentEncodePathSegment(token) + "/image.jpg";
     default:
       return "";
   }
 }
 
 std::string MediaUrls::videoCoverUrl(const std::string& token) const {
-  return cdnApiUrl_ + "/v1/applications/" + appToken_ + "/videos/" + token + "/image";
+  return cdnApiUrl_ + "/v1/applications/" + appToken_ + "/videos/" +
+         percentEncodePathSegment(token) + "/image";
 }
 
 std::string MediaUrls::uploadUrl(int type) const {
@@ -55,9 +60,10 @@ std::string MediaUrls::uploadUrl(int type) const {
 std::string MediaUrls::confirmUrl(int type, const std::string& mediaToken,
                                   const std::string& streamToken) const {
   if (type == VIDEO) {
-    return apiUrl(VIDEO, "/" + mediaToken + "/streams/" + streamToken + "/confirm-video");
+    return apiUrl(VIDEO, "/" + percentEncodePathSegment(mediaToken) + "/streams/" +
+                             percentEncodePathSegment(streamToken) + "/confirm-video");
   }
-  return apiUrl(type, "/" + mediaToken + "/confirm");
+  return apiUrl(type, "/" + percentEncodePathSegment(mediaToken) + "/confirm");
 }
 
 }  // namespace nembra

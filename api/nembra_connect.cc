@@ -15,6 +15,7 @@
 #include "platform/dispatch/concurrent_queue.h"
 #include "platform/http/http_body_file.h"
 #include "platform/http/http_curl_client.h"
+#include "platform/http/url_redaction.h"
 
 namespace nembra {
 
@@ -98,12 +99,12 @@ ShapedJson shapeJson(const std::vector<uint8_t>& body, const HttpResponse& respo
     if (parsed.is_object() || parsed.is_array()) {
       shaped.json = std::move(parsed);
     } else {
-      shaped.error = Error::parse("the reply from " + response.url +
+      shaped.error = Error::parse("the reply from " + redactUrl(response.url) +
                                   " is JSON but neither an object nor an array");
     }
   } catch (const Json::exception& e) {
-    shaped.error =
-        Error::parse("the reply from " + response.url + " is not valid JSON: " + e.what());
+    shaped.error = Error::parse("the reply from " + redactUrl(response.url) +
+                                " is not valid JSON: " + e.what());
   }
   return shaped;
 }

@@ -4,6 +4,7 @@
 
 #include "api/media_token.h"
 #include "api/media_urls.h"
+#include "api/percent_encoding.h"
 #include "api/utils.h"
 #include "nembra/application.h"
 #include "nembra/media_type.h"
@@ -147,7 +148,8 @@ NembraVideos::TaskHandle NembraVideos::createStreamWithVideoToken(const std::str
                                                                   JsonCallback callback) {
   application_.log("creating stream for video " + token);
   return application_.connect().postJsonWithPath(
-      baseUrl("/" + token + "/streams?create_stream=true"), data, std::move(callback));
+      baseUrl("/" + percentEncodePathSegment(token) + "/streams?create_stream=true"), data,
+      std::move(callback));
 }
 
 NembraVideos::TaskHandle NembraVideos::recorderSubmitWithVideoToken(const std::string& token,
@@ -155,8 +157,9 @@ NembraVideos::TaskHandle NembraVideos::recorderSubmitWithVideoToken(const std::s
                                                                     const Json& data,
                                                                     JsonCallback callback) {
   return application_.connect().postJsonWithPath(
-      baseUrl("/" + token + "/streams/" + streamToken + "/recordersubmit"), data,
-      std::move(callback));
+      baseUrl("/" + percentEncodePathSegment(token) + "/streams/" +
+              percentEncodePathSegment(streamToken) + "/recordersubmit"),
+      data, std::move(callback));
 }
 
 NembraVideos::TaskHandle NembraVideos::attachCoverWithVideoToken(const std::string& token,
@@ -174,7 +177,9 @@ NembraVideos::TaskHandle NembraVideos::attachCoverWithVideoToken(const std::stri
   }
   Nembra* application = &application_;
   return application_.connect().postRawDataWithPath(
-      baseUrl("/" + token + "/streams/" + streamToken + "/imageattach"), jpeg, data,
+      baseUrl("/" + percentEncodePathSegment(token) + "/streams/" +
+              percentEncodePathSegment(streamToken) + "/imageattach"),
+      jpeg, data,
       [application, token, streamToken, answer](const std::vector<uint8_t>& body,
                                                 const HttpResponse& response,
                                                 const OptionalError& error) {
@@ -193,9 +198,11 @@ NembraVideos::TaskHandle NembraVideos::attachCoverWithVideoToken(const std::stri
 NembraVideos::TaskHandle NembraVideos::attachVideoWithVideoToken(
     const std::string& token, const std::string& streamToken, const Json& data,
     const std::string& file, JsonCallback callback, ProgressCallback progress) {
-  const std::string url = baseUrl("/" + token + "/streams/" + streamToken + "/videoattach");
+  const std::string url = baseUrl("/" + percentEncodePathSegment(token) + "/streams/" +
+                                  percentEncodePathSegment(streamToken) + "/videoattach");
   // Names the background transfer.
-  const std::string identifier = "/videos/" + token + "/streams/" + streamToken + "/recordersubmit";
+  const std::string identifier =
+      "/videos/" + token + "/streams/" + percentEncodePathSegment(streamToken) + "/recordersubmit";
   Nembra* application = &application_;
   std::weak_ptr<bool> alive = alive_;
   auto task = application_.connect().backgroundUploadWithPath(
@@ -255,7 +262,7 @@ NembraVideos::TaskHandle NembraVideos::getDefaultStreamForVideoByToken(const std
     return nullptr;
   }
   return application_.connect().getJsonWithPath(
-      baseUrl("/" + token), nullptr,
+      baseUrl("/" + percentEncodePathSegment(token)), nullptr,
       [callback](const std::optional<Json>& json, const HttpResponse& response,
                  const OptionalError& error) {
         if (!callback) return;

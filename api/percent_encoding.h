@@ -18,6 +18,11 @@ enum class PercentEncodingSet {
 // Encodes every byte outside |set| as %XX (upper-case hex), UTF-8 bytes one by one.
 std::string percentEncode(std::string_view text, PercentEncodingSet set);
 
+// |text| as one URL path segment: every byte but letters, digits and -._~ encoded, and a
+// segment of only dots ("." or "..") encoded whole, so no token can step out of its place in a
+// path once the URL is normalised.
+std::string percentEncodePathSegment(std::string_view text);
+
 // The value of a hexadecimal digit of either case, or -1 for any other character.
 constexpr int hexDigitValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';

@@ -11,6 +11,18 @@ OptionalError ReplyStatus::check(const std::string& what, const HttpResponse& re
   return Error::http(response.status, message);
 }
 
+bool ReplyStatus::isAlreadyConfirmed(const HttpResponse& response,
+                                     const std::optional<Json>& json) {
+  return response.status == 409 &&
+         serviceMessage(json).find("already confirmed") != std::string::npos;
+}
+
+bool ReplyStatus::mayPassLater(const HttpResponse& response, const OptionalError& error) {
+  if (error || response.status == 0) return true;
+  const int status = response.status;
+  return status == 408 || status == 429 || status >= 500;
+}
+
 std::string ReplyStatus::serviceMessage(const std::optional<Json>& json) {
   if (!json || !json->is_object()) return "";
   for (const char* key : {"message", "error"}) {

@@ -2,6 +2,7 @@
 
 #include "api/media_token.h"
 #include "api/media_urls.h"
+#include "api/percent_encoding.h"
 #include "nembra/application.h"
 #include "nembra/media_type.h"
 #include "nembra/nembra_connect.h"
@@ -47,7 +48,8 @@ VideoCovers::TaskHandle VideoCovers::fetch(const std::string& token, const Json&
   MainQueue& main = application_.mainQueue();
   ImageCodec* codec = &imageCodec();
   return application_.connect().getWithPath(
-      MediaUrls::of(application_).apiUrl(VIDEO, "/" + token + "/image"), data,
+      MediaUrls::of(application_).apiUrl(VIDEO, "/" + percentEncodePathSegment(token) + "/image"),
+      data,
       [alive, &main, &cache, codec, token, callback](const std::vector<uint8_t>& body,
                                                      const HttpResponse& response,
                                                      const OptionalError& transportError) {

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "api/console_log.h"
+#include "api/media_token.h"
 #include "nembra/application.h"
 #include "platform/media/media_log.h"
 
@@ -28,6 +29,13 @@ Nembra& CliContext::nembra() {
   // FFmpeg's own chatter (encoder statistics) only with --debug; errors always.
   setMediaLogLevel(options.debug ? MediaLogLevel::Info : MediaLogLevel::Errors);
   return *nembra_;
+}
+
+std::function<std::string(const std::string&)> tokenValidator(const std::string& what) {
+  return [what](const std::string& value) -> std::string {
+    auto error = MediaToken::check(value, what);
+    return error ? error->message : "";
+  };
 }
 
 }  // namespace nembra

@@ -2,6 +2,7 @@
 // built from them.
 #pragma once
 
+#include <functional>
 #include <iosfwd>
 #include <memory>
 #include <string>
@@ -44,6 +45,10 @@ class CliContext {
   std::unique_ptr<Nembra> nembra_;
 };
 
+// An option check refusing a token that could not stand as one segment of a URL path (it
+// would name another resource): "" when |value| is fine, else why, naming |what|.
+std::function<std::string(const std::string&)> tokenValidator(const std::string& what);
+
 // The device facts shown by device-info and the demo, and their plain-text form.
 Json collectDeviceReport(CliContext& context);
 void printDeviceReport(const Json& report, std::ostream& out);
@@ -60,6 +65,7 @@ void registerMediaCommands(CLI::App& app, CliContext& context, int& exitCode);
 void registerCacheCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerRecordAudioCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerRecordScreenCommands(CLI::App& app, CliContext& context, int& exitCode);
+void registerRecordCommand(CLI::App& app, CliContext& context, int& exitCode);
 // After registerMediaCommands: adds `images show` to its images command.
 void registerShowCommands(CLI::App& app, CliContext& context, int& exitCode);
 

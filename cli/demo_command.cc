@@ -32,6 +32,8 @@
 #include "platform/ui/headless_ui.h"
 #include "platform/ui/screen_presenter.h"
 #include "platform/ui/window_ui.h"
+#include "recorder/nembra_recorder.h"
+#include "recorder/recorder_screens.h"
 #include "streaming/live_publisher.h"
 #include "streaming/stream_log.h"
 #include "viewer/viewer_screens.h"
@@ -81,6 +83,8 @@ class DemoRun {
     step("Upload an image, find it in the list, download it", [this] { return roundTrip(IMAGE); });
     step("Stream live, then watch the recording become the video's file",
          [this] { return liveStream(); });
+    step("Record 3 s from the virtual camera, upload it with its default cover, read it back",
+         [this] { return recordVideo(); });
     step("Show an image in the window", [this] { return showImage(); });
     step("Record 2 s of audio from the virtual microphone, upload it, read it back",
          [this] { return recordAudio(); });
@@ -126,6 +130,79 @@ class DemoRun {
     start([&answer](Answer value) { answer = std::move(value); });
     nembra_.mainQueue().runUntil([&] { return answer.has_value(); }, timeout);
     return answer;
+  }
+
+  // The camera recorder on the virtual camera and microphone, with no screen: it starts at once,
+  // stops itself after 3 s and uploads at once with the middle frame as cover.
+  bool recordVideo() {
+    const RecorderConfig saved = nembra_.recorderConfig();
+    RecorderConfig& config = nembra_.recorderConfig();
+    config.setStartDelay(0);
+    config.setMaxDuration(3);
+    config.setShouldSendImmediately(true);
+    config.setVideoQuality(QUALITY_LOW);
+    std::optional<std::string> file;
+    std::optional<std::pair<std::optional<Json>, OptionalError>> uploaded;
+    std::shared_ptr<NembraRecorder> recorder;
+    RecorderScreens::install(std::make_shared<RecorderModuleScreens>(
+        [&](RecorderEnvironment& env) {
+          env.capture.camera = "lavfi";
+          env.capture.microphone = "lavfi";
+          auto create = env.createVideo;
+          env.createVideo = [&, create](const Json& data, const std::string& path,
+                                        StillImagePtr cover,
+                                        RecorderEnvironment::UploadCallback done) {
+            file = path;
+            std::cout << "    recorded " << path << ", cover " << (cover ? cover->width : 0)
+                      << " x " << (cover ? cover->height : 0) << "\n";
+            create(data, path, cover,
+                   [&, done](const std::optional<Json>& json, const OptionalError& error) {
+                     if (done) done(json, error);
+                     nembra_.mainQueue().async([&, json, error] { uploaded.emplace(json, error); });
+                   });
+          };
+        },
+        [&](const std::shared_ptr<NembraRecorder>& made) { recorder = made; }));
+    HeadlessUi ui;
+    auto presenter = std::make_shared<ScreenPresenter>(ui, nembra_.mainQueue());
+    nembra_.setScreenPresenter(presenter);
+    nembra_.record();
+    nembra_.mainQueue().runUntil(
+        [&] { return recorder && recorder->state() != RecorderState::Configuring; },
+        std::chrono::seconds(20));
+    bool started = recorder && recorder->state() == RecorderState::Idle;
+    if (started) recorder->toggleMovieRecording();
+    nembra_.mainQueue().runUntil([&] { return uploaded.has_value(); }, std::chrono::seconds(90));
+    presenter->dismissAll();
+    nembra_.mainQueue().runUntilIdle();
+    nembra_.setRecorderConfig(saved);
+    recorder.reset();
+    if (!started || !uploaded) {
+      std::cout << "    " << (!started ? "the recorder did not start" : "nothing was uploaded")
+                << "\n";
+      return false;
+    }
+    if (uploaded->second) {
+      std::cout << "    upload failed: " << uploaded->second->message << "\n";
+      return false;
+    }
+    std::string token;
+    if (uploaded->first && uploaded->first->is_object() && uploaded->first->contains("token")) {
+      token = (*uploaded->first)["token"].get<std::string>();
+    }
+    auto video = awaitOnMainQueue<std::pair<Video, int>>([&](auto done) {
+      nembra_.videos().get(
+          token, Json::object(),
+          [done](const Video& v, const HttpResponse& response, const OptionalError&) {
+            done({v, response.status});
+          });
+    });
+    if (!video || video->second != 200 || video->first.token != token) {
+      std::cout << "    video " << token << " could not be read back\n";
+      return false;
+    }
+    std::cout << "    uploaded as video " << token << " and read back\n";
+    return true;
   }
 
   // Opens the image viewer on a sample picture in a window for a moment and reads the window

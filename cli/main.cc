@@ -23,7 +23,9 @@ int main(int argc, char** argv) {
   // (`nembra videos list --json`).
   app.fallthrough();
 
-  app.add_option("--token", options.token, "Application token")->envname("NEMBRA_TOKEN");
+  app.add_option("--token", options.token, "Application token")
+      ->envname("NEMBRA_TOKEN")
+      ->check(nembra::tokenValidator("application token"));
   app.add_option("--server", options.server,
                  "Base URL of one server for everything: API at URL, dev API at URL/embed, CDN "
                  "at URL/cdn, files at URL/files, RTMP at rtmp://HOST:1935/record/_definst_")
@@ -51,6 +53,7 @@ int main(int argc, char** argv) {
   nembra::registerShowCommands(app, context, exitCode);
   nembra::registerRecordAudioCommand(app, context, exitCode);
   nembra::registerRecordScreenCommands(app, context, exitCode);
+  nembra::registerRecordCommand(app, context, exitCode);
 #ifdef NEMBRA_HAVE_SERVICE
   nembra::registerServeCommand(app, context, exitCode);
 #endif

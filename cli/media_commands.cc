@@ -10,6 +10,7 @@
 #include <iostream>
 #include <sstream>
 
+#include "api/media_token.h"
 #include "cli/cli_context.h"
 #include "nembra/application.h"
 #include "nembra/audio.h"
@@ -280,6 +281,12 @@ class ResourceCommands {
     auto* address = group->add_subcommand("url", urlHelp);
     address->add_option("TOKEN", args->token)->required();
     address->callback([this, args, url, &exitCode] {
+      if (auto error =
+              MediaToken::check(args->token, std::string(mediaTypeName(type_)) + " token")) {
+        std::cerr << "nembra " << group_->get_name() << " url: " << error->message << "\n";
+        exitCode = 2;
+        return;
+      }
       std::cout << url(args->token) << "\n";
       exitCode = 0;
     });

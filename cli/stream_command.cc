@@ -32,6 +32,7 @@ struct StreamOptions {
   int fps = 0;
   std::string bitrate;
   bool asFastAsPossible = false;
+  bool reencode = false;
 };
 
 // Set by SIGINT / SIGTERM; the status loop turns it into a stop.
@@ -115,6 +116,8 @@ std::unique_ptr<MediaSource> openSource(const StreamOptions& options, int width,
                                    options.fps > 0 ? options.fps : 30, failure);
   } else if (options.source.rfind("/dev/video", 0) == 0) {
     source = openCameraSource(options.source, width, height, options.fps, failure);
+  } else if (options.reencode) {
+    source = openDecodedFileSource(options.source, failure);
   } else {
     source = openMediaFileSource(options.source, failure);
   }
@@ -164,6 +167,14 @@ int runStream(const StreamOptions& options, CliContext& context) {
     return 1;
   }
   const std::string description = source->info().description;
+  if (source->info().videoReordered) {
+    // Said before anything is sent: FLV carries no composition time here, so such a file
+    // plays with its frames in decode order.
+    std::cerr << "warning: " << options.source
+              << " has B-frames (frames stored out of display order); passed through, they play "
+                 "out of order. Give --reencode to send it through the encoder, which makes "
+                 "none.\n";
+  }
 
   interruptSignal = 0;
   auto previousInt = std::signal(SIGINT, onInterrupt);
@@ -258,6 +269,9 @@ void registerStreamCommand(CLI::App& app, CliContext& context, int& exitCode) {
                       "Video bitrate of encoded video, e.g. 2500k (default 2.5M)");
   command->add_flag("--as-fast-as-possible", options->asFastAsPossible,
                     "Send without real-time pacing (benchmarks)");
+  command->add_flag("--reencode", options->reencode,
+                    "Decode a media file and encode it again (H.264 without B-frames, AAC) "
+                    "instead of passing its samples through");
   command->callback([options, &context, &exitCode] { exitCode = runStream(*options, context); });
 }
 

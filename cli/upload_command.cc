@@ -11,6 +11,7 @@
 #include <CLI/CLI.hpp>
 #include <deque>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <map>
 
@@ -67,20 +68,59 @@ int typeCode(const std::string& name) {
   return 0;
 }
 
-// A name for the SDK's copy in the temporary directory that keeps the extension.
+// The SDK's link or copy of a file sits alone in a directory of the temporary directory, under
+// the file's own name, beside a note of the user's path: a later `--resume` shows and reports
+// the user's file, not the SDK's.
+constexpr const char* kSourceNote = ".source";
+
 std::string handOverPath(const std::string& source, size_t index) {
   return FileSystem::shared().temporaryDirectory() + "/upload-" + std::to_string(::getpid()) + "-" +
-         std::to_string(index) + "-" + fs::path(source).filename().string();
+         std::to_string(index) + "/" + fs::path(source).filename().string();
+}
+
+// The user's path noted beside |handed|, or |handed| itself when there is no note.
+std::string sourceOf(const std::string& handed) {
+  std::ifstream note(fs::path(handed).parent_path() / kSourceNote);
+  std::string source;
+  if (note && std::getline(note, source) && !source.empty()) return source;
+  return handed;
+}
+
+// Removes the SDK's link or copy and its directory (only a directory holding a note is ours).
+void dropHandOver(const std::string& handed) {
+  std::error_code ec;
+  fs::path directory = fs::path(handed).parent_path();
+  if (!fs::exists(directory / kSourceNote, ec)) {
+    fs::remove(handed, ec);
+    return;
+  }
+  fs::remove_all(directory, ec);
 }
 
 // Links (or copies) |source| for the SDK; an error text when neither works.
 std::string handOver(const std::string& source, const std::string& target) {
   std::error_code ec;
-  fs::remove(target, ec);
+  fs::path directory = fs::path(target).parent_path();
+  fs::remove_all(directory, ec);
+  fs::create_directories(directory, ec);
+  std::ofstream(directory / kSourceNote) << fs::absolute(source, ec).string() << "\n";
   fs::create_hard_link(source, target, ec);
   if (!ec) return "";
   fs::copy_file(source, target, fs::copy_options::overwrite_existing, ec);
-  return ec ? "cannot prepare " + source + " for upload: " + ec.message() : "";
+  if (!ec) return "";
+  dropHandOver(target);
+  return "cannot prepare " + source + " for upload: " + ec.message();
+}
+
+// What went wrong with a confirm, or "" when the upload is finished: a confirm already taken
+// (its first answer died with an earlier run) finishes it as well as a fresh one.
+std::string confirmFailure(const std::optional<Json>& json, const HttpResponse& response,
+                           const OptionalError& error) {
+  OptionalError failure = error;
+  if (!failure && !ReplyStatus::isAlreadyConfirmed(response, json)) {
+    failure = ReplyStatus::check("the confirm request", response, json);
+  }
+  return failure ? "the service did not confirm the upload: " + failure->message : "";
 }
 
 class UploadRun {
@@ -153,10 +193,12 @@ class UploadRun {
                                             : typeCode(arguments_.type);
       upload.line = board_.add(fs::path(upload.source).filename().string());
       std::error_code ec;
-      if (upload.type == 0) {
-        upload.error = "cannot tell the media type from the extension; give --type";
+      if (fs::is_directory(upload.source, ec)) {
+        upload.error = "is a directory; give the files in it";
       } else if (!fs::is_regular_file(upload.source, ec)) {
         upload.error = fs::exists(upload.source, ec) ? "not a regular file" : "no such file";
+      } else if (upload.type == 0) {
+        upload.error = "cannot tell the media type from the extension; give --type";
       } else if (arguments_.removeSource) {
         upload.handed = upload.source;
       } else {
@@ -189,11 +231,16 @@ class UploadRun {
       }
     }
     board_.finish(upload.line, error.empty() ? "done" : "failed");
-    // A file the service never confirmed is the SDK's no longer: the link goes, the source stays.
-    if (!error.empty() && !arguments_.removeSource && !upload.handed.empty() &&
-        !nembra_.uploadingHandler().isUploading(upload.handed) && !keptForResume(upload)) {
-      std::error_code ec;
-      fs::remove(upload.handed, ec);
+  }
+
+  // Once the handler is done with them: the SDK's link or copy of a confirmed file, and of one
+  // that failed for good, goes (the user's own file stays); one kept for `--resume` stays.
+  void dropHandOvers() {
+    for (const FileUpload& upload : uploads_) {
+      if (upload.handed.empty() || upload.handed == upload.source) continue;
+      if (nembra_.uploadingHandler().isUploading(upload.handed)) continue;
+      if (!upload.error.empty() && keptForResume(upload)) continue;
+      dropHandOver(upload.handed);
     }
   }
 
@@ -221,10 +268,7 @@ class UploadRun {
         },
         [this, target](const std::optional<Json>& json, const HttpResponse& response,
                        const OptionalError& e) {
-          OptionalError failure = e;
-          if (!failure) failure = ReplyStatus::check("the confirm request", response, json);
-          end(*target,
-              failure ? "the service did not confirm the upload: " + failure->message : "");
+          end(*target, confirmFailure(json, response, e));
         });
   }
 
@@ -252,9 +296,7 @@ class UploadRun {
       FileUpload* found = find(path);
       FileUpload& upload = found ? *found : trackResumed(path);
       upload.token = token;
-      OptionalError failure = error;
-      if (!failure) failure = ReplyStatus::check("the confirm request", response, json);
-      end(upload, failure ? "the service did not confirm the upload: " + failure->message : "");
+      end(upload, confirmFailure(json, response, error));
     };
     // Names no file: whichever upload the handler no longer runs is the one that failed.
     delegate_->errorWithInfo = [this](const std::optional<Json>&, const Error& error,
@@ -280,10 +322,10 @@ class UploadRun {
   FileUpload& trackResumed(const std::string& path) {
     if (FileUpload* upload = find(path)) return *upload;
     FileUpload upload;
-    upload.source = path;
+    upload.source = sourceOf(path);
     upload.handed = path;
     upload.begun = true;
-    upload.line = board_.add(fs::path(path).filename().string());
+    upload.line = board_.add(fs::path(upload.source).filename().string());
     uploads_.push_back(std::move(upload));
     return uploads_.back();
   }
@@ -313,6 +355,7 @@ class UploadRun {
   }
 
   int report() {
+    dropHandOvers();
     if (notified_) {
       // The failure notification is delivered a second after it is posted.
       nembra_.mainQueue().runUntil([] { return false; }, std::chrono::milliseconds(1300));

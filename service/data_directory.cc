@@ -27,15 +27,24 @@ OptionalError DataDirectory::prepare() const {
   return std::nullopt;
 }
 
+namespace {
+
+// Callers check their tokens first; this is the last line: a name no token can have, so that a
+// token with "../" or a slash that slipped through names nothing outside its directory.
+std::string pathPiece(const std::string& token) { return isSafeToken(token) ? token : "%refused"; }
+
+}  // namespace
+
 std::string DataDirectory::mediaDirectory(const std::string& application, MediaKind kind,
                                           const std::string& media) const {
-  return root_ + "/media/" + application + "/" + mediaKindCollection(kind) + "/" + media;
+  return root_ + "/media/" + pathPiece(application) + "/" + mediaKindCollection(kind) + "/" +
+         pathPiece(media);
 }
 
 std::string DataDirectory::streamDirectory(const std::string& application, MediaKind kind,
                                            const std::string& media,
                                            const std::string& stream) const {
-  return mediaDirectory(application, kind, media) + "/" + stream;
+  return mediaDirectory(application, kind, media) + "/" + pathPiece(stream);
 }
 
 std::string DataDirectory::streamFile(const std::string& application, MediaKind kind,

@@ -42,7 +42,7 @@ void HostlessRoutes::createSession(RestRequest& request) {
   // The session request carries nothing; whatever body comes is read and dropped.
   auto body = request.readBody(options_.maxBodyBytes);
   if (!body) return ServiceReply::error(request.response, body.error());
-  auto token = gate_.sessions().createSession();
+  auto token = gate_.sessions().createSession(request.http.remote_addr);
   if (!token) return ServiceReply::error(request.response, token.error());
   Json reply;
   reply["token"] = *token;

@@ -5,10 +5,12 @@
 namespace nembra {
 
 HttpBodyReader::HttpBodyReader(SocketStream& stream, const HttpRequestHead& head,
-                               std::chrono::milliseconds timeout, size_t blockBytes)
+                               BodyPaceLimits pace, std::chrono::milliseconds writeTimeout,
+                               size_t blockBytes)
     : stream_(stream),
       head_(head),
-      timeout_(timeout),
+      pace_(pace),
+      writeTimeout_(writeTimeout),
       blockBytes_(std::max<size_t>(blockBytes, 1)) {
   finished_ = head_.body == HttpRequestHead::Body::None;
 }
@@ -16,16 +18,24 @@ HttpBodyReader::HttpBodyReader(SocketStream& stream, const HttpRequestHead& head
 bool HttpBodyReader::more() {
   if (head_.expectContinue && !continueSent_) {
     continueSent_ = true;
-    if (!stream_.send("HTTP/1.1 100 Continue\r\n\r\n", timeout_)) {
+    if (!stream_.send("HTTP/1.1 100 Continue\r\n\r\n", writeTimeout_)) {
       error_ = "the connection broke";
       return false;
     }
   }
-  switch (stream_.fill(timeout_, blockBytes_)) {
+  auto wait = pace_.nextWait();
+  auto before = std::chrono::steady_clock::now();
+  auto read = wait.count() > 0 ? stream_.fill(wait, blockBytes_) : SocketStream::Read::TimedOut;
+  size_t got = read == SocketStream::Read::Data ? stream_.buffered().size() : 0;
+  pace_.record(std::chrono::duration_cast<std::chrono::milliseconds>(
+                   std::chrono::steady_clock::now() - before),
+               got);
+  switch (read) {
     case SocketStream::Read::Data:
       return true;
     case SocketStream::Read::TimedOut:
-      error_ = "the client sent nothing for " + std::to_string(timeout_.count() / 1000) + " s";
+      timedOut_ = true;
+      error_ = "the client sent the body too slowly";
       return false;
     case SocketStream::Read::Full:
       error_ = "the body's framing overflows the receive buffer";

@@ -1,7 +1,8 @@
 // Reads one request's body off its connection, as its head frames it (Content-Length or
 // chunked), and hands it on in the blocks the socket delivered: no copy between the socket's
 // buffer and the receiver. Sends "100 Continue" before the first read when the client waits
-// for it, so a request refused before its body is read never has the body sent at all.
+// for it, so a request refused before its body is read never has the body sent at all. The body
+// must keep BodyPace's minimum rate.
 //
 // Threading: on the thread serving the connection.
 #pragma once
@@ -12,6 +13,7 @@
 #include <functional>
 #include <string>
 
+#include "service/body_pace.h"
 #include "service/chunked_body_decoder.h"
 #include "service/http_head_parser.h"
 #include "service/socket_stream.h"
@@ -24,9 +26,10 @@ class HttpBodyReader {
   using Receiver = std::function<bool(const char* data, size_t size)>;
 
   // |blockBytes| caps each read from the socket (smaller blocks pace a throttled transfer more
-  // evenly).
-  HttpBodyReader(SocketStream& stream, const HttpRequestHead& head,
-                 std::chrono::milliseconds timeout, size_t blockBytes = SocketStream::kBufferBytes);
+  // evenly); |writeTimeout| bounds sending "100 Continue".
+  HttpBodyReader(SocketStream& stream, const HttpRequestHead& head, BodyPaceLimits pace,
+                 std::chrono::milliseconds writeTimeout,
+                 size_t blockBytes = SocketStream::kBufferBytes);
 
   // Reads the body to its end; true when all of it went to |receiver|. False when the receiver
   // stopped, the client went away or stalled, or the chunked framing is broken (error()).
@@ -37,6 +40,8 @@ class HttpBodyReader {
   // Whether "100 Continue" went out: the client is sending the body since.
   bool continueSent() const { return continueSent_; }
   const std::string& error() const { return error_; }
+  // Whether reading stopped because the client fell behind the pace or stalled.
+  bool timedOut() const { return timedOut_; }
 
  private:
   bool readLength(const Receiver& receiver);
@@ -46,10 +51,12 @@ class HttpBodyReader {
 
   SocketStream& stream_;
   const HttpRequestHead& head_;
-  const std::chrono::milliseconds timeout_;
+  BodyPace pace_;
+  const std::chrono::milliseconds writeTimeout_;
   const size_t blockBytes_;
   bool continueSent_ = false;
   bool finished_ = false;
+  bool timedOut_ = false;
   std::string error_;
 };
 

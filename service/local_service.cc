@@ -1,7 +1,6 @@
 #include "service/local_service.h"
 
 #include <httplib.h>
-#include <sys/socket.h>
 
 #include <chrono>
 #include <cstdio>
@@ -14,11 +13,11 @@
 #include "platform/media/media_probe.h"
 #include "platform/media/media_remuxer.h"
 #include "platform/net/tcp_listener.h"
+#include "service/api_http_server.h"
 #include "service/cdn_file_server.h"
 #include "service/data_directory.h"
 #include "service/fault_injection.h"
 #include "service/hostless_routes.h"
-#include "service/http_worker_pool.h"
 #include "service/media_analyzer.h"
 #include "service/media_library.h"
 #include "service/media_routes.h"
@@ -102,7 +101,9 @@ OptionalError LocalService::open() {
   credentials.accessKeyId = "NMBR" + toHex(sha256(secret)).substr(0, 16);
   for (auto& c : credentials.accessKeyId) c = static_cast<char>(std::toupper(c));
 
-  sessions_ = std::make_unique<SessionRegistry>(*store_, options_.tokens);
+  sessions_ = std::make_unique<SessionRegistry>(
+      *store_, options_.tokens,
+      SessionLimits{options_.sessionLifetimeSeconds, options_.sessionsPerMinute});
   analyzer_ = std::make_unique<MediaAnalyzer>(makeMediaProbe(), makeFrameGrabber());
   std::string base = options_.publicBaseUrl(port_);
   std::string storageUrl = options_.publicBaseUrl(storagePort_) + "/storage/" + kBucket;
@@ -150,13 +151,6 @@ OptionalError LocalService::open() {
 
 void LocalService::installServer() {
   httplib::Server& server = *server_;
-  size_t threads = static_cast<size_t>(std::max(1, options_.httpThreads));
-  server.new_task_queue = [threads] { return new HttpWorkerPool("nembra.http", threads); };
-  server.set_keep_alive_max_count(10000);
-  // Idle keep-alive connections hold a worker each and delay a stop by up to this long.
-  server.set_keep_alive_timeout(2);
-  server.set_read_timeout(60);
-  server.set_write_timeout(60);
 
   server.set_pre_routing_handler(
       [this](const httplib::Request& request, httplib::Response& response) {
@@ -224,56 +218,29 @@ void LocalService::installServer() {
 
 OptionalError LocalService::start() {
   if (server_) return Error::invalidArgument("the service is already running");
-  server_ = std::make_unique<httplib::Server>();
-  // The server library's default also sets SO_REUSEPORT, which lets a second service bind the
-  // same port and silently take half its connections. Only SO_REUSEADDR is wanted: a restart
-  // must not wait for the old connections' TIME_WAIT.
-  //
-  // The socket is kept to raise the backlog the server library listens with (5, compiled into
-  // it) once it is bound: a burst of connections would overflow that and wait seconds for the
-  // clients' SYN retries. The last socket it tried is the one it bound.
-  listenSocket_ = -1;
-  server_->set_socket_options([this](socket_t socket) {
-    int yes = 1;
-    ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
-    listenSocket_ = socket;
-  });
-  server_->set_tcp_nodelay(true);  // before binding: accepted sockets inherit it
-  if (options_.port == 0) {
-    port_ = server_->bind_to_any_port(options_.host);
-  } else {
-    port_ = server_->bind_to_port(options_.host, options_.port) ? options_.port : -1;
-  }
-  if (port_ <= 0) {
-    server_.reset();
-    return Error::transport("cannot listen on " + options_.host + ":" +
-                            std::to_string(options_.port) + " (in use, or not an address here)");
-  }
-  // Linux takes a new backlog for a socket that listens already.
-  if (listenSocket_ >= 0) ::listen(listenSocket_, SOMAXCONN);
   OptionalError listenError;
+  std::unique_ptr<TcpListener> apiListener =
+      TcpListener::open(options_.host, options_.port, listenError);
+  if (!apiListener) return listenError;
+  port_ = apiListener->port();
   std::unique_ptr<TcpListener> storageListener =
       TcpListener::open(options_.host, options_.storagePort, listenError);
-  if (!storageListener) {
-    server_.reset();
-    return listenError;
-  }
+  if (!storageListener) return listenError;
   storagePort_ = storageListener->port();
   if (auto error = open()) {
     ingest_.reset();
-    server_.reset();
     return error;
   }
+  server_ = std::make_unique<ApiHttpServer>(options_.connectionLimits());
   installServer();
-  size_t threads = static_cast<size_t>(std::max(1, options_.httpThreads));
-  storageServer_ = std::make_unique<StorageServer>(*storage_, *faults_, threads);
-  storageServer_->start(std::move(storageListener));
-  listener_ = std::thread([this] {
-    setCurrentThreadName("com.nembra.service.listen");
-    server_->listen_after_bind();
-  });
-  // A stop() before the listener has started would be lost; start() returns once it serves.
-  while (!server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  storageServer_ =
+      std::make_unique<StorageServer>(*storage_, *faults_, options_.connectionLimits());
+  if (!server_->start(std::move(apiListener)) ||
+      !storageServer_->start(std::move(storageListener))) {
+    stop();
+    server_.reset();
+    return Error::transport("cannot watch connections: the system has no poller to give");
+  }
   return std::nullopt;
 }
 
@@ -282,7 +249,6 @@ void LocalService::stop() {
   if (ingest_) ingest_->stop();
   if (storageServer_) storageServer_->stop();
   if (server_) server_->stop();
-  if (listener_.joinable()) listener_.join();
 }
 
 }  // namespace nembra

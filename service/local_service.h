@@ -4,10 +4,10 @@
 // the RTMP ingest beside them when asked for and installed. Everything lives under the data
 // directory and survives restarts.
 //
-// Threading: construct, start() and stop() from one owner thread. Requests are served on the
-// HTTP worker threads "nembra.http.N", the listener on "com.nembra.service.listen"; storage
-// uploads on "storage.conn.N", their listener on "com.nembra.storage.listen". The log callback
-// may be called from any of them.
+// Threading: construct, start() and stop() from one owner thread. API requests are served on
+// "nembra.http.N" (heads read on "nembra.http.heads", accepted on "nembra.http.listen"); storage
+// uploads on "storage.conn.N" (and "storage.conn.heads", "storage.conn.listen"). The log
+// callback may be called from any of them.
 #pragma once
 
 #include <functional>
@@ -19,12 +19,9 @@
 #include "service/media_json.h"
 #include "service/service_options.h"
 
-namespace httplib {
-class Server;
-}
-
 namespace nembra {
 
+class ApiHttpServer;
 class CdnFileServer;
 class DataDirectory;
 class FaultInjection;
@@ -78,7 +75,6 @@ class LocalService {
   std::string dataDir_;
   int port_ = 0;
   int storagePort_ = 0;
-  int listenSocket_ = -1;  // the API server's, while start() binds it
 
   std::unique_ptr<DataDirectory> directory_;
   std::unique_ptr<MediaStore> store_;
@@ -98,8 +94,7 @@ class LocalService {
   std::unique_ptr<StorageUploadReceiver> storage_;
   std::unique_ptr<RtmpIngest> ingest_;
   std::unique_ptr<RouteTable> routes_;
-  std::unique_ptr<httplib::Server> server_;
-  std::thread listener_;
+  std::unique_ptr<ApiHttpServer> server_;
   std::unique_ptr<StorageServer> storageServer_;
 };
 

@@ -1,6 +1,7 @@
 #include "service/media_analyzer.h"
 
 #include <fstream>
+#include <set>
 
 namespace nembra {
 
@@ -16,6 +17,16 @@ Result<MediaFacts> MediaAnalyzer::analyze(const std::string& path, MediaKind kin
   }
   if (kind == MediaKind::Image && !probed.hasVideo) {
     return Error::media("the file is not a picture (found " + probed.container + ")");
+  }
+  // A picture is one still frame: a file that runs for a while in a moving-picture codec, or
+  // has sound, is a video whatever it was uploaded as.
+  static const std::set<std::string> kStillCodecs = {"mjpeg", "png",  "gif",      "webp",
+                                                     "bmp",   "tiff", "jpeg2000", "apng"};
+  if (kind == MediaKind::Image &&
+      (probed.hasAudio || (probed.duration > 0 && !kStillCodecs.count(probed.videoCodec)))) {
+    return Error::media("the file is a video (" +
+                        (probed.videoCodec.empty() ? probed.container : probed.videoCodec) +
+                        "), not a picture: upload it as a video");
   }
   MediaFacts facts;
   facts.width = probed.width;

@@ -123,6 +123,14 @@ Result<MediaView> MediaLibrary::create(const RequestAuth& auth, MediaKind kind,
   auto attributes = MediaAttributes::applyToMedia(kind, nlohmann::json::object(), params);
   if (!attributes) return attributes.error();
   int64_t now = unixNow();
+  // Every new upload may leave one more abandoned: they are swept as they come, at most once a
+  // minute (or once a lifetime, when that is shorter).
+  int64_t last = lastAbandonedSweep_.load();
+  int64_t interval = std::min<int64_t>(60, options_.unconfirmedVideoLifetimeSeconds);
+  if (firstStream == StreamOrigin::Upload && now - last >= interval &&
+      lastAbandonedSweep_.compare_exchange_strong(last, now)) {
+    if (auto swept = removeAbandonedUploads(now); !swept) return swept.error();
+  }
   MediaView view;
   view.media.token = generatedToken(kind);
   view.media.application = auth.application;
@@ -185,6 +193,23 @@ Result<MediaView> MediaLibrary::remove(const std::string& application, MediaKind
   std::error_code ignored;
   fs::remove_all(directory_.mediaDirectory(application, kind, media), ignored);
   return result;
+}
+
+Result<int64_t> MediaLibrary::removeAbandonedUploads(int64_t now) {
+  // In batches: a sweep never holds the store for long.
+  constexpr int64_t kBatch = 100;
+  int64_t removed = 0;
+  for (;;) {
+    auto abandoned =
+        store_.abandonedUploads(now - options_.unconfirmedVideoLifetimeSeconds, kBatch);
+    if (!abandoned) return abandoned.error();
+    for (const auto& media : *abandoned) {
+      auto gone = remove(media.application, media.kind, media.token);
+      if (!gone) return gone.error();
+      ++removed;
+    }
+    if (static_cast<int64_t>(abandoned->size()) < kBatch) return removed;
+  }
 }
 
 Result<StreamRecord> MediaLibrary::createStream(const std::string& application, MediaKind kind,

@@ -13,6 +13,7 @@
 // run outside it.
 #pragma once
 
+#include <atomic>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -58,6 +59,10 @@ class MediaLibrary {
   Result<MediaView> update(const std::string& application, MediaKind kind, const std::string& media,
                            const FormParams& params);
   // The media as it was; its files are gone.
+  // Removes the media created for an upload whose file never came, once they are older than
+  // the options' unconfirmedVideoLifetimeSeconds; how many went. A client resuming such an
+  // upload within that time reuses its media.
+  Result<int64_t> removeAbandonedUploads(int64_t now);
   Result<MediaView> remove(const std::string& application, MediaKind kind,
                            const std::string& media);
 
@@ -123,6 +128,7 @@ class MediaLibrary {
   const MediaAnalyzer& analyzer_;
   const StoragePolicySigner& signer_;
   const ServiceOptions& options_;
+  std::atomic<int64_t> lastAbandonedSweep_{0};  // Unix seconds
 };
 
 }  // namespace nembra

@@ -286,6 +286,47 @@ TEST_F(MediaLibraryTest, EverythingSurvivesReopeningTheStore) {
   EXPECT_EQ(status(library_->ticket(key + "x").error()), 403);
 }
 
+TEST_F(MediaLibraryTest, AVideoUploadedAsAnImageIsRefusedAsNotAPicture) {
+  auto image = library_->create(auth_, MediaKind::Image, FormParams(), StreamOrigin::Upload);
+  ASSERT_TRUE(image.ok());
+  const std::string m = image->media.token, s = image->streams[0].token;
+  auto refused = library_->attachFile("app", MediaKind::Image, m, s, upload("video 640 360 3"),
+                                      MediaLibrary::Unplayable::Refuse);
+  ASSERT_FALSE(refused.ok());
+  EXPECT_NE(refused.error().message.find("not a picture"), std::string::npos);
+
+  // Stored first and judged at the confirm, as the storage endpoint does.
+  ASSERT_TRUE(library_
+                  ->attachFile("app", MediaKind::Image, m, s, upload("video 640 360 3"),
+                               MediaLibrary::Unplayable::Keep)
+                  .ok());
+  auto confirmed = library_->confirm("app", MediaKind::Image, m, s);
+  EXPECT_EQ(status(confirmed.error()), 422);
+  EXPECT_NE(confirmed.error().message.find("a video"), std::string::npos);
+  ASSERT_TRUE(library_
+                  ->attachFile("app", MediaKind::Image, m, s, upload("picture 64 48"),
+                               MediaLibrary::Unplayable::Refuse)
+                  .ok());
+}
+
+TEST_F(MediaLibraryTest, UploadsWhoseFileNeverCameAreRemovedAfterTheirLifetime) {
+  options_.unconfirmedVideoLifetimeSeconds = 3600;
+  MediaView abandoned = createVideo(StreamOrigin::Upload);
+  MediaView recorded = createVideo(StreamOrigin::Recorder);
+  MediaView uploaded = createVideo(StreamOrigin::Upload);
+  ASSERT_TRUE(library_
+                  ->attachFile("app", MediaKind::Video, uploaded.media.token,
+                               uploaded.streams[0].token, upload("video 2 2 2"),
+                               MediaLibrary::Unplayable::Keep)
+                  .ok());
+  int64_t now = unixNow();
+  EXPECT_EQ(*library_->removeAbandonedUploads(now), 0);  // still within its lifetime
+  EXPECT_EQ(*library_->removeAbandonedUploads(now + 3601), 1);
+  EXPECT_EQ(status(library_->get("app", MediaKind::Video, abandoned.media.token).error()), 404);
+  EXPECT_TRUE(library_->get("app", MediaKind::Video, recorded.media.token).ok());
+  EXPECT_TRUE(library_->get("app", MediaKind::Video, uploaded.media.token).ok());
+}
+
 TEST_F(MediaLibraryTest, ExpiredUploadTicketsAreRefused) {
   options_.uploadUrlLifetimeSeconds = -10;
   MediaView video = createVideo(StreamOrigin::Upload);

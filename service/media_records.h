@@ -79,6 +79,7 @@ struct SessionRecord {
   int64_t created = 0;
   std::string clientAuth;
   std::string serverAuth;
+  int64_t lastUsed = 0;  // Unix seconds, recorded at a coarse grain
 };
 
 struct DebuggerEvent {

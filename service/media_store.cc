@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include "platform/http/http_time.h"
+
 namespace nembra {
 
 // A cached prepared statement in use: bound, stepped, then reset when it goes out of scope so
@@ -142,7 +144,7 @@ OptionalError MediaStore::migrate() {
                         "PRAGMA foreign_keys=ON;")) {
     return error;
   }
-  return exec(R"sql(
+  if (auto error = exec(R"sql(
     CREATE TABLE IF NOT EXISTS settings (
       name TEXT PRIMARY KEY, value TEXT NOT NULL);
     CREATE TABLE IF NOT EXISTS applications (
@@ -179,7 +181,18 @@ OptionalError MediaStore::migrate() {
       id INTEGER PRIMARY KEY AUTOINCREMENT, application TEXT NOT NULL,
       received INTEGER NOT NULL, payload TEXT NOT NULL, valid_json INTEGER NOT NULL);
     CREATE INDEX IF NOT EXISTS events_by_application ON events (application, id);
-  )sql");
+  )sql")) {
+    return error;
+  }
+  // Databases from before sessions expired: their sessions count as used now.
+  if (exec("ALTER TABLE sessions ADD COLUMN last_used INTEGER NOT NULL DEFAULT 0") ==
+      std::nullopt) {
+    if (auto error =
+            exec(("UPDATE sessions SET last_used = " + std::to_string(unixNow())).c_str())) {
+      return error;
+    }
+  }
+  return exec("CREATE INDEX IF NOT EXISTS sessions_by_last_use ON sessions (last_used)");
 }
 
 MediaStore::Statement MediaStore::prepare(const char* sql) {
@@ -254,14 +267,15 @@ Result<std::vector<std::string>> MediaStore::applications() {
 OptionalError MediaStore::insertSession(const SessionRecord& session) {
   std::lock_guard lock(mutex_);
   Statement query = prepare(
-      "INSERT INTO sessions (token, application, created, client_auth, server_auth) "
-      "VALUES (?, ?, ?, ?, ?)");
+      "INSERT INTO sessions (token, application, created, client_auth, server_auth, last_used) "
+      "VALUES (?, ?, ?, ?, ?, ?)");
   if (!query.valid()) return sqliteError("cannot prepare a statement");
   query.bind(1, session.token)
       .bind(2, session.application)
       .bind(3, session.created)
       .bind(4, session.clientAuth)
-      .bind(5, session.serverAuth);
+      .bind(5, session.serverAuth)
+      .bind(6, session.lastUsed);
   if (query.step() != SQLITE_DONE) return sqliteError("cannot store a session");
   return std::nullopt;
 }
@@ -269,7 +283,7 @@ OptionalError MediaStore::insertSession(const SessionRecord& session) {
 Result<std::optional<SessionRecord>> MediaStore::findSession(const std::string& token) {
   std::lock_guard lock(mutex_);
   Statement query = prepare(
-      "SELECT token, application, created, client_auth, server_auth FROM sessions "
+      "SELECT token, application, created, client_auth, server_auth, last_used FROM sessions "
       "WHERE token = ?");
   if (!query.valid()) return sqliteError("cannot prepare a statement");
   query.bind(1, token);
@@ -282,21 +296,32 @@ Result<std::optional<SessionRecord>> MediaStore::findSession(const std::string& 
   session.created = query.integer(2);
   session.clientAuth = query.text(3);
   session.serverAuth = query.text(4);
+  session.lastUsed = query.integer(5);
   return std::optional<SessionRecord>(std::move(session));
 }
 
 OptionalError MediaStore::updateSession(const SessionRecord& session) {
   std::lock_guard lock(mutex_);
   Statement query = prepare(
-      "UPDATE sessions SET application = ?, client_auth = ?, server_auth = ? "
+      "UPDATE sessions SET application = ?, client_auth = ?, server_auth = ?, last_used = ? "
       "WHERE token = ?");
   if (!query.valid()) return sqliteError("cannot prepare a statement");
   query.bind(1, session.application)
       .bind(2, session.clientAuth)
       .bind(3, session.serverAuth)
-      .bind(4, session.token);
+      .bind(4, session.lastUsed)
+      .bind(5, session.token);
   if (query.step() != SQLITE_DONE) return sqliteError("cannot update a session");
   return std::nullopt;
+}
+
+Result<int64_t> MediaStore::deleteSessionsUnusedSince(int64_t cutoff) {
+  std::lock_guard lock(mutex_);
+  Statement query = prepare("DELETE FROM sessions WHERE last_used < ?");
+  if (!query.valid()) return sqliteError("cannot prepare a statement");
+  query.bind(1, cutoff);
+  if (query.step() != SQLITE_DONE) return sqliteError("cannot remove expired sessions");
+  return static_cast<int64_t>(sqlite3_changes(db_));
 }
 
 OptionalError MediaStore::insertMedia(MediaRecord& media) {
@@ -347,6 +372,27 @@ Result<std::vector<MediaRecord>> MediaStore::listMedia(const std::string& applic
   int rc;
   while ((rc = query.step()) == SQLITE_ROW) list.push_back(readMedia(query));
   if (rc != SQLITE_DONE) return sqliteError("cannot list media");
+  return list;
+}
+
+Result<std::vector<MediaRecord>> MediaStore::abandonedUploads(int64_t createdBefore,
+                                                              int64_t limit) {
+  std::lock_guard lock(mutex_);
+  Statement query = prepare(
+      "SELECT seq, token, application, kind, created, updated, creation_session, "
+      "client_auth, server_auth, attributes FROM media m WHERE created < ? "
+      "AND EXISTS (SELECT 1 FROM streams s WHERE s.media = m.token) "
+      "AND NOT EXISTS (SELECT 1 FROM streams s WHERE s.media = m.token "
+      "AND (s.origin != ? OR s.state != ?)) ORDER BY seq LIMIT ?");
+  if (!query.valid()) return sqliteError("cannot prepare a statement");
+  query.bind(1, createdBefore)
+      .bind(2, static_cast<int64_t>(StreamOrigin::Upload))
+      .bind(3, static_cast<int64_t>(StreamState::Created))
+      .bind(4, limit);
+  std::vector<MediaRecord> list;
+  int rc;
+  while ((rc = query.step()) == SQLITE_ROW) list.push_back(readMedia(query));
+  if (rc != SQLITE_DONE) return sqliteError("cannot list abandoned uploads");
   return list;
 }
 

@@ -42,7 +42,9 @@ class MediaStore {
 
   OptionalError insertSession(const SessionRecord& session);
   Result<std::optional<SessionRecord>> findSession(const std::string& token);
-  OptionalError updateSession(const SessionRecord& session);
+  OptionalError updateSession(const SessionRecord& session);  // last use included
+  // Removes the sessions last used before |cutoff|; how many went.
+  Result<int64_t> deleteSessionsUnusedSince(int64_t cutoff);
 
   OptionalError insertMedia(MediaRecord& media);  // fills seq
   Result<std::optional<MediaRecord>> findMedia(const std::string& token);
@@ -50,6 +52,9 @@ class MediaStore {
   Result<std::vector<MediaRecord>> listMedia(const std::string& application, MediaKind kind,
                                              int64_t limit, int64_t offset);
   OptionalError updateMedia(const MediaRecord& media);
+  // Media created before |createdBefore| for an upload that never came: every stream of theirs
+  // is an upload stream still waiting for its file. At most |limit|.
+  Result<std::vector<MediaRecord>> abandonedUploads(int64_t createdBefore, int64_t limit);
   // Its streams and tickets go with it.
   OptionalError deleteMedia(const std::string& token);
 

@@ -1,5 +1,6 @@
 #include "service/service_options.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace nembra {
@@ -12,6 +13,17 @@ std::string ServiceOptions::publicHost() const {
 
 std::string ServiceOptions::publicBaseUrl(int boundPort) const {
   return "http://" + publicHost() + ":" + std::to_string(boundPort);
+}
+
+HttpConnectionLimits ServiceOptions::connectionLimits() const {
+  HttpConnectionLimits limits;
+  limits.workers = static_cast<size_t>(std::max(1, httpThreads));
+  limits.maxConnections = static_cast<size_t>(std::max(1, maxConnections));
+  limits.headTimeout = std::chrono::milliseconds(std::max(1, headTimeoutMs));
+  limits.idleTimeout = std::chrono::milliseconds(std::max(1, idleTimeoutMs));
+  limits.body.grace = std::chrono::milliseconds(std::max(0, bodyGraceMs));
+  limits.body.minBytesPerSecond = minBodyBytesPerSecond;
+  return limits;
 }
 
 std::string defaultDataDirectory() {

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "service/http_connection_server.h"
+
 namespace nembra {
 
 struct FaultOptions {
@@ -29,7 +31,23 @@ struct ServiceOptions {
   uint64_t maxUploadBytes = 8ull << 30;  // video and audio files
   int uploadUrlLifetimeSeconds = 3600;   // how long a signed storage form stays valid
   int cdnMaxAgeSeconds = 3600;           // Cache-Control max-age of media files
-  int httpThreads = 128;                 // most connections served at once
+  int httpThreads = 128;                 // most requests served at once, per port
+
+  // Slow clients: a request head must arrive whole within headTimeoutMs; a body may fall behind
+  // minBodyBytesPerSecond only for its first bodyGraceMs of waiting. Both answer 408.
+  int headTimeoutMs = 10000;
+  int idleTimeoutMs = 5000;  // an idle keep-alive connection is closed after this
+  int bodyGraceMs = 10000;
+  uint64_t minBodyBytesPerSecond = 1024;
+  int maxConnections = 400;  // open at once per port; more are closed at accept
+
+  int sessionLifetimeSeconds = 7 * 24 * 3600;  // a session unused this long expires
+  int sessionsPerMinute = 120;                 // new sessions per client address (429 beyond)
+  // A video created for an upload and never confirmed is removed after this long.
+  int unconfirmedVideoLifetimeSeconds = 24 * 3600;
+
+  // The connection limits both HTTP ports are served with.
+  HttpConnectionLimits connectionLimits() const;
 
   // "http://HOST:PORT" as clients should reach the service: a wildcard bind address is shown as
   // the loopback address.

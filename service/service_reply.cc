@@ -12,12 +12,24 @@ void ServiceReply::json(httplib::Response& response, int status,
                        "application/json; charset=utf-8");
 }
 
-void ServiceReply::error(httplib::Response& response, int status, const std::string& message) {
+namespace {
+
+nlohmann::ordered_json errorJson(int status, const std::string& message) {
   nlohmann::ordered_json body;
   body["status"] = status;
-  body["error"] = reasonPhrase(status);
+  body["error"] = ServiceReply::reasonPhrase(status);
   body["message"] = message;
-  json(response, status, body);
+  return body;
+}
+
+}  // namespace
+
+void ServiceReply::error(httplib::Response& response, int status, const std::string& message) {
+  json(response, status, errorJson(status, message));
+}
+
+std::string ServiceReply::errorBody(int status, const std::string& message) {
+  return errorJson(status, message).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 int ServiceReply::statusFor(const Error& error) {
@@ -80,6 +92,14 @@ std::string ServiceReply::xmlEscape(const std::string& text) {
 
 const char* ServiceReply::reasonPhrase(int status) {
   switch (status) {
+    case 200:
+      return "OK";
+    case 201:
+      return "Created";
+    case 204:
+      return "No Content";
+    case 206:
+      return "Partial Content";
     case 400:
       return "Bad Request";
     case 401:
@@ -90,24 +110,38 @@ const char* ServiceReply::reasonPhrase(int status) {
       return "Not Found";
     case 405:
       return "Method Not Allowed";
+    case 408:
+      return "Request Timeout";
     case 409:
       return "Conflict";
     case 411:
       return "Length Required";
     case 413:
       return "Payload Too Large";
+    case 414:
+      return "URI Too Long";
     case 415:
       return "Unsupported Media Type";
     case 416:
       return "Range Not Satisfiable";
+    case 417:
+      return "Expectation Failed";
     case 422:
       return "Unprocessable Entity";
+    case 429:
+      return "Too Many Requests";
+    case 431:
+      return "Request Header Fields Too Large";
     case 500:
       return "Internal Server Error";
+    case 501:
+      return "Not Implemented";
     case 503:
       return "Service Unavailable";
     case 504:
       return "Gateway Timeout";
+    case 505:
+      return "HTTP Version Not Supported";
     default:
       return "Error";
   }

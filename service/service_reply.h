@@ -17,6 +17,8 @@ class ServiceReply {
   static void json(httplib::Response& response, int status, const nlohmann::ordered_json& body);
   // {"status": 404, "error": "Not Found", "message": "…"}
   static void error(httplib::Response& response, int status, const std::string& message);
+  // The JSON document of error(), for answers written outside the HTTP library.
+  static std::string errorBody(int status, const std::string& message);
   // The status an Error stands for: Http errors carry theirs; bad arguments and unparsable input
   // are 400, unusable media 422, everything else 500.
   static void error(httplib::Response& response, const Error& error);

@@ -8,22 +8,65 @@
 
 namespace nembra {
 
-SessionRegistry::SessionRegistry(MediaStore& store, std::vector<std::string> allowedApplications)
-    : store_(store), allowed_(allowedApplications.begin(), allowedApplications.end()) {}
+namespace {
+
+// A session's last use is written at most this often: a busy client costs no write per request.
+constexpr int64_t kLastUseGrainSeconds = 60;
+constexpr int64_t kSweepIntervalSeconds = 60;
+
+}  // namespace
+
+SessionRegistry::SessionRegistry(MediaStore& store, std::vector<std::string> allowedApplications,
+                                 SessionLimits limits, Clock clock)
+    : store_(store),
+      allowed_(allowedApplications.begin(), allowedApplications.end()),
+      limits_(limits),
+      clock_(clock ? std::move(clock) : Clock(unixNow)) {}
 
 bool SessionRegistry::serves(const std::string& application) const {
   if (!isSafeToken(application)) return false;
   return allowed_.empty() || allowed_.count(application) > 0;
 }
 
-Result<std::string> SessionRegistry::createSession() {
+Result<std::string> SessionRegistry::createSession(const std::string& clientAddress) {
+  int64_t now = clock_();
+  {
+    std::lock_guard lock(mutex_);
+    if (auto error = sweep(now)) return *error;
+    if (limits_.perMinute > 0) {
+      double capacity = limits_.perMinute;
+      auto [bucket, fresh] = buckets_.try_emplace(clientAddress, Bucket{capacity, now});
+      bucket->second.tokens = std::min(
+          capacity, bucket->second.tokens + (now - bucket->second.updated) * capacity / 60.0);
+      bucket->second.updated = now;
+      if (bucket->second.tokens < 1) {
+        int64_t wait = static_cast<int64_t>((1 - bucket->second.tokens) * 60.0 / capacity) + 1;
+        return Error::http(429, "too many new sessions from this address; try again in " +
+                                    std::to_string(wait) + " s");
+      }
+      bucket->second.tokens -= 1;
+    }
+  }
   SessionRecord session;
   session.token = randomHex(32);
-  session.created = unixNow();
+  session.created = now;
+  session.lastUsed = now;
   if (auto error = store_.insertSession(session)) return *error;
   std::lock_guard lock(mutex_);
   sessions_[session.token] = session;
   return session.token;
+}
+
+OptionalError SessionRegistry::sweep(int64_t now) {
+  if (now - lastSweep_ < kSweepIntervalSeconds) return std::nullopt;
+  lastSweep_ = now;
+  int64_t cutoff = now - limits_.lifetimeSeconds;
+  auto removed = store_.deleteSessionsUnusedSince(cutoff);
+  if (!removed) return removed.error();
+  std::erase_if(sessions_, [&](const auto& entry) { return entry.second.lastUsed < cutoff; });
+  // A bucket untouched for a minute is full again: forgetting it changes nothing.
+  std::erase_if(buckets_, [&](const auto& entry) { return now - entry.second.updated >= 60; });
+  return std::nullopt;
 }
 
 Result<SessionRecord> SessionRegistry::lookup(const std::string& token) {
@@ -71,6 +114,12 @@ Result<RequestAuth> SessionRegistry::authenticate(const std::string& application
   }
   auto session = lookup(*token);
   if (!session) return session.error();
+  int64_t now = clock_();
+  if (now - session->lastUsed > limits_.lifetimeSeconds) {
+    std::lock_guard lock(mutex_);
+    sessions_.erase(session->token);
+    return Error::http(401, "the session has expired; POST /session for a new one");
+  }
 
   RequestAuth auth;
   auth.application = app;
@@ -88,10 +137,12 @@ Result<RequestAuth> SessionRegistry::authenticate(const std::string& application
   }
   bool changed = current.application.empty() ||
                  (!auth.clientAuth.empty() && auth.clientAuth != current.clientAuth) ||
-                 (!auth.serverAuth.empty() && auth.serverAuth != current.serverAuth);
+                 (!auth.serverAuth.empty() && auth.serverAuth != current.serverAuth) ||
+                 now - current.lastUsed >= kLastUseGrainSeconds;
   if (changed) {
     SessionRecord updated = current;
     updated.application = app;
+    updated.lastUsed = now;
     if (!auth.clientAuth.empty()) updated.clientAuth = auth.clientAuth;
     if (!auth.serverAuth.empty()) updated.serverAuth = auth.serverAuth;
     if (auto error = store_.updateSession(updated)) return *error;

@@ -27,13 +27,14 @@ class SessionRegistryTest : public ::testing::Test {
     for (const char* suffix : {"", "-wal", "-shm"}) fs::remove(path_.string() + suffix);
   }
 
-  void reopen(std::vector<std::string> allowed = {}) {
+  void reopen(std::vector<std::string> allowed = {}, SessionLimits limits = {}) {
     registry_.reset();
     store_.reset();
     auto store = MediaStore::open(path_.string());
     ASSERT_TRUE(store.ok());
     store_ = std::move(*store);
-    registry_ = std::make_unique<SessionRegistry>(*store_, std::move(allowed));
+    registry_ = std::make_unique<SessionRegistry>(*store_, std::move(allowed), limits,
+                                                  [this] { return now_; });
   }
 
   static FormParams params(std::initializer_list<std::pair<std::string, std::string>> pairs) {
@@ -48,6 +49,7 @@ class SessionRegistryTest : public ::testing::Test {
     return auth.error().code;
   }
 
+  int64_t now_ = 1'700'000'000;
   fs::path path_;
   std::unique_ptr<MediaStore> store_;
   std::unique_ptr<SessionRegistry> registry_;
@@ -112,6 +114,38 @@ TEST_F(SessionRegistryTest, RecordsAuthTokensAndTheApplication) {
   EXPECT_EQ((*stored)->clientAuth, "c1");
   EXPECT_EQ((*stored)->serverAuth, "s1");
   EXPECT_EQ(*store_->applications(), std::vector<std::string>{"app"});
+}
+
+TEST_F(SessionRegistryTest, UnusedSessionsExpireAndLeaveTheStore) {
+  reopen({}, SessionLimits{3600, 0});
+  std::string used = *registry_->createSession();
+  std::string idle = *registry_->createSession();
+  for (int hour = 0; hour < 3; ++hour) {
+    now_ += 1800;
+    EXPECT_EQ(refusal("app", params({{kPrefix + "app", used}})), 0) << hour;
+  }
+  EXPECT_EQ(refusal("app", params({{kPrefix + "app", idle}})), 401);
+  // Kept across a restart: the last use is in the store, not only in memory.
+  now_ += 1800;
+  reopen({}, SessionLimits{3600, 0});
+  EXPECT_EQ(refusal("app", params({{kPrefix + "app", used}})), 0);
+
+  // A later session creation clears the expired ones out of the database.
+  ASSERT_TRUE(registry_->createSession().ok());
+  EXPECT_FALSE(store_->findSession(idle)->has_value());
+  EXPECT_TRUE(store_->findSession(used)->has_value());
+}
+
+TEST_F(SessionRegistryTest, EachAddressMayOpenOnlySoManySessionsAMinute) {
+  reopen({}, SessionLimits{3600, 6});
+  for (int i = 0; i < 6; ++i) ASSERT_TRUE(registry_->createSession("10.0.0.1").ok()) << i;
+  auto refused = registry_->createSession("10.0.0.1");
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, 429);
+  EXPECT_TRUE(registry_->createSession("10.0.0.2").ok());  // other addresses are not held up
+  now_ += 10;                                              // one more every 10 s
+  EXPECT_TRUE(registry_->createSession("10.0.0.1").ok());
+  EXPECT_FALSE(registry_->createSession("10.0.0.1").ok());
 }
 
 }  // namespace

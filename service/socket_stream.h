@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "platform/net/tcp_socket.h"
@@ -48,8 +49,16 @@ class SocketStream {
   // so that closing does not reset the connection before the client has read the answer.
   void lingeringClose(size_t drainBytes, std::chrono::milliseconds timeout);
 
+  // Stops sending: the client reads the end of the answer; receiving goes on.
+  void shutdownSending() { socket_->shutdownSending(); }
+
   // Wakes a read or write blocked on the connection and fails the ones after it.
   void shutdown();
+
+  // The client's IP address; "" when unknown.
+  std::string peerAddress() const { return socket_->peerAddress(); }
+  // What a SocketPoller watches for this connection.
+  int pollHandle() const { return socket_->pollHandle(); }
 
  private:
   const std::unique_ptr<TcpSocket> socket_;

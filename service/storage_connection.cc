@@ -15,6 +15,8 @@ constexpr std::string_view kStoragePrefix = "/storage/";
 // The S3-style code of a head the parser refused.
 const char* headErrorCode(int status) {
   switch (status) {
+    case 408:
+      return "RequestTimeout";
     case 417:
       return "ExpectationFailed";
     case 431:
@@ -38,55 +40,31 @@ size_t blockBytesFor(const FaultOptions& faults) {
 }  // namespace
 
 StorageConnection::StorageConnection(SocketStream& stream, StorageUploadReceiver& receiver,
-                                     FaultInjection& faults, Timeouts timeouts)
-    : stream_(stream), receiver_(receiver), faults_(faults), timeouts_(timeouts) {}
+                                     FaultInjection& faults, const HttpConnectionLimits& limits)
+    : stream_(stream), receiver_(receiver), faults_(faults), limits_(limits) {}
 
-void StorageConnection::serve() {
-  for (;;) {
-    HttpRequestHead head;
-    if (!readHead(head)) return;
-    switch (handle(head)) {
-      case Next::KeepOpen:
-        continue;
-      case Next::Close:
-        return;
-      case Next::CloseAfterBody:
-        stream_.lingeringClose(RestRequest::kMaxDrainBytes, timeouts_.idle);
-        return;
-      case Next::Cut:
-        // Closing with the body unread resets the connection: the client sees the transfer
-        // break, not an answer it could read as a verdict.
-        stream_.shutdown();
-        return;
-    }
+HttpRequestHandler::After StorageConnection::serve(const HttpRequestHead& head) {
+  switch (handle(head)) {
+    case Next::KeepOpen:
+      return HttpRequestHandler::After::KeepOpen;
+    case Next::Close:
+      break;
+    case Next::CloseAfterBody:
+      stream_.lingeringClose(RestRequest::kMaxDrainBytes, limits_.idleTimeout);
+      break;
+    case Next::Cut:
+      // Closing with the body unread resets the connection: the client sees the transfer
+      // break, not an answer it could read as a verdict.
+      stream_.shutdown();
+      break;
   }
+  return HttpRequestHandler::After::Close;
 }
 
-bool StorageConnection::readHead(HttpRequestHead& head) {
-  HttpHeadParser parser;
-  for (;;) {
-    size_t consumed = 0;
-    switch (parser.parse(stream_.buffered(), head, consumed)) {
-      case HttpHeadParser::Status::Done:
-        stream_.consume(consumed);
-        return true;
-      case HttpHeadParser::Status::Failed: {
-        StorageError error{parser.errorStatus(), headErrorCode(parser.errorStatus()),
-                           "The request cannot be read: " + parser.error()};
-        sendAnswer(error.status, "Content-Type: application/xml\r\n",
-                   ServiceReply::storageErrorBody(error), true, nullptr);
-        stream_.lingeringClose(RestRequest::kMaxDrainBytes, timeouts_.idle);
-        return false;
-      }
-      case HttpHeadParser::Status::NeedMore:
-        break;
-    }
-    bool between = stream_.buffered().empty();
-    auto read = stream_.fill(between ? timeouts_.idle : timeouts_.read);
-    // A client that goes quiet or away between requests is no error; one that stops within a
-    // head gets no answer either: it would not be reading one.
-    if (read != SocketStream::Read::Data) return false;
-  }
+void StorageConnection::refuseHead(int status, const std::string& message) {
+  StorageError error{status, headErrorCode(status), "The request cannot be read: " + message};
+  sendAnswer(error.status, "Content-Type: application/xml\r\n",
+             ServiceReply::storageErrorBody(error), true, nullptr);
 }
 
 StorageConnection::Next StorageConnection::handle(const HttpRequestHead& head) {
@@ -115,7 +93,7 @@ StorageConnection::Next StorageConnection::handle(const HttpRequestHead& head) {
 
 StorageConnection::Next StorageConnection::post(const HttpRequestHead& head,
                                                 const std::string& bucket) {
-  HttpBodyReader body(stream_, head, timeouts_.read, blockBytesFor(faults_.options()));
+  HttpBodyReader body(stream_, head, limits_.body, limits_.write, blockBytesFor(faults_.options()));
   StoragePost request;
   request.bucket = bucket;
   request.contentType = head.header("content-type");
@@ -135,6 +113,13 @@ StorageConnection::Next StorageConnection::post(const HttpRequestHead& head,
       return keepOpen ? Next::KeepOpen : Next::Close;
     }
     case StorageVerdict::Kind::Refused: {
+      if (body.timedOut()) {
+        return refuse(head,
+                      {408, "RequestTimeout",
+                       "Your socket connection to the server was not read from or written to "
+                       "within the timeout period."},
+                      false);
+      }
       bool bodyComing = !body.finished() && (!head.expectContinue || body.continueSent());
       return refuse(head, verdict.error, bodyComing);
     }
@@ -172,7 +157,7 @@ bool StorageConnection::sendAnswer(int status, const std::string& headers, const
   }
   answer += "\r\n";
   answer += body;
-  return stream_.send(answer, timeouts_.write);
+  return stream_.send(answer, limits_.write);
 }
 
 }  // namespace nembra

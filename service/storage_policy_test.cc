@@ -140,6 +140,14 @@ INSTANTIATE_TEST_SUITE_P(
                    "AccessDenied"},
         TamperCase{"MissingSignature", [](Fields& f) { drop(f, "X-Amz-Signature"); }, 403,
                    "AccessDenied"},
+        TamperCase{"SignatureInUpperCaseHex",
+                   [](Fields& f) {
+                     for (auto& [name, value] : f) {
+                       if (name != "X-Amz-Signature") continue;
+                       for (char& c : value) c = static_cast<char>(std::toupper(c));
+                     }
+                   },
+                   403, "SignatureDoesNotMatch"},
         TamperCase{"MissingKey", [](Fields& f) { drop(f, "key"); }, 400, "InvalidArgument"},
         TamperCase{"DuplicateField", [](Fields& f) { f.emplace_back("KEY", "x"); }, 400,
                    "InvalidArgument"},

@@ -99,7 +99,8 @@ std::optional<StorageError> StoragePolicyVerifier::verify(
 
   const std::string& policyText = *field("policy");
   std::string expected = sigv4PolicySignature(credentials_, scope[1], policyText);
-  if (!constantTimeEquals(expected, asciiLower(*field("x-amz-signature")))) {
+  // Exactly as signed: lower-case hex, compared in constant time.
+  if (!constantTimeEquals(expected, *field("x-amz-signature"))) {
     return StorageError{403, "SignatureDoesNotMatch",
                         "The request signature we calculated does not match the signature you "
                         "provided. Check your key and signing method."};

@@ -1,56 +1,43 @@
-// The storage endpoint's own HTTP server, beside the API's: one accept thread hands each
-// connection to a thread of its pool, where a StorageConnection serves it. It serves nothing but
-// storage POSTs, and reads their bodies in large blocks straight into the upload receiver.
+// The storage endpoint's own HTTP server, beside the API's: it serves nothing but storage POSTs,
+// and reads their bodies in large blocks straight into the upload receiver. Connections, heads
+// and their deadlines are HttpConnectionServer's; each request is a StorageConnection's.
 //
-// Threading: start() and stop() from the owner thread. The accept thread is
-// "com.nembra.storage.listen", connections are served on "storage.conn.N".
+// Threading: start() and stop() from the owner thread. Threads are HttpConnectionServer's, named
+// "storage.conn" ("storage.conn.listen", "storage.conn.heads", requests on "storage.conn.N").
 #pragma once
 
 #include <memory>
-#include <mutex>
-#include <set>
-#include <thread>
 
 #include "platform/net/tcp_listener.h"
 #include "service/fault_injection.h"
-#include "service/storage_connection.h"
+#include "service/http_connection_server.h"
 #include "service/storage_upload_receiver.h"
 
 namespace nembra {
 
-class HttpWorkerPool;
-class SocketStream;
-
-class StorageServer {
+class StorageServer final : public HttpRequestHandler {
  public:
-  // At most |maxConnections| are served at once; more wait for a thread.
-  StorageServer(StorageUploadReceiver& receiver, FaultInjection& faults, size_t maxConnections,
-                StorageConnection::Timeouts timeouts = {});
+  StorageServer(StorageUploadReceiver& receiver, FaultInjection& faults,
+                HttpConnectionLimits limits);
   // stop()
-  ~StorageServer();
+  ~StorageServer() override;
   StorageServer(const StorageServer&) = delete;
   StorageServer& operator=(const StorageServer&) = delete;
 
-  // Serves the connections |listener| accepts until stop().
-  void start(std::unique_ptr<TcpListener> listener);
+  // Serves the connections |listener| accepts until stop(); false when it cannot.
+  bool start(std::unique_ptr<TcpListener> listener);
   // Stops accepting, ends the open connections (uploads in progress fail) and joins every
   // thread. Safe to call twice.
   void stop();
 
- private:
-  void acceptLoop();
-  void serve(SocketStream& stream);
+  After serve(SocketStream& stream, const HttpRequestHead& head,
+              const std::string& rawHead) override;
+  void refuse(SocketStream& stream, int status, const std::string& message) override;
 
+ private:
   StorageUploadReceiver& receiver_;
   FaultInjection& faults_;
-  const StorageConnection::Timeouts timeouts_;
-  std::unique_ptr<TcpListener> listener_;
-  std::unique_ptr<HttpWorkerPool> pool_;
-  std::thread acceptThread_;
-
-  std::mutex mutex_;
-  std::set<SocketStream*> open_;  // guarded by mutex_; each owned by the thread serving it
-  bool stopping_ = false;         // guarded by mutex_
+  HttpConnectionServer server_;
 };
 
 }  // namespace nembra

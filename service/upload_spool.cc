@@ -44,7 +44,13 @@ UploadSpool::Outcome UploadSpool::receive(const BodyReader& read, const std::str
 
   MultipartStreamParser::Callbacks callbacks;
   callbacks.onPartBegin = [&](const MultipartPart& part) {
-    if (part.name == fileField && part.filename && !sawFile) {
+    // Taking one of two files would store what the client may not have meant to send.
+    if (part.name == fileField && part.filename && sawFile) {
+      message_ = "the form has more than one file part";
+      stop = Outcome::Malformed;
+      return false;
+    }
+    if (part.name == fileField && part.filename) {
       sawFile = true;
       auto limit = gate ? gate(fields_) : std::optional<uint64_t>(UINT64_MAX);
       if (!limit) {

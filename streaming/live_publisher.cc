@@ -12,6 +12,13 @@ namespace {
 
 constexpr auto kSendPoll = std::chrono::milliseconds(50);
 constexpr int kDefaultFramerate = 30;
+// Already-encoded samples are paced in batches this long (see MediaSourcePacer): a real-time
+// pass-through then wakes about ten times a second instead of once per sample.
+constexpr auto kPassThroughBatch = std::chrono::milliseconds(100);
+
+bool passesThrough(const MediaSourceInfo& info) {
+  return !(info.hasVideo && !info.videoEncoded) && !(info.hasAudio && !info.audioEncoded);
+}
 
 }  // namespace
 
@@ -45,7 +52,9 @@ LivePublisher::LivePublisher(std::unique_ptr<MediaSource> source, LivePublisherO
     : source_(std::move(source)),
       options_(std::move(options)),
       sink_(std::make_shared<Sink>(*this)),
-      pacer_(options_.realTime) {}
+      pacer_(options_.realTime, passesThrough(source_->info())
+                                    ? kPassThroughBatch
+                                    : MediaSourcePacer::Clock::duration::zero()) {}
 
 LivePublisher::~LivePublisher() { finish(); }
 
@@ -59,6 +68,16 @@ void LivePublisher::fail(const std::string& message) {
   if (failure_.empty()) failure_ = message;
   failed_.store(true);
   changed_.notify_all();
+  queued_.notify_all();
+  room_.notify_all();
+}
+
+void LivePublisher::requestStop() {
+  std::lock_guard lock(mutex_);
+  stopRequested_.store(true);
+  changed_.notify_all();
+  queued_.notify_all();
+  room_.notify_all();
 }
 
 bool LivePublisher::start(std::string& error) {
@@ -96,7 +115,7 @@ bool LivePublisher::start(std::string& error) {
   const auto deadline = Clock::now() + options_.publishTimeout;
   while (!publishStarted_ && failure_.empty()) {
     if (!streamer_->isReceiving()) {
-      failure_ = "connection lost before publishing: " + streamer_->receiverError();
+      failure_ = "connection lost before publishing: " + streamer_->receiverFailure();
       break;
     }
     if (stopRequested_.load()) {
@@ -126,12 +145,12 @@ bool LivePublisher::start(std::string& error) {
 
 void LivePublisher::enqueue(Queued item) {
   std::unique_lock lock(mutex_);
-  changed_.wait(lock, [this] { return queue_.size() < options_.queueLimit || stopping(); });
+  room_.wait(lock, [this] { return queue_.size() < options_.queueLimit || stopping(); });
   if (stopping()) return;
   queue_.push_back(std::move(item));
   // Only the first item wakes the sender: it takes everything queued at once, so samples that
-  // come in quick succession cost no thread switch each.
-  if (queue_.size() == 1) changed_.notify_all();
+  // come in quick succession (a paced batch) cost no thread switch each.
+  if (queue_.size() == 1) queued_.notify_one();
 }
 
 bool LivePublisher::capture(MediaSourceItem& item) {
@@ -180,7 +199,7 @@ void LivePublisher::captureLoop() {
   }
   std::lock_guard lock(mutex_);
   captureEnded_ = true;
-  changed_.notify_all();
+  queued_.notify_all();
 }
 
 void LivePublisher::sendLoop() {
@@ -190,17 +209,17 @@ void LivePublisher::sendLoop() {
   while (running) {
     {
       std::unique_lock lock(mutex_);
-      changed_.wait_for(lock, kSendPoll,
-                        [this] { return !queue_.empty() || captureEnded_ || stopping(); });
+      // No timeout: a stop, a failure and the end of capture all notify.
+      queued_.wait(lock, [this] { return !queue_.empty() || captureEnded_ || stopping(); });
       if (stopping() || (queue_.empty() && captureEnded_)) break;
       const bool captureWaiting = queue_.size() >= options_.queueLimit;
       batch.swap(queue_);
       inFlight_ = batch.size();
-      if (captureWaiting) changed_.notify_all();
+      if (captureWaiting) room_.notify_all();
     }
     // The send path cannot see a lost peer; the receiving thread can.
     if (!streamer_->isReceiving()) {
-      const std::string reason = streamer_->receiverError();
+      const std::string reason = streamer_->receiverFailure();
       fail("connection lost: " + (reason.empty() ? std::string("receiver stopped") : reason));
       break;
     }
@@ -215,6 +234,7 @@ void LivePublisher::sendLoop() {
   inFlight_ = 0;
   done_.store(true);
   changed_.notify_all();
+  room_.notify_all();
 }
 
 bool LivePublisher::send(Queued& item) {
@@ -246,14 +266,18 @@ bool LivePublisher::waitDone(std::chrono::milliseconds timeout) const {
 void LivePublisher::finish() {
   if (finished_) return;
   finished_ = true;
-  if (!done_.load()) stopRequested_.store(true);
+  if (!done_.load()) requestStop();
   source_->interrupt();
-  changed_.notify_all();
+  {
+    // Wake a capture blocked on the queue.
+    std::lock_guard lock(mutex_);
+    room_.notify_all();
+  }
   if (captureThread_.joinable()) captureThread_.join();
   {
-    // Wake a sender or a capture blocked on the queue.
+    // Wake a sender that is waiting for samples.
     std::lock_guard lock(mutex_);
-    changed_.notify_all();
+    queued_.notify_all();
   }
   if (sendThread_.joinable()) sendThread_.join();
   if (streamer_) streamer_->stop();

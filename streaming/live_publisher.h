@@ -62,7 +62,7 @@ class LivePublisher {
   bool start(std::string& error);
 
   // Ends the stream soon: capture stops, what is queued is dropped, the client is closed.
-  void requestStop() { stopRequested_.store(true); }
+  void requestStop();
 
   // True once the stream has ended by itself (source ended, duration reached), failed or was
   // stopped, and the sender is idle.
@@ -111,7 +111,12 @@ class LivePublisher {
   Clock::time_point captureTime_;  // capture thread: when the item being encoded was due
 
   mutable std::mutex mutex_;
+  // One condition per kind of waiter, so that a sample queued wakes the sender alone: the
+  // sender waits on queued_, a capture held by a full queue on room_, and the owner (publish
+  // start, waitDone) on changed_. A stop or a failure notifies all three.
   mutable std::condition_variable changed_;
+  std::condition_variable queued_;
+  std::condition_variable room_;
   std::deque<Queued> queue_;       // guarded by mutex_
   size_t inFlight_ = 0;            // taken by the sender, not sent yet; guarded by mutex_
   bool captureEnded_ = false;      // guarded by mutex_

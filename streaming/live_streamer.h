@@ -68,6 +68,11 @@ class LiveStreamer {
   // False once the client's receiving thread has ended: the server closed or the network failed.
   bool isReceiving() const { return client_ && client_->IsReceiving(); }
   std::string receiverError() const { return client_ ? client_->ReceiverError() : std::string(); }
+  // What ended the receiving, in plain words when the socket failed, else receiverError().
+  std::string receiverFailure() const {
+    std::string cause = client_ ? client_->ReceiverFailureCause() : std::string();
+    return cause.empty() ? receiverError() : cause;
+  }
   LiveStreamerCounters counters() const;
 
  private:

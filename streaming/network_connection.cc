@@ -1,14 +1,24 @@
 #include "streaming/network_connection.h"
 
+#include <cerrno>
+#include <cstring>
 #include <stdexcept>
 
 namespace nembra {
 
-namespace {
+namespace {}  // namespace
 
-void ThrowReceiveFailed() { throw std::runtime_error("netowrk recv data failed"); }
-
-}  // namespace
+void NetworkConnection::FailReceive(const TcpIoResult& result) {
+  if (result.status == TcpIoStatus::Failed && result.error != 0) {
+    receiveFailureCause_ = result.error == EAGAIN || result.error == EWOULDBLOCK
+                               ? "the server sent nothing within the receive timeout"
+                               : std::string("receiving failed: ") + std::strerror(result.error);
+  } else {
+    receiveFailureCause_ = "the server closed the connection";
+  }
+  // Kept as it is spelled: log readers match on it.
+  throw std::runtime_error("netowrk recv data failed");
+}
 
 NetworkConnection::NetworkConnection() : NetworkConnection(createTcpSocket()) {}
 
@@ -43,15 +53,14 @@ void NetworkConnection::Send(std::span<const std::span<const uint8_t>> buffers) 
 }
 
 void NetworkConnection::Receive(uint8_t* buffer, size_t size) {
-  if (socket_->receiveAll({buffer, size}).status != TcpIoStatus::Ok) {
-    ThrowReceiveFailed();
-  }
+  const TcpIoResult result = socket_->receiveAll({buffer, size});
+  if (result.status != TcpIoStatus::Ok) FailReceive(result);
 }
 
 size_t NetworkConnection::ReceiveSome(uint8_t* buffer, size_t capacity) {
   const TcpIoResult result = socket_->receiveSome({buffer, capacity});
   if (result.status != TcpIoStatus::Ok || (result.bytes == 0 && capacity > 0)) {
-    ThrowReceiveFailed();
+    FailReceive(result);
   }
   return result.bytes;
 }

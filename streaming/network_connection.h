@@ -39,6 +39,10 @@ class NetworkConnection {
   void Receive(uint8_t* buffer, size_t size);
   // Receives what is there, at least one byte, at most |capacity|; fails as Receive does.
   size_t ReceiveSome(uint8_t* buffer, size_t capacity);
+  // What made the last receive fail, in plain words ("the server closed the connection"), for
+  // messages to people; the thrown text stays as it is for the logs. Call from the receiving
+  // thread, or after it has ended.
+  const std::string& ReceiveFailureCause() const { return receiveFailureCause_; }
   // Waits up to |timeout| until a receive would not block (data, end of stream or error).
   bool WaitForData(std::chrono::milliseconds timeout);
   // Makes a WaitForData in progress (or the next one) return false at once.
@@ -55,8 +59,11 @@ class NetworkConnection {
   TcpSocketCounters Counters() const { return socket_->counters(); }
 
  private:
+  [[noreturn]] void FailReceive(const TcpIoResult& result);
+
   std::unique_ptr<TcpSocket> socket_;
   TcpTimeouts timeouts_;
+  std::string receiveFailureCause_;
 };
 
 }  // namespace nembra

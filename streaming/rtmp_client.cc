@@ -58,6 +58,10 @@ std::string RTMPClient::TcUrl() const {
 
 bool RTMPClient::IsReceiving() const { return packetStream_ && packetStream_->IsReceiving(); }
 
+std::string RTMPClient::ReceiverFailureCause() const {
+  return packetStream_ ? packetStream_->ReceiverFailureCause() : std::string();
+}
+
 std::string RTMPClient::ReceiverError() const {
   return packetStream_ ? packetStream_->ReceiverError() : std::string();
 }

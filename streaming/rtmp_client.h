@@ -56,6 +56,8 @@ class RTMPClient : public IReceiver<FLVFrame> {
   // False once the receiving thread has ended; ReceiverError says why (empty after Close).
   bool IsReceiving() const;
   std::string ReceiverError() const;
+  // ReceiverError in plain words when the socket failed (RTMPPacketStream); else empty.
+  std::string ReceiverFailureCause() const;
 
   uint32_t StreamID() const { return streamId_.load(); }
   const std::string& Host() const { return host_; }

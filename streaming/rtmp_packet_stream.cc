@@ -105,6 +105,7 @@ void RTMPPacketStream::ReceiverProc() {
       {
         std::lock_guard lock(receiverErrorMutex_);
         receiverError_ = error.what();
+        receiverCause_ = connection_.ReceiveFailureCause();
       }
       std::this_thread::sleep_for(kReceivePollInterval);
       stop_.store(true);
@@ -112,6 +113,11 @@ void RTMPPacketStream::ReceiverProc() {
   }
   StreamLog::Write("rtmp receiver thread done");
   receiving_.store(false);
+}
+
+std::string RTMPPacketStream::ReceiverFailureCause() const {
+  std::lock_guard lock(receiverErrorMutex_);
+  return receiverCause_;
 }
 
 std::string RTMPPacketStream::ReceiverError() const {

@@ -57,6 +57,9 @@ class RTMPPacketStream : public IReceiver<RTMPPacket> {
   // The message of the error that ended the receiving thread; empty while it runs or after a
   // plain Close. Any thread.
   std::string ReceiverError() const;
+  // What happened, in plain words, when the receiving thread ended on a failed receive (see
+  // NetworkConnection::ReceiveFailureCause); else empty. Any thread.
+  std::string ReceiverFailureCause() const;
 
  protected:
   // Throws "network send data failed" (see NetworkConnection::Send).
@@ -86,6 +89,7 @@ class RTMPPacketStream : public IReceiver<RTMPPacket> {
   std::atomic<bool> receiving_{true};
   mutable std::mutex receiverErrorMutex_;
   std::string receiverError_;  // guarded by receiverErrorMutex_
+  std::string receiverCause_;  // guarded by receiverErrorMutex_
   std::thread receiver_;
 };
 

@@ -1,9 +1,11 @@
 // `nembra show` and `nembra images show` given what cannot be shown: each must end with one
 // plain message on standard error naming what went wrong, exit code 1, and no crash or FFmpeg
-// chatter. Runs the built tool against a real `nembra serve`.
+// chatter; uploads and tokens that cannot go are refused and leave nothing behind. Runs the
+// built tool against a real `nembra serve`.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -40,14 +42,18 @@ class CliBadInputTest : public ::testing::Test {
   }
 
   // The tool with |args| after the global options; standard error kept apart from the rest.
-  Outcome run(const std::vector<std::string>& args) {
-    std::string line = quoted(NEMBRA_CLI_PATH) + " --server " + quoted(serve_->baseUrl()) +
-                       " --token app1 --ui none";
+  Outcome run(const std::vector<std::string>& args) { return runAt(serve_->baseUrl(), args); }
+  Outcome runAt(const std::string& server, const std::vector<std::string>& args) {
+    std::string line = "NEMBRA_HOME=" + quoted(home()) + " " + quoted(NEMBRA_CLI_PATH) +
+                       " --server " + quoted(server) + " --ui none";
+    if (std::find(args.begin(), args.end(), "--token") == args.end()) line += " --token app1";
     for (const std::string& arg : args) line += " " + quoted(arg);
     const std::string errPath = scratch_.file("stderr");
     auto result = runCommand({"/bin/sh", "-c", line + " 2>" + quoted(errPath)});
     return {result.exitCode, result.output, testing::readFile(errPath)};
   }
+
+  std::string home() const { return scratch_.file("home"); }
 
   testing::TempDir scratch_{"nembra-cli-bad-input"};
   testing::MediaTestFiles media_;
@@ -96,6 +102,37 @@ TEST_F(CliBadInputTest, EachFailureIsOneClearLineAndExitCodeOne) {
   EXPECT_EQ(mixed.exitCode, 1);
   EXPECT_NE(mixed.out.find("640 x 480 jpeg"), std::string::npos) << mixed.out;
   EXPECT_NE(mixed.err.find("truncated"), std::string::npos) << mixed.err;
+}
+
+TEST_F(CliBadInputTest, UploadsAndTokensThatCannotGoAreRefusedAndLeaveNothingBehind) {
+  namespace fs = std::filesystem;
+  const std::string clip = scratch_.file("clip.mp4");
+  testing::writeFile(clip, std::string(4096, 'v'));
+  const std::string nowhere = "http://127.0.0.1:" + std::to_string(testing::freeTcpPort());
+
+  const Outcome directory = run({"upload", scratch_.path()});
+  EXPECT_EQ(directory.exitCode, 1);
+  EXPECT_NE(directory.err.find("is a directory"), std::string::npos) << directory.err;
+
+  // The service is down: the upload fails before it has an upload URL, and the copy or link
+  // made for the SDK goes with it.
+  const Outcome down = runAt(nowhere, {"upload", clip});
+  EXPECT_EQ(down.exitCode, 1);
+  EXPECT_NE(down.err.find(clip), std::string::npos) << down.err;
+  EXPECT_TRUE(fs::exists(clip));
+  std::error_code ec;
+  for (fs::recursive_directory_iterator it(home(), ec), end; !ec && it != end; it.increment(ec)) {
+    EXPECT_FALSE(it->is_regular_file()) << "left behind: " << it->path();
+  }
+
+  const Outcome url = run({"videos", "url", "../x"});
+  EXPECT_EQ(url.exitCode, 2);
+  EXPECT_NE(url.err.find("not a valid token"), std::string::npos) << url.err;
+  EXPECT_EQ(url.out, "");
+
+  const Outcome app = run({"--token", "../../x", "videos", "list"});
+  EXPECT_NE(app.exitCode, 0);
+  EXPECT_NE(app.err.find("application token"), std::string::npos) << app.err;
 }
 
 }  // namespace

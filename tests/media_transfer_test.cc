@@ -324,11 +324,27 @@ TEST(ReachabilityTransferTest, ANetworkLossHoldsTheTransferUntilItReturns) {
 
 // ---- Surviving the process --------------------------------------------------------------
 
-TEST(ResumeTest, AnUploadKilledMidTransferIsFinishedByALaterRun) {
+// Killed with SIGKILL at one step of the flow, once the --debug log shows the step under way
+// (the service slowed enough that the step is still running), then finished by
+// `nembra upload --resume`.
+struct KillCase {
+  const char* name;
+  std::vector<std::string> serviceArgs;
+  const char* stepLine;  // the log text that says the step has begun
+  std::chrono::milliseconds settle;
+  // Videos on the service at the end: the ready one, and for a kill while the service was
+  // creating the video, the empty one whose answer never reached the client.
+  size_t videosAtMost;
+};
+
+class KillTrialTest : public ::testing::TestWithParam<KillCase> {};
+
+TEST_P(KillTrialTest, AnUploadKilledAtThisStepIsFinishedByALaterRunWithOneReadyVideo) {
   if (!testing::MediaTestFiles::haveFfmpeg()) GTEST_SKIP() << "ffmpeg is not installed";
+  const KillCase& c = GetParam();
   TempDir scratch;
   testing::MediaTestFiles media;
-  auto service = startService(scratch.file("data"), {"--throttle", "400000"});
+  auto service = startService(scratch.file("data"), c.serviceArgs);
   ASSERT_TRUE(service);
   std::string file = scratch.file("long take.mp4");
   std::string made = noisyVideo(media, "take.mp4", 0.5);
@@ -336,30 +352,22 @@ TEST(ResumeTest, AnUploadKilledMidTransferIsFinishedByALaterRun) {
   fs::copy_file(made, file);
   const std::string original = readFile(file);
   const std::string home = scratch.file("home");
-  const std::vector<std::string> environment = {"NEMBRA_HOME=" + home};
 
   ChildProcessOptions options;
-  options.argv = {NEMBRA_CLI_PATH, "--server", service->baseUrl(), "--token", kApp, "upload", file};
-  options.environment = environment;
+  options.argv = {NEMBRA_CLI_PATH, "--server", service->baseUrl(), "--token", kApp, "--debug",
+                  "upload",        file};
+  options.environment = {"NEMBRA_HOME=" + home};
   options.stdoutPath = scratch.file("first.log");
   options.stderrPath = scratch.file("first.err");
   std::unique_ptr<ChildProcess> child;
   ASSERT_FALSE(ChildProcess::start(options, child));
-  // Killed once its record says the file is on its way.
-  const std::string journal = home + "/State/uploads/" + kApp;
-  bool transferring = false;
-  for (int i = 0; i < 200 && !transferring; ++i) {
-    std::this_thread::sleep_for(50ms);
-    std::error_code ec;
-    for (fs::directory_iterator it(journal, ec), end; !ec && it != end; it.increment(ec)) {
-      if (it->path().extension() == ".json" &&
-          readFile(it->path().string()).find("\"transferring\"") != std::string::npos) {
-        transferring = true;
-      }
-    }
+  bool begun = false;
+  for (int i = 0; i < 1500 && !begun; ++i) {
+    std::this_thread::sleep_for(20ms);
+    begun = readFile(scratch.file("first.err")).find(c.stepLine) != std::string::npos;
   }
-  ASSERT_TRUE(transferring) << readFile(scratch.file("first.err"));
-  std::this_thread::sleep_for(700ms);
+  ASSERT_TRUE(begun) << readFile(scratch.file("first.err"));
+  std::this_thread::sleep_for(c.settle);
   child->signal(SIGKILL);
   ASSERT_TRUE(child->wait(10s));
   EXPECT_TRUE(fs::exists(file)) << "the user's file is never the SDK's to delete";
@@ -377,14 +385,40 @@ TEST(ResumeTest, AnUploadKilledMidTransferIsFinishedByALaterRun) {
   std::string out = readFile(scratch.file("second.log"));
   std::string token = out.substr(0, out.find('\t'));
   ASSERT_FALSE(token.empty()) << out;
+  EXPECT_NE(out.find("\t" + file), std::string::npos) << "names the user's file: " << out;
 
   Sdk sdk(scratch.file("checker"), service->baseUrl());
   auto downloaded = sdk.download(VIDEO, token);
   ASSERT_TRUE(downloaded);
-  EXPECT_TRUE(readFile(*downloaded) == original) << "the restarted upload is the whole file";
+  EXPECT_TRUE(readFile(*downloaded) == original) << "the finished upload is the whole file";
   EXPECT_TRUE(fs::exists(file));
+  const std::string journal = home + "/State/uploads/" + kApp;
   EXPECT_TRUE(fs::is_empty(journal)) << "nothing is left to resume";
+  std::error_code ec;
+  for (fs::recursive_directory_iterator it(home, ec), end; !ec && it != end; it.increment(ec)) {
+    EXPECT_NE(it->path().filename().string().rfind("upload-", 0), 0u)
+        << "left behind: " << it->path();
+  }
+
+  auto listed = runCommand({"/usr/bin/env", "NEMBRA_HOME=" + home, NEMBRA_CLI_PATH, "--server",
+                            service->baseUrl(), "--token", kApp, "videos", "list", "--json"});
+  ASSERT_EQ(listed.exitCode, 0) << listed.output;
+  const Json videos = Json::parse(listed.output.substr(listed.output.find('[')), nullptr, false);
+  ASSERT_TRUE(videos.is_array()) << listed.output;
+  size_t ready = 0;
+  for (const Json& video : videos) ready += video.value("state_string", "") == "ready";
+  EXPECT_EQ(ready, 1u) << listed.output;
+  EXPECT_LE(videos.size(), c.videosAtMost) << listed.output;
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Steps, KillTrialTest,
+    ::testing::Values(
+        KillCase{"UploadUrlRequest", {"--latency-ms", "1500"}, "videos-upload-url?", 500ms, 2},
+        KillCase{
+            "StorageTransfer", {"--throttle", "400000"}, "background request from file", 700ms, 1},
+        KillCase{"Confirm", {"--latency-ms", "1500"}, "confirm-video", 500ms, 1}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 // ---- The CLI ----------------------------------------------------------------------------
 

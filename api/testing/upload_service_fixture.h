@@ -152,7 +152,7 @@ class UploadServiceTest : public ::testing::Test {
     auto confirm = [this](const httplib::Request&, httplib::Response& reply) {
       std::lock_guard lock(mutex_);
       reply.status = confirmStatus_;
-      reply.set_content(R"({"token":"confirmed","state_string":"ready"})", "application/json");
+      reply.set_content(confirmBody_, "application/json");
     };
     server_.on("POST", "/v1/applications/app1/videos/[^/]+/streams/[^/]+/confirm-video", confirm);
     server_.on("POST", "/embed/v1/applications/app1/(audios|images)/[^/]+/confirm", confirm);
@@ -289,6 +289,7 @@ class UploadServiceTest : public ::testing::Test {
   std::optional<std::string> urlBody_;
   int storageStatus_ = 204;
   int confirmStatus_ = 200;
+  std::string confirmBody_ = R"({"token":"confirmed","state_string":"ready"})";
   std::function<void()> duringStorage_;
   int cdnStatus_ = 200;
   std::string cdnBody_ = "cdn bytes";

@@ -135,6 +135,11 @@ class Nembra {
   // Ends that broadcast as the platform's stop button would, and waits for it to have moved
   // its movie (at most |limit|). Its exit code; absent when none ran or it did not end in time.
   std::optional<int> stopScreenRecorder(std::chrono::milliseconds limit = std::chrono::seconds(60));
+  // Copies "client_auth" and "server_auth" from recorderConfig's extraArgs into connect(), then
+  // presents the camera recorder (its module installs itself: api/recorder_screens.h); with a
+  // |videoToken| the recording replaces that video's stream.
+  void record();
+  void record(const std::string& videoToken);
   // Remote image loading for screens, made on first use; shared with the screens that use it.
   std::shared_ptr<RemoteImageLoader> imageLoader();
 

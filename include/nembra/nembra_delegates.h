@@ -27,21 +27,30 @@ struct NembraHardwarePermissionDelegate {
 
 // The delegates below gain their callbacks with the components that raise them (recorder,
 // players, capture aids, pickers, screen recorder, QR scanner).
-// Each on the main queue.
+// The camera and audio recorders' events, each on the main queue.
 struct NembraRecorderDelegate {
   virtual ~NembraRecorderDelegate() = default;
 
+  // The capture session is configured.
   std::function<void()> recorderReady;
+  // A countdown tick, with the seconds still to go (3, 2, 1).
+  std::function<void(int seconds)> recorderCountdown;
+  // Only for a platform movie-file output; the asset-writer path never sends it.
   std::function<void()> recorderStarted;
-  // Whole seconds recorded, at each update of the recording time.
+  // The recorded duration reached a new whole second.
   std::function<void(int64_t seconds)> recorderCurrentRecordedDurationSeconds;
+  // The audio recorder's take or playback paused.
   std::function<void()> recorderPaused;
-  // The take is finished; |path| is its file.
-  std::function<void(const std::string& path)> recorderStopped;
+  // The file is finished: the camera recorder gives its URL as an absolute string
+  // ("file:///..."), the audio recorder its path.
+  std::function<void(const std::string& url)> recorderStopped;
+  // The audio recorder started playing its take.
   std::function<void()> recorderPlaying;
   std::function<void()> recorderRerecord;
   std::function<void()> recorderManuallySubmitted;
   std::function<void()> recorderCancelledByUser;
+  std::function<void()> streamingStarted;
+  std::function<void()> streamingStopped;
 };
 // Told of every upload's progress (the upload handler's flow and the videos endpoint's
 // create and re-record flows), each on the main queue.

@@ -143,17 +143,31 @@ std::unique_ptr<MediaSourceDevice> MediaSourceDevice::openScreen(const std::stri
   return source;
 }
 
+std::unique_ptr<MediaSourceDevice> MediaSourceDevice::openDecodedFile(const std::string& path,
+                                                                      OptionalError& error) {
+  std::unique_ptr<MediaSourceDevice> source(new MediaSourceDevice());
+  error = source->addInput("", path, {}, false, false);
+  if (error) return nullptr;
+  source->describe();
+  source->info_.description = "file " + path + " (re-encoded)";
+  return source;
+}
+
 OptionalError MediaSourceDevice::addInput(
     const std::string& formatName, const std::string& url,
     const std::vector<std::pair<std::string, std::string>>& options, bool stampOnArrival,
     bool nonBlocking) {
   registerDevices();
-  const AVInputFormat* format = av_find_input_format(formatName.c_str());
-  if (!format) return Error::media("this FFmpeg has no " + formatName + " input");
+  // No name: FFmpeg tells the format from the file.
+  const AVInputFormat* format =
+      formatName.empty() ? nullptr : av_find_input_format(formatName.c_str());
+  if (!format && !formatName.empty()) {
+    return Error::media("this FFmpeg has no " + formatName + " input");
+  }
   if (!packet_) packet_ = av_packet_alloc();
 
   Input input;
-  input.name = formatName + " " + url;
+  input.name = formatName.empty() ? url : formatName + " " + url;
   input.stampOnArrival = stampOnArrival;
   input.format = avformat_alloc_context();
   if (!input.format || !packet_) return Error::internal("out of memory opening " + input.name);
@@ -231,14 +245,17 @@ double MediaSourceDevice::stamp(const Input& input, const AVCodecContext* contex
 
 int MediaSourceDevice::pump(Input& input) {
   int rc = av_read_frame(input.format, packet_);
-  if (rc < 0) return rc;
+  // At the end, the decoders give up the frames they held back for reordering, once.
+  const bool draining = rc == AVERROR_EOF && !input.drained;
+  if (rc < 0 && !draining) return rc;
+  input.drained = input.drained || draining;
   struct Unref {
     AVPacket* packet;
     ~Unref() { av_packet_unref(packet); }
   } unref{packet_};
   for (Decoder& decoder : input.decoders) {
-    if (decoder.streamIndex != packet_->stream_index) continue;
-    rc = avcodec_send_packet(decoder.context, packet_);
+    if (!draining && decoder.streamIndex != packet_->stream_index) continue;
+    rc = avcodec_send_packet(decoder.context, draining ? nullptr : packet_);
     if (rc < 0) return rc;
     for (;;) {
       AVFrame* frame = av_frame_alloc();

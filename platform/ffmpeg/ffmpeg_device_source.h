@@ -41,6 +41,10 @@ class MediaSourceDevice final : public MediaSource {
   // The whole X11 screen |display| (":0") by x11grab at |fps|, stamped on arrival.
   static std::unique_ptr<MediaSourceDevice> openScreen(const std::string& display, int fps,
                                                        OptionalError& error);
+  // The media file |path| decoded into raw pictures and PCM, timed by its own timestamps (so
+  // faster than real time unless paced): for files whose samples cannot be sent as they are.
+  static std::unique_ptr<MediaSourceDevice> openDecodedFile(const std::string& path,
+                                                            OptionalError& error);
 
   ~MediaSourceDevice() override;
 
@@ -60,7 +64,8 @@ class MediaSourceDevice final : public MediaSource {
     std::vector<Decoder> decoders;
     bool stampOnArrival = false;
     bool ended = false;
-    double lastPts = 0;  // of the newest item it delivered
+    bool drained = false;  // its decoders were flushed at the end of the input
+    double lastPts = 0;    // of the newest item it delivered
   };
 
   MediaSourceDevice();

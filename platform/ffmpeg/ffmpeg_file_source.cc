@@ -83,6 +83,8 @@ OptionalError MediaSourceFile::openPath(const std::string& path) {
     info_.height = par->height;
     const AVRational rate = av_guess_frame_rate(input_, input_->streams[videoStream_], nullptr);
     info_.frameRate = rate.num > 0 && rate.den > 0 ? av_q2d(rate) : 0.0;
+    // Frames held back for reordering: B-frames.
+    info_.videoReordered = par->video_delay > 0;
   }
   if (audioStream_ >= 0) {
     const AVCodecParameters* par = input_->streams[audioStream_]->codecpar;

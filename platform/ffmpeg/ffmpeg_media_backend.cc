@@ -9,7 +9,9 @@ extern "C" {
 #include "platform/ffmpeg/ffmpeg_device_source.h"
 #include "platform/ffmpeg/ffmpeg_file_source.h"
 #include "platform/ffmpeg/ffmpeg_file_writer.h"
+#include "platform/ffmpeg/ffmpeg_movie_writer.h"
 #include "platform/ffmpeg/ffmpeg_player_engine.h"
+#include "platform/ffmpeg/ffmpeg_raw_frame_converter.h"
 #include "platform/ffmpeg/ffmpeg_x264_encoder.h"
 #include "platform/media/media_backend.h"
 
@@ -45,6 +47,10 @@ class FfmpegMediaBackend final : public MediaBackend {
                                               OptionalError& error) override {
     return MediaSourceDevice::openMicrophone(device, error);
   }
+  std::unique_ptr<MediaSource> openDecodedFile(const std::string& path,
+                                               OptionalError& error) override {
+    return MediaSourceDevice::openDecodedFile(path, error);
+  }
 
   std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
                                                   OptionalError& error) override {
@@ -61,6 +67,18 @@ class FfmpegMediaBackend final : public MediaBackend {
   std::unique_ptr<MediaSource> openScreen(const std::string& display, int fps,
                                           OptionalError& error) override {
     return MediaSourceDevice::openScreen(display, fps, error);
+  }
+
+  std::unique_ptr<MovieWriter> createMovieWriter(const std::string& path,
+                                                 const MovieWriterSettings& settings,
+                                                 OptionalError& error) override {
+    return FfmpegMovieWriter::create(path, settings, error);
+  }
+  OptionalError finishInterruptedMovie(const std::string& path) override {
+    return ffmpegFinishFragmentedMovie(moviePartPath(path), path);
+  }
+  std::unique_ptr<RawFrameConverter> makeRawFrameConverter() override {
+    return std::make_unique<FfmpegRawFrameConverter>();
   }
 
   OptionalError writeVideoSample(const std::string& path, double seconds, int width,

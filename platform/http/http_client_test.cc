@@ -9,6 +9,7 @@
 #include "platform/http/http_body_file.h"
 #include "platform/http/http_curl_client.h"
 #include "platform/http/testing/http_test_support.h"
+#include "platform/net/tcp_listener.h"
 
 namespace nembra {
 namespace {
@@ -321,6 +322,54 @@ struct TlsCase {
   std::optional<ErrorKind> errorKind;
   int code;
 };
+
+// A peer that takes the connection (the kernel completes it from the listen backlog) and never
+// says a word.
+TEST(HttpSilentPeerTest, SmallRequestsGiveUpSoonWhileFileUploadsKeepWaiting) {
+  OptionalError listenError;
+  auto silent = TcpListener::open("127.0.0.1", 0, listenError);
+  ASSERT_TRUE(silent) << listenError->message;
+  const std::string base = "http://127.0.0.1:" + std::to_string(silent->port());
+  ScratchDirectory scratch;
+  const std::string file = scratch.path() + "/body.bin";
+  writePatternFile(file, 64 * 1024);
+
+  CurlHttpClient::Options options;
+  options.firstByteTimeout = milliseconds(400);
+  CurlHttpClient client(options);
+  MainQueue main;
+  std::optional<OptionalError> small;
+  std::optional<OptionalError> upload;
+  auto into = [&main](std::optional<OptionalError>& slot) {
+    return HttpTaskEvents{nullptr, [&main, &slot](HttpTask&, std::vector<uint8_t>,
+                                                  const HttpResponse&, const OptionalError& error) {
+                            main.async([&slot, error] { slot = error; });
+                          }};
+  };
+  const auto started = std::chrono::steady_clock::now();
+  client
+      .dataTask({"POST", base + "/session?k=secret-session", {}, std::vector<uint8_t>{'a'}},
+                into(small))
+      ->resume();
+  OptionalError bodyError;
+  auto uploadTask = client.uploadTask({"POST", base + "/upload", {}, std::nullopt},
+                                      HttpBodyFile::open(file, bodyError), into(upload));
+  uploadTask->resume();
+
+  ASSERT_TRUE(main.runUntil([&] { return small.has_value(); }, seconds(10)));
+  ASSERT_TRUE(*small);
+  EXPECT_EQ((*small)->kind, ErrorKind::Timeout) << (*small)->message;
+  EXPECT_LT(std::chrono::steady_clock::now() - started, seconds(4));
+  EXPECT_NE((*small)->message.find("/session"), std::string::npos) << (*small)->message;
+  EXPECT_EQ((*small)->message.find("secret-session"), std::string::npos) << (*small)->message;
+
+  // Well past the small request's deadline, the upload is still waiting on the stall limit.
+  main.runUntil([] { return false; }, milliseconds(1200));
+  EXPECT_FALSE(upload.has_value()) << (upload && *upload ? (*upload)->message : "");
+  uploadTask->cancel();
+  ASSERT_TRUE(main.runUntil([&] { return upload.has_value(); }, seconds(10)));
+  silent->shutdown();
+}
 
 class HttpTlsTest : public ::testing::TestWithParam<TlsCase> {};
 

@@ -35,6 +35,7 @@ CurlHttpClient::Options CurlHttpClient::Options::fromEnvironment() {
 CurlHttpClient::CurlHttpClient(Options options) : loop_(std::make_shared<CurlMultiLoop>()) {
   auto settings = std::make_shared<CurlTransferSettings>();
   settings->connectTimeout = options.connectTimeout;
+  settings->firstByteTimeout = options.firstByteTimeout;
   settings->lowSpeedLimit = options.lowSpeedLimit;
   settings->lowSpeedTime = options.lowSpeedTime;
   if (options.extraRootsPath) {

@@ -26,6 +26,11 @@ class CurlHttpClient final : public HttpClient {
  public:
   struct Options {
     std::chrono::milliseconds connectTimeout{30000};
+    // A request without a body file (REST calls, the session, downloads) fails when no answer
+    // has begun this long after it connected or sent its last body byte: a server that accepts
+    // and never answers must not hold a small request for the whole stall time. File uploads
+    // keep the stall limit alone (storage may take its time once the body is in).
+    std::chrono::milliseconds firstByteTimeout{5000};
     // Abort a transfer that moves fewer than lowSpeedLimit bytes per second for lowSpeedTime.
     long lowSpeedLimit = 1;
     std::chrono::seconds lowSpeedTime{60};

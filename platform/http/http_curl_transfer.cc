@@ -1,8 +1,10 @@
 #include "platform/http/http_curl_transfer.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "platform/http/http_curl_loop.h"
+#include "platform/http/url_redaction.h"
 
 namespace nembra {
 
@@ -103,8 +105,12 @@ CURL* CurlTransfer::open(CurlMultiLoop& loop, OptionalError& error) {
   curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
   curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaxRedirects);
   curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
-  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS,
-                   static_cast<long>(settings_->connectTimeout.count()));
+  auto connectTimeout = settings_->connectTimeout;
+  if (!body_ && settings_->firstByteTimeout.count() > 0) {
+    connectTimeout = std::min(connectTimeout, settings_->firstByteTimeout);
+  }
+  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(connectTimeout.count()));
+  waitingSince_ = std::chrono::steady_clock::now();
   curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, settings_->lowSpeedLimit);
   curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME,
                    static_cast<long>(settings_->lowSpeedTime.count()));
@@ -177,6 +183,12 @@ void CurlTransfer::finish(CURLcode result) {
   OptionalError error;
   if (bodyError_) {
     error = std::move(bodyError_);
+  } else if (result == CURLE_ABORTED_BY_CALLBACK && answerTimedOut_) {
+    Error timeout = Error::timeout(request_.method + " " + redactUrl(request_.url) +
+                                   " failed: no answer within " +
+                                   std::to_string(settings_->firstByteTimeout.count()) + " ms");
+    timeout.code = CURLE_OPERATION_TIMEDOUT;
+    error = std::move(timeout);
   } else if (result != CURLE_OK) {
     error = transportError(result);
   } else {
@@ -243,7 +255,7 @@ void CurlTransfer::complete(HttpResponse response, OptionalError error) {
 
 Error CurlTransfer::transportError(CURLcode result) const {
   std::string message =
-      request_.method + " " + request_.url + " failed: " + curl_easy_strerror(result);
+      request_.method + " " + redactUrl(request_.url) + " failed: " + curl_easy_strerror(result);
   if (errorBuffer_[0] != '\0') message += std::string(" (") + errorBuffer_ + ")";
   if (result == CURLE_OPERATION_TIMEDOUT) {
     Error error = Error::timeout(std::move(message));
@@ -253,14 +265,29 @@ Error CurlTransfer::transportError(CURLcode result) const {
   return Error::transport(std::move(message), result);
 }
 
+bool CurlTransfer::answerOverdue(curl_off_t uploaded) {
+  if (answered_ || body_ || settings_->firstByteTimeout.count() <= 0) return false;
+  auto now = std::chrono::steady_clock::now();
+  if (uploaded != lastUploaded_) {
+    lastUploaded_ = uploaded;
+    waitingSince_ = now;
+    return false;
+  }
+  if (now - waitingSince_ < settings_->firstByteTimeout) return false;
+  answerTimedOut_ = true;
+  return true;
+}
+
 size_t CurlTransfer::onWrite(char* data, size_t size, size_t count, void* self) {
   auto* transfer = static_cast<CurlTransfer*>(self);
+  transfer->answered_ = true;
   transfer->received_.insert(transfer->received_.end(), data, data + size * count);
   return size * count;
 }
 
 size_t CurlTransfer::onHeader(char* data, size_t size, size_t count, void* self) {
   auto* transfer = static_cast<CurlTransfer*>(self);
+  transfer->answered_ = true;
   std::string line = trimLineEnd(data, size * count);
   if (line.rfind("HTTP/", 0) == 0) {
     // A new status line: an interim (1xx) or redirect response came before; keep the last.
@@ -286,8 +313,10 @@ int CurlTransfer::onSeek(void* self, curl_off_t offset, int origin) {
 }
 
 int CurlTransfer::onProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t uploaded) {
-  static_cast<CurlTransfer*>(self)->reportProgress(uploaded);
-  return 0;
+  auto* transfer = static_cast<CurlTransfer*>(self);
+  transfer->reportProgress(uploaded);
+  // Non-zero aborts the transfer with CURLE_ABORTED_BY_CALLBACK.
+  return transfer->answerOverdue(uploaded) ? 1 : 0;
 }
 
 }  // namespace nembra

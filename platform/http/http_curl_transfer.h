@@ -24,6 +24,8 @@ class CurlMultiLoop;
 // Connection limits shared by every transfer of one client.
 struct CurlTransferSettings {
   std::chrono::milliseconds connectTimeout{30000};
+  // Requests without a body file: see CurlHttpClient::Options::firstByteTimeout. 0: none.
+  std::chrono::milliseconds firstByteTimeout{5000};
   // A transfer slower than lowSpeedLimit bytes per second for lowSpeedTime is aborted. There is
   // no overall limit: a large upload on a slow link may take as long as it keeps moving.
   long lowSpeedLimit = 1;
@@ -76,6 +78,8 @@ class CurlTransfer final : public HttpTask, public std::enable_shared_from_this<
   void deliverProgress(int64_t expected);
   void complete(HttpResponse response, OptionalError error);
   Error transportError(CURLcode result) const;
+  // Whether a request waiting for its answer has waited past the first-byte deadline.
+  bool answerOverdue(curl_off_t uploaded);
 
   const uint64_t identifier_;
   const HttpRequest request_;
@@ -108,6 +112,12 @@ class CurlTransfer final : public HttpTask, public std::enable_shared_from_this<
   std::atomic<bool> progressPending_{false};
   int64_t deliveredSent_ = 0;  // callback queue only
   bool completed_ = false;
+  // The first-byte deadline: the answer has begun, the last time the body moved, and whether
+  // the deadline ended the transfer.
+  bool answered_ = false;
+  curl_off_t lastUploaded_ = -1;
+  std::chrono::steady_clock::time_point waitingSince_;
+  bool answerTimedOut_ = false;
   char errorBuffer_[CURL_ERROR_SIZE] = {};
 };
 

@@ -166,6 +166,9 @@ std::unique_ptr<MediaFileWriter> createMediaFileWriter(const MediaFileWriterSett
                                                        OptionalError& error) {
   return MediaBackend::shared().createFileWriter(settings, error);
 }
+std::unique_ptr<MediaSource> openDecodedFileSource(const std::string& path, OptionalError& error) {
+  return MediaBackend::shared().openDecodedFile(path, error);
+}
 std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
                                                 OptionalError& error) {
   return MediaBackend::shared().createH264Encoder(settings, error);

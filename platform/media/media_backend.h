@@ -29,6 +29,8 @@
 #include "platform/media/media_probe.h"
 #include "platform/media/media_remuxer.h"
 #include "platform/media/media_source.h"
+#include "platform/media/movie_writer.h"
+#include "platform/media/raw_frame_converter.h"
 
 namespace nembra {
 
@@ -53,6 +55,8 @@ class MediaBackend {
   // PulseAudio source, else ALSA's default), "pulse:NAME" or "alsa:NAME".
   virtual std::unique_ptr<MediaSource> openMicrophone(const std::string& device,
                                                       OptionalError& error) = 0;
+  virtual std::unique_ptr<MediaSource> openDecodedFile(const std::string& path,
+                                                       OptionalError& error) = 0;
 
   virtual std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
                                                           OptionalError& error) = 0;
@@ -63,6 +67,14 @@ class MediaBackend {
   // X11 screen |display| (":0") grabbed whole at |fps| by x11grab, stamped on arrival.
   virtual std::unique_ptr<MediaSource> openScreen(const std::string& display, int fps,
                                                   OptionalError& error) = 0;
+
+  // The recorder's asset writer and the finishing of a recording a killed process left
+  // (movie_writer.h).
+  virtual std::unique_ptr<MovieWriter> createMovieWriter(const std::string& path,
+                                                         const MovieWriterSettings& settings,
+                                                         OptionalError& error) = 0;
+  virtual OptionalError finishInterruptedMovie(const std::string& path) = 0;
+  virtual std::unique_ptr<RawFrameConverter> makeRawFrameConverter() = 0;
 
   virtual OptionalError writeVideoSample(const std::string& path, double seconds, int width,
                                          int height) = 0;
@@ -90,6 +102,9 @@ std::unique_ptr<MediaSource> openScreenSource(const std::string& display, int fp
                                               OptionalError& error);
 std::unique_ptr<MediaFileWriter> createMediaFileWriter(const MediaFileWriterSettings& settings,
                                                        OptionalError& error);
+// A media file decoded into raw pictures and PCM, for publishing through the encoders (a file
+// whose video cannot pass through as it is, such as one with B-frames).
+std::unique_ptr<MediaSource> openDecodedFileSource(const std::string& path, OptionalError& error);
 // libx264 and FFmpeg's AAC encoder with the settings live publishing needs.
 std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
                                                 OptionalError& error);

@@ -23,6 +23,9 @@ struct MediaSourceInfo {
   int width = 0;
   int height = 0;
   double frameRate = 0.0;
+  // Encoded video whose frames are stored out of presentation order (B-frames). Passed through,
+  // it plays with its frames in decode order: the FLV path sends no composition time.
+  bool videoReordered = false;
   int sampleRate = 0;
   int channels = 0;
   double duration = 0.0;  // seconds; 0 when endless or unknown

@@ -7,8 +7,8 @@ namespace nembra {
 
 namespace {
 
-// Short enough that a stop is noticed at once, long enough not to spin.
-constexpr auto kMaxSleep = std::chrono::milliseconds(50);
+// Short enough that a stop is noticed soon, long enough not to wake needlessly.
+constexpr auto kMaxSleep = std::chrono::milliseconds(100);
 
 }  // namespace
 
@@ -21,17 +21,25 @@ MediaSourcePacer::Clock::time_point MediaSourcePacer::dueTime(Clock::time_point 
 }
 
 bool MediaSourcePacer::waitUntilDue(double mediaTime, const std::atomic<bool>& stop) {
-  if (!realTime_) return !stop.load();
+  if (stop.load()) return false;
+  if (!realTime_) return true;
   if (!anchor_) {
     anchor_ = Clock::now();
     firstMediaTime_ = mediaTime;
+    releasedUntil_ = *anchor_ + batchWindow_;
   }
   const Clock::time_point due = dueTime(*anchor_, firstMediaTime_, mediaTime);
+  if (due <= releasedUntil_) return true;
   for (;;) {
-    if (stop.load()) return false;
     const auto now = Clock::now();
-    if (now >= due) return true;
-    std::this_thread::sleep_for(std::min<Clock::duration>(due - now, kMaxSleep));
+    if (now >= due) {
+      releasedUntil_ = std::max(due, now) + batchWindow_;
+      return true;
+    }
+    ++sleeps_;
+    // An absolute deadline: time spent waking up is not added to every sleep.
+    std::this_thread::sleep_until(std::min<Clock::time_point>(due, now + kMaxSleep));
+    if (stop.load()) return false;
   }
 }
 

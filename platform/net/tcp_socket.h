@@ -82,6 +82,10 @@ class TcpSocket {
   virtual void close() = 0;
   virtual bool isOpen() const = 0;
   virtual TcpSocketCounters counters() const = 0;
+  // The peer's IP address as text ("127.0.0.1"); "" when not connected.
+  virtual std::string peerAddress() const { return ""; }
+  // The descriptor a SocketPoller watches for this socket; -1 when there is none.
+  virtual int pollHandle() const { return -1; }
 };
 
 std::unique_ptr<TcpSocket> createTcpSocket();

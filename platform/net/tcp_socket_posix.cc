@@ -237,6 +237,19 @@ void TcpSocketPosix::close() {
 
 bool TcpSocketPosix::isOpen() const { return fd_.load() >= 0; }
 
+std::string TcpSocketPosix::peerAddress() const {
+  sockaddr_storage address{};
+  socklen_t length = sizeof address;
+  if (::getpeername(fd_.load(), reinterpret_cast<sockaddr*>(&address), &length) != 0) return "";
+  char text[INET6_ADDRSTRLEN] = {};
+  const void* raw =
+      address.ss_family == AF_INET6
+          ? static_cast<const void*>(&reinterpret_cast<sockaddr_in6*>(&address)->sin6_addr)
+          : static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(&address)->sin_addr);
+  if (!::inet_ntop(address.ss_family, raw, text, sizeof text)) return "";
+  return text;
+}
+
 TcpSocketCounters TcpSocketPosix::counters() const {
   return {sendCalls_.load(std::memory_order_relaxed), receiveCalls_.load(std::memory_order_relaxed),
           pollCalls_.load(std::memory_order_relaxed), nameLookups_.load(std::memory_order_relaxed)};

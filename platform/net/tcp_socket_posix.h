@@ -35,6 +35,8 @@ class TcpSocketPosix : public TcpSocket {
   void close() override;
   bool isOpen() const override;
   TcpSocketCounters counters() const override;
+  std::string peerAddress() const override;
+  int pollHandle() const override { return fd_.load(); }
 
  private:
   std::atomic<int> fd_{-1};

@@ -68,7 +68,12 @@ void buildEnvironment(const std::vector<std::string>& extra, LaunchPlan& plan) {
     if (::dup2(fd, target) < 0) fail();
   };
   redirect(options.stdoutPath, STDOUT_FILENO);
-  redirect(options.stderrPath, STDERR_FILENO);
+  if (!options.stdoutPath.empty() && options.stderrPath == options.stdoutPath) {
+    // One file for both: one open file, or each stream would write over the other's bytes.
+    if (::dup2(STDOUT_FILENO, STDERR_FILENO) < 0) fail();
+  } else {
+    redirect(options.stderrPath, STDERR_FILENO);
+  }
   int devNull = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (devNull >= 0) ::dup2(devNull, STDIN_FILENO);
   if (!options.workingDirectory.empty() && ::chdir(options.workingDirectory.c_str()) != 0) fail();

@@ -42,6 +42,20 @@ TEST(ChildProcessTest, RunsAProgramWithItsOutputAndEnvironment) {
   std::filesystem::remove(out);
 }
 
+TEST(ChildProcessTest, OneFileForBothStreamsKeepsEveryLine) {
+  std::string out = tempPath("both");
+  ChildProcessOptions options;
+  options.argv = {"sh", "-c", "echo a long first line on stderr >&2; echo out; echo err >&2"};
+  options.stdoutPath = out;
+  options.stderrPath = out;
+  auto process = start(options);
+  EXPECT_EQ(process->wait(10s), 0);
+  std::ifstream in(out);
+  std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  EXPECT_EQ(all, "a long first line on stderr\nout\nerr\n");
+  std::filesystem::remove(out);
+}
+
 TEST(ChildProcessTest, ReportsAProgramThatCannotRun) {
   ChildProcessOptions options;
   options.argv = {"/nonexistent/program"};

@@ -21,6 +21,8 @@ struct ButtonState {
   std::string title;  // shown beside the glyph where there is room, and by the terminal
   bool enabled = true;
   bool hidden = false;
+  // Shown pressed in (a toggle that is on).
+  bool selected = false;
 };
 
 struct SliderState {

@@ -169,6 +169,7 @@ OptionalError MediaSourceMp4::start(Mp4ByteSource source) {
     info_.width = video->width;
     info_.height = video->height;
     info_.frameRate = video->frameRate;
+    info_.videoReordered = video->reordered;
     nalLengthSize_ = video->nalLengthSize;
     sps_ = video->sps;
     pps_ = video->pps;

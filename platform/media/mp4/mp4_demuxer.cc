@@ -6,6 +6,7 @@
 #include <limits>
 #include <string>
 
+#include "platform/media/aac_audio_config.h"
 #include "platform/media/media_encoder_h264_units.h"
 #include "platform/media/mp4/mp4_box_reader.h"
 
@@ -288,74 +289,6 @@ constexpr uint8_t kEsDescriptorTag = 0x03;
 constexpr uint8_t kDecoderConfigTag = 0x04;
 constexpr uint8_t kDecoderInfoTag = 0x05;
 
-struct AudioConfig {
-  int objectType = 0;  // the core coder's, below any SBR or PS signalling
-  int sampleRate = 0;  // the output rate: the SBR rate when signalled
-  int channelConfiguration = 0;
-  bool parametricStereo = false;
-};
-
-// Reads an AudioSpecificConfig as far as rate, channels and the explicitly signalled SBR/PS.
-class BitReader {
- public:
-  explicit BitReader(std::span<const uint8_t> bytes) : bytes_(bytes) {}
-  bool ok() const { return ok_; }
-  uint32_t read(int count) {
-    uint32_t value = 0;
-    for (int i = 0; i < count; ++i) {
-      if (position_ >= bytes_.size() * 8) {
-        ok_ = false;
-        return 0;
-      }
-      value = value << 1 | ((bytes_[position_ / 8] >> (7 - position_ % 8)) & 1);
-      ++position_;
-    }
-    return value;
-  }
-
- private:
-  std::span<const uint8_t> bytes_;
-  size_t position_ = 0;
-  bool ok_ = true;
-};
-
-int readObjectType(BitReader& bits) {
-  const int type = static_cast<int>(bits.read(5));
-  return type == 31 ? 32 + static_cast<int>(bits.read(6)) : type;
-}
-
-int readSampleRate(BitReader& bits) {
-  static constexpr int kRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
-                                   22050, 16000, 12000, 11025, 8000,  7350};
-  const uint32_t index = bits.read(4);
-  if (index == 15) return static_cast<int>(bits.read(24));
-  return index < std::size(kRates) ? kRates[index] : 0;
-}
-
-bool parseAudioSpecificConfig(std::span<const uint8_t> bytes, AudioConfig& config) {
-  constexpr int kSbr = 5;
-  constexpr int kPs = 29;
-  BitReader bits(bytes);
-  config.objectType = readObjectType(bits);
-  config.sampleRate = readSampleRate(bits);
-  config.channelConfiguration = static_cast<int>(bits.read(4));
-  if (config.objectType == kSbr || config.objectType == kPs) {
-    config.parametricStereo = config.objectType == kPs;
-    config.sampleRate = readSampleRate(bits);
-    config.objectType = readObjectType(bits);
-  }
-  return bits.ok() && config.sampleRate > 0;
-}
-
-// What an AAC decoder puts out for a channel configuration; 0 when a program config element
-// in the stream decides.
-int channelsOf(int configuration) {
-  static constexpr int kChannels[] = {0, 1, 2, 3, 4, 5, 6, 8, 0, 0, 0, 7, 8, 24, 8};
-  return configuration >= 0 && configuration < static_cast<int>(std::size(kChannels))
-             ? kChannels[configuration]
-             : 0;
-}
-
 // The first sample description of a track. Other descriptions are allowed to exist, but the
 // sample-to-chunk table must not switch to them.
 OptionalError firstSampleEntry(const TrackBoxes& track, Mp4BoxHeader& header,
@@ -486,7 +419,7 @@ OptionalError parseAudioEntry(const TrackBoxes& track, Mp4AudioTrack& audio) {
   if (decoderInfo.empty()) {
     return Error::media("no AAC configuration (AudioSpecificConfig) in the esds box");
   }
-  AudioConfig config;
+  AacAudioConfig config;
   if (decoderInfo.size() < 2 || !parseAudioSpecificConfig(decoderInfo, config)) {
     return broken(fourCc("esds"), "unreadable AudioSpecificConfig");
   }
@@ -497,7 +430,7 @@ OptionalError parseAudioEntry(const TrackBoxes& track, Mp4AudioTrack& audio) {
   }
   audio.asc = {decoderInfo[0], decoderInfo[1]};
   audio.sampleRate = config.sampleRate;
-  audio.channels = channelsOf(config.channelConfiguration);
+  audio.channels = aacChannelsOf(config.channelConfiguration);
   if (audio.channels == 0) audio.channels = entryChannels;
   if (config.parametricStereo && audio.channels == 1) audio.channels = 2;
   return std::nullopt;
@@ -1099,6 +1032,10 @@ OptionalError Mp4Demuxer::load() {
       return error;
     }
     videoTrack.order = videoOrder;
+    const auto& samples = videoTrack.samples;
+    video_->reordered = std::any_of(samples.begin(), samples.end(), [&](const TrackSample& s) {
+      return s.compositionOffset != samples.front().compositionOffset;
+    });
   }
   if (audioBoxes) {
     if (auto error = buildTrack(*audioBoxes, false, movie.timescale, source_.size, audioTrack)) {

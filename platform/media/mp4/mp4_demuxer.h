@@ -36,6 +36,8 @@ struct Mp4VideoTrack {
   // The first parameter sets of the avcC record; empty when the stream carries them in band only.
   std::vector<uint8_t> sps;
   std::vector<uint8_t> pps;
+  // Frames stored out of presentation order (B-frames): the composition offsets differ.
+  bool reordered = false;
 };
 
 struct Mp4AudioTrack {

@@ -1,0 +1,386 @@
+#include "recorder/nembra_recorder.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "nembra/application.h"
+#include "nembra/main_queue.h"
+#include "nembra/nembra_config.h"
+#include "nembra/nembra_videos.h"
+#include "platform/http/testing/http_test_support.h"
+#include "platform/ui/headless_ui.h"
+#include "platform/ui/screen_presenter.h"
+#include "recorder/testing/fake_recorder_environment.h"
+
+namespace nembra {
+namespace {
+
+constexpr double kFrame = 1.0 / 30;
+
+class RecorderTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    presenter_ = std::make_shared<ScreenPresenter>(ui_, queue_);
+    nembra_.setScreenPresenter(presenter_);
+    nembra_.config().useSingleServer("http://127.0.0.1:9");
+    RecorderConfig& config = nembra_.recorderConfig();
+    config.setResolution(*VideoSize::initWithWidth(16, 9));  // 1920 x 1080 under QUALITY_HIGH
+    delegate_ = std::make_shared<NembraRecorderDelegate>();
+    delegate_->recorderCountdown = [this](int s) { countdowns_.push_back(s); };
+    delegate_->recorderStopped = [this](const std::string& url) { stopped_.push_back(url); };
+    delegate_->recorderCurrentRecordedDurationSeconds = [this](int64_t s) {
+      seconds_.push_back(s);
+    };
+    delegate_->recorderRerecord = [this] { ++rerecords_; };
+    delegate_->recorderCancelledByUser = [this] { ++cancels_; };
+    nembra_.setRecorderDelegate(delegate_);
+  }
+
+  void open(const std::string& videoToken = {}, int orientation = 3) {
+    RecorderEnvironment env = testing::fakeRecorderEnvironment(queue_, log_, scratch_.path());
+    env.orientation = orientation;
+    recorder_ = std::make_shared<NembraRecorder>(nembra_, std::move(env), videoToken);
+    presenter_->present(recorder_);
+    queue_.runUntilIdle();
+  }
+  HeadlessScreenView& view() { return *ui_.topView(); }
+  HeadlessScreenView& recorderView() { return *ui_.views().front(); }
+  void tick() {
+    ASSERT_TRUE(log_->tick) << "no countdown running";
+    log_->tick();
+    queue_.runUntilIdle();
+  }
+  // One sample as the capture thread would deliver it, then the main queue catches up.
+  void sample(CaptureSample::Kind kind, double pts, double duration) {
+    CaptureSample s;
+    s.kind = kind;
+    s.pts = pts;
+    s.duration = duration;
+    s.frame = std::make_shared<RawMediaFrame>(
+        kind == CaptureSample::Kind::Video ? RawMediaFrame::Kind::Video
+                                           : RawMediaFrame::Kind::Audio,
+        nullptr, [](AVFrame*) {}, RawMediaFrame::Shape{}, pts);
+    recorder_->captureOutput(s);
+    queue_.runUntilIdle();
+  }
+  // Video at 30 fps and 1024-sample audio at 48 kHz over [from, to).
+  void feed(double from, double to) {
+    int64_t block = 0;
+    for (int64_t i = 0; from + i / 30.0 < to - 1e-9; ++i) {
+      const double t = from + i / 30.0;
+      sample(CaptureSample::Kind::Video, t, kFrame);
+      for (; from + block * 1024 / 48000.0 < t + kFrame - 1e-9; ++block) {
+        sample(CaptureSample::Kind::Audio, from + block * 1024 / 48000.0, 1024.0 / 48000);
+      }
+    }
+  }
+  testing::FakeRecorderLog::Writer& writer() { return *log_->writers.back(); }
+
+  MainQueue queue_;
+  Nembra nembra_{"app", queue_};
+  HeadlessUi ui_;
+  std::shared_ptr<ScreenPresenter> presenter_;
+  testing::ScratchDirectory scratch_;
+  std::shared_ptr<testing::FakeRecorderLog> log_ = std::make_shared<testing::FakeRecorderLog>();
+  std::shared_ptr<NembraRecorderDelegate> delegate_;
+  std::shared_ptr<NembraRecorder> recorder_;
+  std::vector<int> countdowns_;
+  std::vector<std::string> stopped_;
+  std::vector<int64_t> seconds_;
+  int rerecords_ = 0;
+  int cancels_ = 0;
+};
+
+TEST_F(RecorderTest, CountdownOfThreeTicksThreeTwoOneAndRecordsAtTheFourthTick) {
+  nembra_.recorderConfig().setStartDelay(3);
+  open();
+  EXPECT_EQ(recorder_->state(), RecorderState::Countdown);
+  EXPECT_TRUE(log_->captureRunning);
+  for (int i = 0; i < 3; ++i) tick();
+  EXPECT_EQ(view().labelHistory("countdown"), (std::vector<std::string>{"", "3", "2", "1"}));
+  EXPECT_EQ(countdowns_, (std::vector<int>{3, 2, 1}));
+  EXPECT_TRUE(log_->writers.empty());
+  tick();
+  ASSERT_EQ(log_->writers.size(), 1u);
+  EXPECT_EQ(recorder_->state(), RecorderState::Recording);
+  EXPECT_FALSE(log_->tick) << "the countdown goes on after recording started";
+  EXPECT_EQ(view().label("countdown"), "");
+  EXPECT_EQ(view().button("record")->image, "stop-white");
+}
+
+TEST_F(RecorderTest, AutoStartWithNoDelayWaitsForTheButtonThenRecordsAtOnce) {
+  nembra_.recorderConfig().setStartDelay(0);
+  open();
+  EXPECT_EQ(recorder_->state(), RecorderState::Idle);
+  EXPECT_EQ(log_->timersMade, 0);
+  EXPECT_TRUE(log_->writers.empty());
+  EXPECT_TRUE(view().press("record"));
+  queue_.runUntilIdle();
+  EXPECT_EQ(log_->timersMade, 0);
+  EXPECT_EQ(log_->writers.size(), 1u);
+
+  EXPECT_TRUE(view().press("close"));
+  queue_.runUntilIdle();
+  EXPECT_EQ(cancels_, 1);
+  EXPECT_EQ(recorder_->state(), RecorderState::Closed);
+}
+
+TEST_F(RecorderTest, MaxDurationStopsOnceAndWritesNothingAfterTheLimit) {
+  RecorderConfig& config = nembra_.recorderConfig();
+  config.setShouldAutoStartRecording(false);
+  config.setMaxDuration(10);
+  open();
+  view().press("record");
+  queue_.runUntilIdle();
+  feed(100.0, 112.0);
+  ASSERT_EQ(log_->writers.size(), 1u) << "the stop started a second recording";
+  EXPECT_TRUE(writer().finished);
+  EXPECT_EQ(stopped_.size(), 1u);
+  ASSERT_FALSE(writer().video.empty());
+  EXPECT_NEAR(writer().video.back() - writer().video.front(), 10.0, 1e-6);
+  EXPECT_EQ(view().screenName(), "recorded-preview");
+  const std::vector<std::string>& shown = recorderView().labelHistory("duration");
+  ASSERT_GE(shown.size(), 2u);
+  EXPECT_EQ(shown[1], "00:10");
+  EXPECT_EQ(shown.back(), "00:00");
+  EXPECT_EQ(seconds_.front(), 0);
+}
+
+TEST_F(RecorderTest, WithoutALimitTheElapsedTimeIsShown) {
+  nembra_.recorderConfig().setShouldAutoStartRecording(false);
+  open();
+  view().press("record");
+  queue_.runUntilIdle();
+  feed(5.0, 7.5);
+  EXPECT_EQ(view().label("duration"), "00:02");
+  EXPECT_EQ(seconds_, (std::vector<int64_t>{0, 1, 2}));
+}
+
+TEST_F(RecorderTest, APauseOfFiveSecondsLeavesNoGapInEitherTrack) {
+  RecorderConfig& config = nembra_.recorderConfig();
+  config.setShouldAutoStartRecording(false);
+  config.setIsPausedMode(true);
+  open();
+  view().press("record");
+  queue_.runUntilIdle();
+  EXPECT_FALSE(view().button("pause")->hidden);
+  feed(0.0, 2.0);
+  ASSERT_TRUE(view().press("pause"));
+  EXPECT_TRUE(view().button("pause")->selected);
+  EXPECT_FALSE(view().button("record")->enabled);
+  feed(2.0, 7.0);  // dropped
+  ASSERT_TRUE(view().press("pause"));
+  feed(7.0, 9.0);
+  EXPECT_NEAR(recorder_->duration(), 4.0 - kFrame, 1e-6);
+  for (const std::vector<double>* track : {&writer().video, &writer().audio}) {
+    for (size_t i = 1; i < track->size(); ++i) {
+      EXPECT_LT((*track)[i] - (*track)[i - 1], 0.04) << "gap at " << (*track)[i - 1];
+    }
+  }
+  // Both tracks take one offset: they still end together.
+  EXPECT_NEAR(writer().video.back(), writer().audio.back(), 0.04);
+}
+
+TEST_F(RecorderTest, WriterSizeFollowsTheOrientation) {
+  struct Case {
+    int orientation;
+    int width;
+    int height;
+  };
+  for (const Case& c : {Case{1, 1080, 1920}, Case{2, 1080, 1920}, Case{3, 1920, 1080},
+                        Case{4, 1920, 1080}, Case{0, 0, 0}, Case{5, 0, 0}}) {
+    log_->writers.clear();
+    nembra_.recorderConfig().setShouldAutoStartRecording(false);
+    open({}, c.orientation);
+    view().press("record");
+    queue_.runUntilIdle();
+    ASSERT_EQ(log_->writers.size(), 1u);
+    EXPECT_EQ(writer().settings.width, c.width) << c.orientation;
+    EXPECT_EQ(writer().settings.height, c.height) << c.orientation;
+    view().press("close");
+    queue_.runUntilIdle();
+  }
+}
+
+TEST_F(RecorderTest, SendImmediatelyUploadsWithTheDefaultCoverEvenWithCoverShot) {
+  RecorderConfig& config = nembra_.recorderConfig();
+  config.setShouldAutoStartRecording(false);
+  config.setShouldSendImmediately(true);
+  config.setShouldEnableCoverShot(true);
+  open();
+  view().press("record");
+  queue_.runUntilIdle();
+  feed(0.0, 1.0);
+  view().press("record");
+  queue_.runUntilIdle();
+  EXPECT_EQ(presenter_->depth(), 0u) << "a preview or cover selector was shown";
+  ASSERT_EQ(log_->uploads.size(), 1u);
+  EXPECT_EQ(log_->uploads[0].kind, "create");
+  EXPECT_TRUE(log_->uploads[0].withCover);
+  EXPECT_EQ(log_->covers, std::vector<std::string>{writer().path});
+  EXPECT_EQ(stopped_, std::vector<std::string>{"file://" + writer().path});
+}
+
+TEST_F(RecorderTest, ReRecordingNeverAsksForACover) {
+  RecorderConfig& config = nembra_.recorderConfig();
+  config.setShouldAutoStartRecording(false);
+  config.setShouldEnableCoverShot(true);
+  open("vid123");
+  view().press("record");
+  queue_.runUntilIdle();
+  feed(0.0, 1.0);
+  view().press("record");
+  queue_.runUntilIdle();
+  ASSERT_EQ(view().screenName(), "recorded-preview");
+  ASSERT_TRUE(view().press("use"));
+  queue_.runUntilIdle();
+  EXPECT_EQ(presenter_->depth(), 0u);
+  ASSERT_EQ(log_->uploads.size(), 1u);
+  EXPECT_EQ(log_->uploads[0].kind, "rerecord");
+  EXPECT_EQ(log_->uploads[0].token, "vid123");
+  EXPECT_TRUE(log_->covers.empty());
+}
+
+TEST_F(RecorderTest, RetakeFromThePreviewRemovesTheFileAndRecordsAgain) {
+  nembra_.recorderConfig().setShouldAutoStartRecording(false);
+  open();
+  view().press("record");
+  queue_.runUntilIdle();
+  feed(0.0, 1.0);
+  view().press("record");
+  queue_.runUntilIdle();
+  const std::string first = writer().path;
+  ASSERT_TRUE(view().press("retake"));
+  queue_.runUntilIdle();
+  EXPECT_EQ(rerecords_, 1);
+  EXPECT_FALSE(std::ifstream(first).good());
+  EXPECT_EQ(recorder_->state(), RecorderState::Idle);
+  EXPECT_TRUE(view().press("record"));
+  queue_.runUntilIdle();
+  EXPECT_EQ(log_->writers.size(), 2u);
+}
+
+TEST_F(RecorderTest, FrameObserversSeeEverySampleEvenWhilePaused) {
+  struct Counter : CaptureFrameObserver {
+    void captureVideoFrame(const CaptureSample&) override { ++video; }
+    void captureAudioFrame(const CaptureSample&) override { ++audio; }
+    int video = 0;
+    int audio = 0;
+  };
+  auto counter = std::make_shared<Counter>();
+  RecorderConfig& config = nembra_.recorderConfig();
+  config.setShouldAutoStartRecording(false);
+  config.setIsPausedMode(true);
+  open();
+  recorder_->addFrameObserver(counter);
+  view().press("record");
+  queue_.runUntilIdle();
+  feed(0.0, 1.0);
+  view().press("pause");
+  feed(1.0, 2.0);
+  EXPECT_EQ(counter->video, 60);
+  EXPECT_EQ(counter->audio, 94);
+  EXPECT_EQ(writer().video.size(), 30u);
+}
+
+TEST_F(RecorderTest, StopConfirmationNoKeepsRecordingWithTheButtonLeftSelected) {
+  RecorderConfig& config = nembra_.recorderConfig();
+  config.setShouldAutoStartRecording(false);
+  config.setShouldConfirmStopRecording(true);
+  open();
+  view().press("record");
+  queue_.runUntilIdle();
+  feed(0.0, 0.5);
+  ASSERT_TRUE(view().press("record"));
+  ASSERT_TRUE(view().alert());
+  EXPECT_EQ(view().alert()->title, "Nembra");
+  EXPECT_EQ(view().alert()->message, "Do you want to stop video recording?");
+  EXPECT_EQ(view().alert()->buttons, (std::vector<std::string>{"No", "Yes"}));
+  ASSERT_TRUE(view().answerAlert("No"));
+  queue_.runUntilIdle();
+  EXPECT_EQ(recorder_->state(), RecorderState::Recording);
+  EXPECT_TRUE(view().button("record")->selected);
+  EXPECT_FALSE(writer().finished);
+
+  ASSERT_TRUE(view().press("record"));
+  ASSERT_TRUE(view().answerAlert("Yes"));
+  queue_.runUntilIdle();
+  EXPECT_TRUE(writer().finished);
+}
+
+}  // namespace
+}  // namespace nembra
+
+namespace nembra {
+namespace {
+
+// Live mode against a loopback service whose RTMP ingest is not there.
+class RecorderLiveTest : public RecorderTest {
+ protected:
+  void SetUp() override {
+    RecorderTest::SetUp();
+    server_.on("POST", "/session", [](const auto&, auto& reply) {
+      reply.set_content(R"({"token":"sess"})", "application/json");
+    });
+    server_.on("POST", R"(/v1/applications/app/videos.*)",
+               [this](const auto& request, auto& reply) {
+                 if (request.target.find("recordersubmit") != std::string::npos) {
+                   ++submits_;
+                   reply.set_content("{}", "application/json");
+                 } else {
+                   reply.set_content(liveReply_, "application/json");
+                 }
+               });
+    // One request per connection: a kept-alive one would hold the server's stop.
+    server_.server().set_keep_alive_max_count(1);
+    server_.start();
+    nembra_.config().useSingleServer(server_.url());
+    nembra_.config().server_api_url = server_.url();
+    nembra_.config().wowza_url =
+        "rtmp://127.0.0.1:" + std::to_string(testing::HttpTestServer::closedPort()) +
+        "/record/_definst_";
+    RecorderConfig& config = nembra_.recorderConfig();
+    config.setIsLiveStreaming(true);
+    config.setShouldAutoStartRecording(false);
+    uploads_ = std::make_shared<NembraUploadingDelegate>();
+    uploads_->uploadFinishedWithPath = [this](const std::string& path, const std::string& token,
+                                              const std::string& stream) {
+      finished_.push_back(path + " " + token + " " + stream);
+    };
+    nembra_.setUploadingDelegate(uploads_);
+  }
+
+  testing::HttpTestServer server_;
+  std::string liveReply_ = R"({"video":{"token":"vid1"},"stream":{"token":"str1"}})";
+  std::atomic<int> submits_{0};
+  std::shared_ptr<NembraUploadingDelegate> uploads_;
+  std::vector<std::string> finished_;
+};
+
+TEST_F(RecorderLiveTest, BuildsTheTargetWithItsTrailingCharacterAndReportsARefusedIngest) {
+  open();
+  ASSERT_TRUE(view().press("record"));
+  // While the service is asked, the controls wait.
+  EXPECT_FALSE(view().button("record")->enabled);
+  EXPECT_FALSE(view().button("camera")->enabled);
+  EXPECT_FALSE(view().button("pause")->enabled);
+  ASSERT_TRUE(queue_.runUntil([&] { return view().alert().has_value(); }));
+  EXPECT_EQ(recorder_->liveTargetAddress(), nembra_.config().wowza_url + "\u00DF");
+  EXPECT_EQ(recorder_->liveStreamName(), "applications/app/videos/vid1/streams/str1/video.mp4");
+  EXPECT_EQ(view().alert()->title, "Error");
+  EXPECT_EQ(view().alert()->message, "failed to start streaming");
+  EXPECT_EQ(recorder_->state(), RecorderState::Idle);
+  EXPECT_TRUE(view().button("record")->enabled);
+}
+
+TEST_F(RecorderLiveTest, WithoutAnIngestAddressTheStartFailsWithItsMessage) {
+  nembra_.config().wowza_url = "";
+  open();
+  view().press("record");
+  ASSERT_TRUE(queue_.runUntil([&] { return view().alert().has_value(); }));
+  EXPECT_EQ(view().alert()->message, "no target address specified for the live streaming");
+}
+
+}  // namespace
+}  // namespace nembra

@@ -1,0 +1,255 @@
+// `nembra record` from the virtual camera and microphone against `nembra serve`: a recording
+// uploaded with its cover, a recorder killed mid-recording and its file recovered, and the
+// failures a user meets. Files are checked with ffprobe.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <chrono>
+#include <filesystem>
+#include <regex>
+#include <thread>
+
+#include "platform/system/child_process.h"
+#include "tests/test_support.h"
+
+namespace nembra {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using nembra::testing::CommandResult;
+using nembra::testing::TempDir;
+using ::testing::HasSubstr;
+
+constexpr const char* kApp = "recapp";
+
+struct Probe {
+  std::string codecs;  // "h264,aac"
+  double duration = 0;
+};
+
+Probe probe(const std::string& path) {
+  const CommandResult result = nembra::testing::runCommand(
+      {"ffprobe", "-v", "error", "-show_entries", "stream=codec_name:format=duration", "-of",
+       "default=noprint_wrappers=1:nokey=1", path});
+  Probe probe;
+  std::istringstream lines(result.output);
+  std::string line;
+  std::vector<std::string> values;
+  while (std::getline(lines, line)) values.push_back(line);
+  if (values.empty()) return probe;
+  probe.duration = std::atof(values.back().c_str());
+  values.pop_back();
+  for (const std::string& codec : values) probe.codecs += (probe.codecs.empty() ? "" : ",") + codec;
+  return probe;
+}
+
+// Every file under |root| whose name ends with |suffix|.
+std::vector<std::string> filesEndingWith(const std::string& root, const std::string& suffix) {
+  std::vector<std::string> found;
+  std::error_code ec;
+  for (fs::recursive_directory_iterator it(root, ec), end; !ec && it != end; it.increment(ec)) {
+    const std::string name = it->path().string();
+    if (name.size() >= suffix.size() &&
+        name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
+      found.push_back(name);
+    }
+  }
+  return found;
+}
+
+class RecordCommandTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!nembra::testing::findProgram("ffprobe")) GTEST_SKIP() << "ffprobe is not installed";
+    nembra::testing::ServeProcess::Options options;
+    options.dataDir = scratch_.file("data");
+    std::string error;
+    service_ = nembra::testing::ServeProcess::start(options, error);
+    ASSERT_TRUE(service_) << error;
+  }
+  std::vector<std::string> argv(std::vector<std::string> args) {
+    std::vector<std::string> all = {"/usr/bin/env",
+                                    "NEMBRA_HOME=" + scratch_.file("home"),
+                                    NEMBRA_CLI_PATH,
+                                    "--server",
+                                    service_->baseUrl(),
+                                    "--token",
+                                    kApp,
+                                    "--ui",
+                                    "none",
+                                    "record"};
+    all.insert(all.end(), args.begin(), args.end());
+    return all;
+  }
+  std::string documents() { return scratch_.file("home") + "/Documents"; }
+
+  TempDir scratch_;
+  std::unique_ptr<nembra::testing::ServeProcess> service_;
+};
+
+TEST_F(RecordCommandTest, RecordsFromTheVirtualCameraAndUploadsWithItsCover) {
+  const CommandResult result = nembra::testing::runCommand(
+      argv({"--camera", "lavfi", "--mic", "lavfi", "--start-delay", "0", "--max-duration", "3",
+            "--send-immediately", "--quality", "low", "--extra", "title=take one"}),
+      120s);
+  ASSERT_EQ(result.exitCode, 0) << result.output;
+  std::smatch token;
+  ASSERT_TRUE(std::regex_search(result.output, token, std::regex("video token: (\\S+)")))
+      << result.output;
+  const std::string videoDir =
+      scratch_.file("data") + "/media/" + kApp + "/videos/" + token[1].str();
+  const std::vector<std::string> videos = filesEndingWith(videoDir, "/video.mp4");
+  ASSERT_EQ(videos.size(), 1u) << result.output;
+  const Probe uploaded = probe(videos[0]);
+  EXPECT_EQ(uploaded.codecs, "h264,aac");
+  EXPECT_NEAR(uploaded.duration, 3.0, 0.25);
+  EXPECT_EQ(filesEndingWith(videoDir, "/cover.jpg").size(), 1u) << "no cover attached";
+  // The local recording goes once it is uploaded.
+  std::smatch recorded;
+  ASSERT_TRUE(std::regex_search(result.output, recorded, std::regex("recorded: file://(\\S+)")));
+  EXPECT_FALSE(fs::exists(recorded[1].str()));
+}
+
+TEST_F(RecordCommandTest, ARecordingKilledMidwayIsRecoveredAndPlays) {
+  ChildProcessOptions options;
+  options.argv = argv({"--camera", "lavfi", "--mic", "lavfi", "--start-delay", "0", "--quality",
+                       "low", "--send-immediately"});
+  options.stdoutPath = scratch_.file("record.out");
+  options.stderrPath = scratch_.file("record.err");
+  std::unique_ptr<ChildProcess> child;
+  ASSERT_FALSE(ChildProcess::start(options, child));
+  std::optional<std::chrono::steady_clock::time_point> started;
+  for (int i = 0; i < 200 && !started; ++i) {
+    std::this_thread::sleep_for(50ms);
+    if (!filesEndingWith(documents(), ".mp4.part").empty())
+      started = std::chrono::steady_clock::now();
+  }
+  ASSERT_TRUE(started) << nembra::testing::readFile(scratch_.file("record.err"));
+  std::this_thread::sleep_for(4s);
+  const double recorded =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - *started).count();
+  child->signal(SIGKILL);
+  child->wait(5s);
+
+  const CommandResult recovered = nembra::testing::runCommand(argv({"--recover"}), 60s);
+  ASSERT_EQ(recovered.exitCode, 0) << recovered.output;
+  std::smatch path;
+  ASSERT_TRUE(std::regex_search(recovered.output, path, std::regex("recovered: (\\S+)")))
+      << recovered.output;
+  const Probe file = probe(path[1].str());
+  EXPECT_EQ(file.codecs, "h264,aac");
+  EXPECT_GE(file.duration, recorded - 1.0);
+  EXPECT_TRUE(filesEndingWith(documents(), ".part").empty());
+  // It plays: every frame decodes.
+  const CommandResult decoded = nembra::testing::runCommand(
+      {"ffmpeg", "-v", "error", "-i", path[1].str(), "-f", "null", "-"});
+  EXPECT_EQ(decoded.exitCode, 0) << decoded.output;
+  EXPECT_EQ(decoded.output, "");
+}
+
+TEST_F(RecordCommandTest, LiveModeStreamsToTheIngestAndSubmits) {
+  nembra::testing::ServeProcess::Options options;
+  options.dataDir = scratch_.file("live-data");
+  options.rtmpPort = nembra::testing::freeTcpPort();
+  std::string error;
+  auto service = nembra::testing::ServeProcess::start(options, error);
+  ASSERT_TRUE(service) << error;
+  const CommandResult result = nembra::testing::runCommand(
+      {"/usr/bin/env",
+       "NEMBRA_HOME=" + scratch_.file("home"),
+       NEMBRA_CLI_PATH,
+       "--server",
+       service->baseUrl(),
+       "--rtmp-url",
+       "rtmp://127.0.0.1:" + std::to_string(options.rtmpPort) + "/record/_definst_",
+       "--token",
+       kApp,
+       "--ui",
+       "none",
+       "record",
+       "--live",
+       "--camera",
+       "lavfi",
+       "--mic",
+       "lavfi",
+       "--start-delay",
+       "0",
+       "--max-duration",
+       "4",
+       "--quality",
+       "low"},
+      120s);
+  ASSERT_EQ(result.exitCode, 0) << result.output;
+  std::smatch token;
+  ASSERT_TRUE(std::regex_search(result.output, token, std::regex("video token: (\\S+)")))
+      << result.output;
+  // The submit turned the ingest's recording into the stream's file.
+  std::vector<std::string> videos;
+  for (int i = 0; i < 100 && videos.empty(); ++i) {
+    videos = filesEndingWith(options.dataDir + "/media/" + kApp + "/videos/" + token[1].str(),
+                             "/video.mp4");
+    if (videos.empty()) std::this_thread::sleep_for(100ms);
+  }
+  ASSERT_EQ(videos.size(), 1u) << service->output();
+  const Probe streamed = probe(videos[0]);
+  EXPECT_THAT(streamed.codecs, HasSubstr("h264"));
+  EXPECT_THAT(streamed.codecs, HasSubstr("aac"));
+  EXPECT_GT(streamed.duration, 1.5);
+}
+
+TEST_F(RecordCommandTest, AnIngestThatRefusesEndsWithTheErrorAlert) {
+  const CommandResult result = nembra::testing::runCommand(
+      argv({"--live", "--camera", "lavfi", "--mic", "none", "--start-delay", "0", "--rtmp-url",
+            "rtmp://127.0.0.1:" + std::to_string(nembra::testing::freeTcpPort()) +
+                "/record/_definst_"}),
+      60s);
+  EXPECT_EQ(result.exitCode, 1) << result.output;
+  EXPECT_THAT(result.output, HasSubstr("nembra record: Error: failed to start streaming"));
+}
+
+TEST_F(RecordCommandTest, ACameraThatIsNotThereEndsWithTheAlertText) {
+  const CommandResult result =
+      nembra::testing::runCommand(argv({"--camera", "/dev/video-none", "--mic", "none"}), 60s);
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.output, HasSubstr("nembra record: Unable to capture media"));
+}
+
+TEST_F(RecordCommandTest, AMicrophoneThatCannotOpenEndsWithTheReason) {
+  const CommandResult result =
+      nembra::testing::runCommand(argv({"--camera", "lavfi", "--mic", "alsa:no-such-card"}), 60s);
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.output, HasSubstr("nembra record: no microphone"));
+}
+
+TEST_F(RecordCommandTest, AnUnreachableServiceFailsTheUpload) {
+  const std::vector<std::string> args = {
+      "/usr/bin/env",
+      "NEMBRA_HOME=" + scratch_.file("home"),
+      NEMBRA_CLI_PATH,
+      "--server",
+      "http://127.0.0.1:" + std::to_string(nembra::testing::freeTcpPort()),
+      "--token",
+      kApp,
+      "--ui",
+      "none",
+      "record",
+      "--camera",
+      "lavfi",
+      "--mic",
+      "none",
+      "--start-delay",
+      "0",
+      "--max-duration",
+      "1",
+      "--send-immediately",
+      "--quality",
+      "low"};
+  const CommandResult result = nembra::testing::runCommand(args, 120s);
+  EXPECT_EQ(result.exitCode, 1) << result.output;
+  EXPECT_THAT(result.output, HasSubstr("upload failed"));
+}
+
+}  // namespace
+}  // namespace nembra
