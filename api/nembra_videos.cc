@@ -11,6 +11,7 @@
 #include "nembra/nembra_cache_manager.h"
 #include "nembra/nembra_connect.h"
 #include "platform/dispatch/serial_queue.h"
+#include "platform/files/directory_watcher.h"
 #include "platform/media/image_codec.h"
 
 namespace nembra {

@@ -63,6 +63,8 @@ void registerStreamCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerUploadCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerMediaCommands(CLI::App& app, CliContext& context, int& exitCode);
 void registerCacheCommand(CLI::App& app, CliContext& context, int& exitCode);
+void registerRecordAudioCommand(CLI::App& app, CliContext& context, int& exitCode);
+void registerRecordScreenCommands(CLI::App& app, CliContext& context, int& exitCode);
 void registerRecordCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerPlayCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerPickCommand(CLI::App& app, CliContext& context, int& exitCode);

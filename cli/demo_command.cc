@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <iostream>
@@ -13,6 +14,8 @@
 
 #include "api/vast_ad_resolver.h"
 #include "api/vast_tracker.h"
+#include "capture/capture_screens_module.h"
+#include "capture/nembra_audio_recorder.h"
 #include "cli/cli_context.h"
 #include "nembra/application.h"
 #include "nembra/media_type.h"
@@ -29,6 +32,7 @@
 #include "platform/media/media_log.h"
 #include "platform/media/media_probe.h"
 #include "platform/media/media_sample_writer.h"
+#include "platform/system/child_process.h"
 #include "platform/ui/headless_ui.h"
 #include "platform/ui/screen_presenter.h"
 #include "platform/ui/ui_adapter.h"
@@ -91,6 +95,10 @@ class DemoRun {
     step("Play the uploaded video through the caching loader", [this] { return playVideo(); });
     step("Resolve the sample ad tag, fire its pixels, count them on the service",
          [this] { return adPixels(); });
+    step("Record 2 s of audio from the virtual microphone, upload it, read it back",
+         [this] { return recordAudio(); });
+    step("Record 2 s of the screen, then hand the movie over for upload",
+         [this] { return recordScreen(); });
     auto seconds = std::chrono::duration<double>(Clock::now() - started).count();
     std::cout << "\n" << passed_ << " of " << total_ - skipped_ << " steps passed";
     if (skipped_ > 0) std::cout << " (" << skipped_ << " skipped)";
@@ -496,6 +504,149 @@ class DemoRun {
     std::cout << "    downloaded " << back.size() << " bytes to " << *cached << ": "
               << (same ? "identical to the upload" : "DIFFERENT from the upload") << "\n";
     return same;
+  }
+
+  // Waits on the main queue for the service to confirm an upload; its token, or "" (said why).
+  std::string awaitConfirmedUpload(const std::function<void()>& start) {
+    auto delegate = std::make_shared<NembraUploadingDelegate>();
+    std::string token;
+    std::string failure;
+    bool ended = false;
+    delegate->uploadVerifiedWithPath = [&](const std::string&, const std::string& media,
+                                           const std::string&, const HttpResponse& response,
+                                           const OptionalError& error,
+                                           const std::optional<Json>& json) {
+      token = media;
+      OptionalError refused = error;
+      if (!refused) refused = ReplyStatus::check("the confirm request", response, json);
+      if (refused) failure = "not confirmed: " + refused->message;
+      ended = true;
+    };
+    delegate->errorWithError = [&](const Error& error) {
+      failure = error.message;
+      ended = true;
+    };
+    auto previous = nembra_.getUploadingDelegate();
+    nembra_.setUploadingDelegate(delegate);
+    start();
+    nembra_.mainQueue().runUntil([&] { return ended; }, std::chrono::minutes(5));
+    nembra_.setUploadingDelegate(previous);
+    if (!ended || !failure.empty()) {
+      std::cout << "    upload failed: " << (ended ? failure : "no answer") << "\n";
+      return "";
+    }
+    return token;
+  }
+
+  // The audio recorder screen, driven headless: two seconds of the virtual tone, uploaded; the
+  // audio is downloaded again and probed.
+  bool recordAudio() {
+    setMediaLogLevel(context_.options.debug ? MediaLogLevel::Info : MediaLogLevel::Errors);
+    HeadlessUi ui;
+    auto presenter = std::make_shared<ScreenPresenter>(ui, nembra_.mainQueue());
+    auto previousPresenter = nembra_.screenPresenter();
+    nembra_.setScreenPresenter(presenter);
+    auto module = installCaptureScreens();
+    module->configureAudioRecorder = [](NembraAudioRecorder& recorder) {
+      recorder.setMicrophone("lavfi");
+    };
+    RecorderConfig& config = nembra_.recorderConfig();
+    const int64_t previousMaximum = config.getMaxDuration();
+    config.setMaxDuration(2);
+    nembra_.startAudioRecorder();
+    nembra_.mainQueue().runUntilIdle();
+    HeadlessScreenView* view = ui.topView();
+    std::string token;
+    if (view && view->press("record")) {
+      nembra_.mainQueue().runUntil([&] { return view->label("status") != "Recording"; },
+                                   std::chrono::seconds(30));
+      std::cout << "    recorded " << view->label("duration") << " of ALAC\n";
+      token = awaitConfirmedUpload([&] { view->press("upload"); });
+    } else {
+      std::cout << "    the audio recorder did not open\n";
+    }
+    config.setMaxDuration(previousMaximum);
+    nembra_.setScreenPresenter(previousPresenter);
+    if (token.empty()) return false;
+    std::cout << "    uploaded as audio " << token << "\n";
+    std::optional<std::string> cached;
+    bool downloaded = false;
+    nembra_.uploadingHandler().downloadWithType(
+        AUDIO, token, [&](const std::optional<std::string>& path, const OptionalError&) {
+          cached = path;
+          downloaded = true;
+        });
+    nembra_.mainQueue().runUntil([&] { return downloaded; }, std::chrono::minutes(5));
+    MediaProbeResult probed;
+    if (!cached || makeMediaProbe()->probe(*cached, probed)) {
+      std::cout << "    the audio could not be read back\n";
+      return false;
+    }
+    std::cout << "    read back: " << probed.audioCodec << ", " << probed.duration << " s\n";
+    return probed.audioCodec == "alac" && std::abs(probed.duration - 2.0) <= 0.5;
+  }
+
+  // An Xvfb server on a free display number; its name (":N"), or "" when none started.
+  static std::string startXvfb(std::unique_ptr<ChildProcess>& process) {
+    for (int number = 90; number < 140; ++number) {
+      const std::string socket = "/tmp/.X11-unix/X" + std::to_string(number);
+      const std::string lock = "/tmp/.X" + std::to_string(number) + "-lock";
+      if (std::filesystem::exists(socket) || std::filesystem::exists(lock)) continue;
+      const std::string name = ":" + std::to_string(number);
+      ChildProcessOptions options;
+      options.argv = {"Xvfb", name, "-screen", "0", "1280x720x24", "-nolisten", "tcp"};
+      options.stderrPath = "/dev/null";
+      if (ChildProcess::start(options, process)) return "";
+      for (int i = 0; i < 100 && process->isRunning(); ++i) {
+        if (std::filesystem::exists(socket)) return name;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      }
+      process.reset();
+    }
+    return "";
+  }
+
+  // The screen broadcast (`nembra record-screen` on the display, or on an Xvfb started for it)
+  // leaves a movie in the group's shared directory; the main application's watcher uploads it.
+  Outcome recordScreen() {
+    std::unique_ptr<ChildProcess> xvfb;
+    std::vector<std::string> arguments = {"--mic", "lavfi", "--duration", "2"};
+    const char* display = std::getenv("DISPLAY");
+    if (!display || !*display) {
+      const std::string started = startXvfb(xvfb);
+      if (started.empty()) {
+        std::cout << "    no display and no Xvfb to record\n";
+        return Outcome::Skipped;
+      }
+      arguments.insert(arguments.end(), {"--display", started});
+    }
+    const std::string group = "nembra-demo";
+    NembraVideos& videos = nembra_.videos();
+    std::string token;
+    std::string failure;
+    bool ended = false;
+    videos.onScreenRecordingUploaded = [&](const std::string& path, const std::string& media,
+                                           const OptionalError& error) {
+      std::cout << "    " << path << " uploaded\n";
+      token = media;
+      if (error) failure = error->message;
+      ended = true;
+    };
+    if (auto error = nembra_.startScreenRecorderWithAppGroup(group, "", arguments)) {
+      std::cout << "    the broadcast did not start: " << error->message << "\n";
+      return Outcome::Failed;
+    }
+    if (!videos.setupFileWatcher()) return Outcome::Failed;
+    nembra_.mainQueue().runUntil([&] { return ended; }, std::chrono::seconds(60));
+    const auto code = nembra_.stopScreenRecorder(std::chrono::seconds(10));
+    videos.onScreenRecordingUploaded = nullptr;
+    if (!ended || !failure.empty()) {
+      std::cout << "    " << (ended ? failure : "no movie was uploaded") << " (broadcast exit "
+                << (code ? std::to_string(*code) : "?") << ")\n";
+      return Outcome::Failed;
+    }
+    std::cout << "    uploaded as video " << token << "\n";
+    return Outcome::Passed;
   }
 
   // The recorder's live hand-off with a test pattern for a camera: a live video, three seconds

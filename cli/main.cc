@@ -53,6 +53,8 @@ int main(int argc, char** argv) {
   nembra::registerPlayCommand(app, context, exitCode);
   nembra::registerPickCommand(app, context, exitCode);
   nembra::registerShowCommands(app, context, exitCode);
+  nembra::registerRecordAudioCommand(app, context, exitCode);
+  nembra::registerRecordScreenCommands(app, context, exitCode);
   nembra::registerRecordCommand(app, context, exitCode);
 #ifdef NEMBRA_HAVE_SERVICE
   nembra::registerServeCommand(app, context, exitCode);

@@ -5,6 +5,7 @@
 // main queue given at construction. log() may be called from any thread.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -38,6 +39,7 @@ class FileInfoData;
 class RemoteImageLoader;
 class ScreenPresenter;
 class PlaybackScreens;
+class ChildProcess;
 
 class Nembra {
  public:
@@ -120,6 +122,20 @@ class Nembra {
   // Presents the image viewer over the topmost screen: URLs, file:// URIs or local paths.
   void showImageFromUri(const std::string& uri);
   void showImageFromUris(const std::vector<std::string>& uris);
+  // Presents the audio recorder (api/capture_screens.h) over the topmost screen.
+  void startAudioRecorder();
+  // Stores |appGroup| under the "AppGroup" user default, hands it to videos(), and starts the
+  // screen broadcast in place of the platform's picker: the nembra tool's `record-screen
+  // --app-group G` (found at $NEMBRA_TOOL, beside this program, else in PATH), or the program
+  // |preferredExtension| names, with |broadcastArguments| added; its log goes to
+  // "screen-broadcast.log" in the temporary directory. The broadcast leaves its movie in the
+  // group's shared directory; videos().setupFileWatcher() picks it up.
+  OptionalError startScreenRecorderWithAppGroup(
+      const std::string& appGroup, const std::string& preferredExtension,
+      const std::vector<std::string>& broadcastArguments = {});
+  // Ends that broadcast as the platform's stop button would, and waits for it to have moved
+  // its movie (at most |limit|). Its exit code; absent when none ran or it did not end in time.
+  std::optional<int> stopScreenRecorder(std::chrono::milliseconds limit = std::chrono::seconds(60));
   // Copies "client_auth" and "server_auth" from recorderConfig's extraArgs into connect(), then
   // presents the camera recorder (its module installs itself: api/recorder_screens.h); with a
   // |videoToken| the recording replaces that video's stream.
@@ -233,6 +249,8 @@ class Nembra {
   std::unique_ptr<NembraImages> images_;
   std::shared_ptr<RemoteImageLoader> imageLoader_;
   std::weak_ptr<ScreenPresenter> screenPresenter_;
+  // The running screen broadcast (shared: its type stays private to the platform layer).
+  std::shared_ptr<ChildProcess> screenBroadcast_;
   // The accessors above may be first called from a request callback's thread.
   std::recursive_mutex lazyMutex_;
 

@@ -27,7 +27,7 @@ struct NembraHardwarePermissionDelegate {
 
 // The delegates below gain their callbacks with the components that raise them (recorder,
 // players, capture aids, pickers, screen recorder, QR scanner).
-// The camera recorder's events, each on the main queue.
+// The camera and audio recorders' events, each on the main queue.
 struct NembraRecorderDelegate {
   virtual ~NembraRecorderDelegate() = default;
 
@@ -39,8 +39,13 @@ struct NembraRecorderDelegate {
   std::function<void()> recorderStarted;
   // The recorded duration reached a new whole second.
   std::function<void(int64_t seconds)> recorderCurrentRecordedDurationSeconds;
-  // The file is finished: its URL as an absolute string ("file:///...").
+  // The audio recorder's take or playback paused.
+  std::function<void()> recorderPaused;
+  // The file is finished: the camera recorder gives its URL as an absolute string
+  // ("file:///..."), the audio recorder its path.
   std::function<void(const std::string& url)> recorderStopped;
+  // The audio recorder started playing its take.
+  std::function<void()> recorderPlaying;
   std::function<void()> recorderRerecord;
   std::function<void()> recorderManuallySubmitted;
   std::function<void()> recorderCancelledByUser;

@@ -14,7 +14,9 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -29,6 +31,7 @@ namespace nembra {
 
 class Nembra;
 class SerialQueue;
+class DirectoryWatcher;
 
 class NembraVideos {
  public:
@@ -118,6 +121,21 @@ class NembraVideos {
 
   void setAppGroup(std::string appGroup) { appGroup_ = std::move(appGroup); }
   const std::string& appGroup() const { return appGroup_; }
+
+  // The screen-recording hand-over: movies the broadcast leaves in the group's shared directory
+  // ("com.nembra.screen-recording") are uploaded as videos and deleted once confirmed. Each file
+  // is uploaded once however many calls see it, and only once it is a whole movie.
+  // setupFileWatcher watches the directory (inotify; from any thread; false, logged, when the
+  // group is unset or the directory cannot be watched); presentedItemDidChange is what the
+  // watcher calls; processNewScreenRecordings looks now (any thread; uploads start on the main
+  // queue). Returns how many uploads it started.
+  bool setupFileWatcher();
+  void presentedItemDidChange();
+  size_t processNewScreenRecordings();
+  // Told on the main queue when a screen recording's upload ends: its path and token, or the
+  // error.
+  std::function<void(const std::string& path, const std::string& token, const OptionalError&)>
+      onScreenRecordingUploaded;
   ThumbnailCache& thumbCache() { return thumbCache_; }
 
  private:
@@ -130,10 +148,14 @@ class NembraVideos {
   Nembra& application_;
   ThumbnailCache thumbCache_;
   std::string appGroup_;
+  std::mutex screenRecordingsMutex_;
+  std::set<std::string> screenRecordingsInFlight_;  // guarded by screenRecordingsMutex_
   // Main-queue tasks hold it weakly and do nothing once it is gone.
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   // Last: destroyed first, finishing its work while the members above still live.
   std::unique_ptr<SerialQueue> operationQueue_;  // "com.nembra.videos"
+  // Its thread calls into this object: stopped before anything else goes.
+  std::unique_ptr<DirectoryWatcher> screenRecordingsWatcher_;
 };
 
 }  // namespace nembra

@@ -124,6 +124,25 @@ std::unique_ptr<MediaSourceDevice> MediaSourceDevice::openMicrophone(const std::
   return source;
 }
 
+std::unique_ptr<MediaSourceDevice> MediaSourceDevice::openScreen(const std::string& display,
+                                                                 int fps, OptionalError& error) {
+  std::unique_ptr<MediaSourceDevice> source(new MediaSourceDevice());
+  if (display.empty()) {
+    error = Error::invalidArgument("no X11 display to record (set DISPLAY or name one)");
+    return nullptr;
+  }
+  error = source->addInput("x11grab", display,
+                           {{"framerate", std::to_string(fps > 0 ? fps : 30)}, {"draw_mouse", "1"}},
+                           true, false);
+  if (error) {
+    error = Error::media("can't record the screen of display " + display + ": " + error->message);
+    return nullptr;
+  }
+  source->describe();
+  source->info_.description = "screen " + display;
+  return source;
+}
+
 std::unique_ptr<MediaSourceDevice> MediaSourceDevice::openDecodedFile(const std::string& path,
                                                                       OptionalError& error) {
   std::unique_ptr<MediaSourceDevice> source(new MediaSourceDevice());

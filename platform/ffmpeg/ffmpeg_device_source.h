@@ -38,6 +38,9 @@ class MediaSourceDevice final : public MediaSource {
   static std::unique_ptr<MediaSourceDevice> openMicrophone(const std::string& device,
                                                            OptionalError& error);
 
+  // The whole X11 screen |display| (":0") by x11grab at |fps|, stamped on arrival.
+  static std::unique_ptr<MediaSourceDevice> openScreen(const std::string& display, int fps,
+                                                       OptionalError& error);
   // The media file |path| decoded into raw pictures and PCM, timed by its own timestamps (so
   // faster than real time unless paced): for files whose samples cannot be sent as they are.
   static std::unique_ptr<MediaSourceDevice> openDecodedFile(const std::string& path,

@@ -8,6 +8,7 @@ extern "C" {
 #include "platform/ffmpeg/ffmpeg_aac_encoder.h"
 #include "platform/ffmpeg/ffmpeg_device_source.h"
 #include "platform/ffmpeg/ffmpeg_file_source.h"
+#include "platform/ffmpeg/ffmpeg_file_writer.h"
 #include "platform/ffmpeg/ffmpeg_movie_writer.h"
 #include "platform/ffmpeg/ffmpeg_player_engine.h"
 #include "platform/ffmpeg/ffmpeg_raw_frame_converter.h"
@@ -61,6 +62,14 @@ class FfmpegMediaBackend final : public MediaBackend {
   std::unique_ptr<AudioEncoder> createAacEncoder(const AudioEncoderSettings& settings,
                                                  OptionalError& error) override {
     return MediaEncoderAAC::create(settings, error);
+  }
+  std::unique_ptr<MediaFileWriter> createFileWriter(const MediaFileWriterSettings& settings,
+                                                    OptionalError& error) override {
+    return FfmpegFileWriter::create(settings, error);
+  }
+  std::unique_ptr<MediaSource> openScreen(const std::string& display, int fps,
+                                          OptionalError& error) override {
+    return MediaSourceDevice::openScreen(display, fps, error);
   }
 
   std::unique_ptr<MovieWriter> createMovieWriter(const std::string& path,

@@ -161,6 +161,14 @@ std::unique_ptr<MediaSource> openCameraSource(const std::string& device, int wid
 std::unique_ptr<MediaSource> openMicrophoneSource(const std::string& device, OptionalError& error) {
   return MediaBackend::shared().openMicrophone(device, error);
 }
+std::unique_ptr<MediaSource> openScreenSource(const std::string& display, int fps,
+                                              OptionalError& error) {
+  return MediaBackend::shared().openScreen(display, fps, error);
+}
+std::unique_ptr<MediaFileWriter> createMediaFileWriter(const MediaFileWriterSettings& settings,
+                                                       OptionalError& error) {
+  return MediaBackend::shared().createFileWriter(settings, error);
+}
 std::unique_ptr<MediaSource> openDecodedFileSource(const std::string& path, OptionalError& error) {
   return MediaBackend::shared().openDecodedFile(path, error);
 }

@@ -24,6 +24,7 @@
 #include "platform/media/media_converter.h"
 #include "platform/media/media_encoder_audio.h"
 #include "platform/media/media_encoder_video.h"
+#include "platform/media/media_file_writer.h"
 #include "platform/media/media_log.h"
 #include "platform/media/media_player_engine.h"
 #include "platform/media/media_probe.h"
@@ -63,6 +64,11 @@ class MediaBackend {
                                                           OptionalError& error) = 0;
   virtual std::unique_ptr<AudioEncoder> createAacEncoder(const AudioEncoderSettings& settings,
                                                          OptionalError& error) = 0;
+  virtual std::unique_ptr<MediaFileWriter> createFileWriter(const MediaFileWriterSettings& settings,
+                                                            OptionalError& error) = 0;
+  // X11 screen |display| (":0") grabbed whole at |fps| by x11grab, stamped on arrival.
+  virtual std::unique_ptr<MediaSource> openScreen(const std::string& display, int fps,
+                                                  OptionalError& error) = 0;
 
   // The recorder's asset writer and the finishing of a recording a killed process left
   // (movie_writer.h).
@@ -93,6 +99,11 @@ std::unique_ptr<MediaSource> openCameraSource(const std::string& device, int wid
                                               int fps, OptionalError& error);
 // A microphone alone (see MediaBackend::openMicrophone).
 std::unique_ptr<MediaSource> openMicrophoneSource(const std::string& device, OptionalError& error);
+// The screen grab and the file writer (see MediaBackend).
+std::unique_ptr<MediaSource> openScreenSource(const std::string& display, int fps,
+                                              OptionalError& error);
+std::unique_ptr<MediaFileWriter> createMediaFileWriter(const MediaFileWriterSettings& settings,
+                                                       OptionalError& error);
 // A media file decoded into raw pictures and PCM, for publishing through the encoders (a file
 // whose video cannot pass through as it is, such as one with B-frames).
 std::unique_ptr<MediaSource> openDecodedFileSource(const std::string& path, OptionalError& error);

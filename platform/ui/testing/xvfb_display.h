@@ -15,7 +15,8 @@ namespace nembra::testing {
 
 class XvfbDisplay {
  public:
-  XvfbDisplay() {
+  // |screen| is Xvfb's WIDTHxHEIGHTxDEPTH.
+  explicit XvfbDisplay(const std::string& screen = "1280x800x24") {
     if (::access("/usr/bin/Xvfb", X_OK) != 0) return;
     for (int number = 90; number < 140; ++number) {
       const std::string lock = "/tmp/.X" + std::to_string(number) + "-lock";
@@ -24,7 +25,7 @@ class XvfbDisplay {
       const std::string display = ":" + std::to_string(number);
       pid_ = ::fork();
       if (pid_ == 0) {
-        ::execl("/usr/bin/Xvfb", "Xvfb", display.c_str(), "-screen", "0", "1280x800x24",
+        ::execl("/usr/bin/Xvfb", "Xvfb", display.c_str(), "-screen", "0", screen.c_str(),
                 "-nolisten", "tcp", static_cast<char*>(nullptr));
         ::_exit(127);
       }

@@ -1,0 +1,98 @@
+#include "capture/screen_broadcast.h"
+
+#include <cstdlib>
+#include <thread>
+
+#include "platform/dispatch/thread_name.h"
+#include "platform/media/media_backend.h"
+
+namespace nembra {
+
+namespace {
+
+double since(std::chrono::steady_clock::time_point origin) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - origin).count();
+}
+
+}  // namespace
+
+std::unique_ptr<ScreenBroadcast> ScreenBroadcast::open(const ScreenBroadcastOptions& options,
+                                                       NembraScreenRecorderSampleHandler& handler,
+                                                       OptionalError& error) {
+  std::unique_ptr<ScreenBroadcast> broadcast(new ScreenBroadcast(handler));
+  broadcast->options_ = options;
+  if (broadcast->options_.display.empty()) {
+    const char* display = std::getenv("DISPLAY");
+    broadcast->options_.display = display ? display : "";
+  }
+  broadcast->screen_ =
+      openScreenSource(broadcast->options_.display, broadcast->options_.frameRate, error);
+  if (!broadcast->screen_) return nullptr;
+  broadcast->width_ = broadcast->screen_->info().width;
+  broadcast->height_ = broadcast->screen_->info().height;
+  if (options.withMicrophone) {
+    broadcast->microphone_ = openMicrophoneSource(options.microphone, error);
+    if (!broadcast->microphone_) return nullptr;
+  }
+  return broadcast;
+}
+
+ScreenBroadcast::~ScreenBroadcast() = default;
+
+void ScreenBroadcast::stop() {
+  stopping_ = true;
+  if (screen_) screen_->interrupt();
+}
+
+void ScreenBroadcast::readMicrophone(std::chrono::steady_clock::time_point origin) {
+  setCurrentThreadName("com.nembra.screenRecorder.microphone");
+  MediaSourceItem item;
+  OptionalError error;
+  while (!stopping_.load() && microphone_->read(item, error)) {
+    auto* raw = std::get_if<RawMediaFrame>(&item);
+    if (!raw) continue;
+    const double seconds = since(origin);
+    std::lock_guard lock(handlerMutex_);
+    handler_.processSampleBuffer(*raw, seconds, SampleBufferType::AudioMic);
+  }
+}
+
+OptionalError ScreenBroadcast::run() {
+  handler_.setMainScreenBounds(width_, height_);
+  handler_.broadcastStartedWithSetupInfo({});
+  const auto origin = std::chrono::steady_clock::now();
+  std::thread microphone;
+  if (microphone_) microphone = std::thread([this, origin] { readMicrophone(origin); });
+
+  OptionalError ended;
+  MediaSourceItem item;
+  double firstFrame = -1;
+  while (!stopping_.load()) {
+    OptionalError error;
+    if (!screen_->read(item, error)) {
+      if (!stopping_.load()) {
+        ended = Error::media("the display " + options_.display +
+                             " went away: " + (error ? error->message : "no more pictures"));
+      }
+      break;
+    }
+    auto* raw = std::get_if<RawMediaFrame>(&item);
+    if (!raw) continue;
+    const double seconds = since(origin);
+    {
+      std::lock_guard lock(handlerMutex_);
+      handler_.processSampleBuffer(*raw, seconds, SampleBufferType::Video);
+    }
+    ++frames_;
+    // The first frame opens the session: the duration runs from it.
+    if (firstFrame < 0) firstFrame = seconds;
+    if (options_.duration > 0 && seconds - firstFrame >= options_.duration) break;
+  }
+  stopping_ = true;
+  if (microphone_) microphone_->interrupt();
+  if (microphone.joinable()) microphone.join();
+  handler_.broadcastFinished();
+  return ended;
+}
+
+}  // namespace nembra
