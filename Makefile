@@ -28,7 +28,7 @@ build: deps
 test: build
 	ctest --test-dir $(BUILD_DIR) -L 'unit|integration|fuzz' $(CTEST_FLAGS)
 	cmake -S . -B $(ASAN_BUILD_DIR) -G Ninja -DNEMBRA_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
-	cmake --build $(ASAN_BUILD_DIR) -j $(JOBS)
+	cmake --build $(ASAN_BUILD_DIR) -j $(JOBS) --target peerless_tests
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(ASAN_BUILD_DIR) -L 'unit|fuzz' $(CTEST_FLAGS)
 

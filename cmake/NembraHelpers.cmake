@@ -59,6 +59,16 @@ function(nembra_library name)
   target_link_libraries(${name} PUBLIC ${ARG_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
 endfunction()
 
+# peerless_tests builds every unit test and fuzz-corpus replay, and nothing else: the sanitizer
+# pass of `make test` runs only those, so it need not build the tool, the integration tests or
+# the benchmarks.
+if(NOT TARGET peerless_tests)
+  add_custom_target(peerless_tests)
+endif()
+function(nembra_peerless_test name)
+  add_dependencies(peerless_tests ${name})
+endfunction()
+
 # nembra_unit_tests(NAME DEPS dep...) builds one test binary from the directory's *_test.cc
 # and registers each test case with CTest under the label "unit".
 function(nembra_unit_tests name)
@@ -68,6 +78,7 @@ function(nembra_unit_tests name)
     return()
   endif()
   add_executable(${name} ${tests} ${ARG_EXTRA_SOURCES})
+  nembra_peerless_test(${name})
   target_compile_options(${name} PRIVATE ${NEMBRA_WARNINGS})
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name}
@@ -86,6 +97,7 @@ function(nembra_fuzzer name)
     target_link_options(${name} PRIVATE -fsanitize=fuzzer,address,undefined)
   else()
     add_executable(${name} ${ARG_SOURCE} ${PROJECT_SOURCE_DIR}/fuzz/replay_main.cc)
+    nembra_peerless_test(${name})
     add_test(NAME ${name}_corpus COMMAND ${name} ${ARG_CORPUS})
     set_tests_properties(${name}_corpus PROPERTIES LABELS fuzz TIMEOUT 120
                          ENVIRONMENT "${NEMBRA_TEST_ENVIRONMENT}")
