@@ -21,3 +21,13 @@ if(NOT NEMBRA_SANITIZE AND NOT NEMBRA_FUZZ)
   find_package(benchmark REQUIRED)
   find_package(CLI11 REQUIRED)
 endif()
+# Faces and QR codes in camera pictures (platform/vision): OpenCV's cascade detector and zbar.
+# Debian's objdetect and imgproc packages ship neither a pkg-config file nor a CMake package.
+pkg_check_modules(ZBAR REQUIRED IMPORTED_TARGET zbar)
+find_path(OPENCV_INCLUDE_DIR opencv2/objdetect.hpp PATH_SUFFIXES opencv4 REQUIRED)
+add_library(nembra_opencv INTERFACE)
+target_include_directories(nembra_opencv SYSTEM INTERFACE ${OPENCV_INCLUDE_DIR})
+foreach(module objdetect imgproc core)
+  find_library(OPENCV_${module}_LIBRARY opencv_${module} REQUIRED)
+  target_link_libraries(nembra_opencv INTERFACE ${OPENCV_${module}_LIBRARY})
+endforeach()

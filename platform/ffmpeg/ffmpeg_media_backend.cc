@@ -9,6 +9,7 @@ extern "C" {
 #include "platform/ffmpeg/ffmpeg_device_source.h"
 #include "platform/ffmpeg/ffmpeg_file_source.h"
 #include "platform/ffmpeg/ffmpeg_player_engine.h"
+#include "platform/ffmpeg/ffmpeg_raw_frame_reader.h"
 #include "platform/ffmpeg/ffmpeg_x264_encoder.h"
 #include "platform/media/media_backend.h"
 
@@ -39,6 +40,13 @@ class FfmpegMediaBackend final : public MediaBackend {
   std::unique_ptr<MediaSource> openCamera(const std::string& device, int width, int height, int fps,
                                           OptionalError& error) override {
     return MediaSourceDevice::openCamera(device, width, height, fps, error);
+  }
+  std::unique_ptr<MediaSource> openVideoCapture(const VideoCaptureRequest& request,
+                                                OptionalError& error) override {
+    return MediaSourceDevice::openVideoCapture(request, error);
+  }
+  std::unique_ptr<RawFrameReader> makeRawFrameReader() override {
+    return std::make_unique<FfmpegRawFrameReader>();
   }
 
   std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
