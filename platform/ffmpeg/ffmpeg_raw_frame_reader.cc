@@ -110,4 +110,25 @@ OptionalError FfmpegRawFrameReader::samples(const RawMediaFrame& frame,
   return std::nullopt;
 }
 
+OptionalError FfmpegRawFrameReader::encodeJpeg(const VideoFrame& picture, int quality,
+                                               std::vector<uint8_t>& jpeg) {
+  if (picture.width <= 0 || picture.height <= 0) return Error::invalidArgument("empty picture");
+  AvFrame frame = allocateAvPicture(AV_PIX_FMT_YUVJ420P, picture.width, picture.height);
+  if (!frame) return Error::internal("out of memory for a JPEG picture");
+  const int widths[3] = {picture.width, (picture.width + 1) / 2, (picture.width + 1) / 2};
+  const int heights[3] = {picture.height, (picture.height + 1) / 2, (picture.height + 1) / 2};
+  for (int plane = 0; plane < 3; ++plane) {
+    if (picture.planes[plane].size() <
+        static_cast<size_t>(picture.strides[plane]) * (heights[plane] - 1) + widths[plane]) {
+      return Error::invalidArgument("picture planes smaller than its size");
+    }
+    for (int row = 0; row < heights[plane]; ++row) {
+      std::copy_n(picture.planes[plane].data() + static_cast<size_t>(row) * picture.strides[plane],
+                  widths[plane],
+                  frame->data[plane] + static_cast<ptrdiff_t>(row) * frame->linesize[plane]);
+    }
+  }
+  return encodeAvJpeg(*frame, quality, jpeg);
+}
+
 }  // namespace nembra

@@ -21,6 +21,8 @@ class FfmpegRawFrameReader final : public RawFrameReader {
                            OptionalError& error) override;
   OptionalError samples(const RawMediaFrame& frame, std::vector<int16_t>& samples,
                         int& channels) override;
+  OptionalError encodeJpeg(const VideoFrame& picture, int quality,
+                           std::vector<uint8_t>& jpeg) override;
 
  private:
   SwsContext* scaler_ = nullptr;

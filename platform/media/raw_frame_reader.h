@@ -25,6 +25,9 @@ class RawFrameReader {
   // The samples of an audio frame, every channel interleaved, replacing |samples|' contents.
   virtual OptionalError samples(const RawMediaFrame& frame, std::vector<int16_t>& samples,
                                 int& channels) = 0;
+  // |picture| as a baseline JPEG at quantizer |quality| (2, the best, to 31).
+  virtual OptionalError encodeJpeg(const VideoFrame& picture, int quality,
+                                   std::vector<uint8_t>& jpeg) = 0;
 };
 
 }  // namespace nembra
