@@ -33,21 +33,28 @@ void FaceDetectorPump::onVideoFrame(const SharedVideoFrame& frame) {
   if (busy_.exchange(true)) return;  // the last search is still running: skip this picture
   nextSearchAt_ = frame->pts + kMinimumInterval;
   ++searches_;
-  // Box-average the luma down by a whole factor: cheap, and enough for a cascade.
-  const int factor = std::max(1, (frame->width + kSearchWidth - 1) / kSearchWidth);
-  const int width = frame->width / factor;
-  const int height = frame->height / factor;
+  // Area-average the luma down to the search width: enough for a cascade, and cheap.
+  const double factor = std::max(1.0, static_cast<double>(frame->width) / kSearchWidth);
+  const int width = std::max(1, static_cast<int>(frame->width / factor));
+  const int height = std::max(1, static_cast<int>(frame->height / factor));
   std::vector<uint8_t> gray(static_cast<size_t>(width) * height);
   const uint8_t* luma = frame->planes[0].data();
   const int stride = frame->strides[0];
   for (int y = 0; y < height; ++y) {
+    const int top = static_cast<int>(y * factor);
+    const int bottom =
+        std::max(top + 1, std::min(frame->height, static_cast<int>((y + 1) * factor)));
     for (int x = 0; x < width; ++x) {
+      const int left = static_cast<int>(x * factor);
+      const int right =
+          std::max(left + 1, std::min(frame->width, static_cast<int>((x + 1) * factor)));
       int sum = 0;
-      for (int dy = 0; dy < factor; ++dy) {
-        const uint8_t* row = luma + static_cast<size_t>(y * factor + dy) * stride + x * factor;
-        for (int dx = 0; dx < factor; ++dx) sum += row[dx];
+      for (int sy = top; sy < bottom; ++sy) {
+        const uint8_t* row = luma + static_cast<size_t>(sy) * stride;
+        for (int sx = left; sx < right; ++sx) sum += row[sx];
       }
-      gray[static_cast<size_t>(y) * width + x] = static_cast<uint8_t>(sum / (factor * factor));
+      gray[static_cast<size_t>(y) * width + x] =
+          static_cast<uint8_t>(sum / ((bottom - top) * (right - left)));
     }
   }
   queue_.async([this, gray = std::move(gray), width, height, factor, frameWidth = frame->width,
@@ -70,7 +77,7 @@ int64_t FaceDetectorPump::idFor(const FaceRect& rect, const std::vector<Tracked>
   return best ? best->id : nextId_++;
 }
 
-void FaceDetectorPump::search(std::vector<uint8_t> gray, int width, int height, int factor,
+void FaceDetectorPump::search(std::vector<uint8_t> gray, int width, int height, double factor,
                               int frameWidth, int frameHeight) {
   const std::vector<FaceBox> boxes = detector_->detect({gray.data(), width, height, width});
   std::vector<Tracked> now;

@@ -1,5 +1,5 @@
 // Runs a FaceDetector over the camera's pictures without holding up the camera: at most ten
-// pictures a second (by their timestamps), each shrunk to at most 320 pixels wide and handed to
+// pictures a second (by their timestamps), each shrunk to at most 480 pixels wide and handed to
 // the serial queue "com.nembra.recorder.faces"; a picture that arrives while the last one is
 // still being searched is skipped. Faces keep their identifier from one search to the next while
 // their boxes overlap; each search's boxes, in preview-layer coordinates, go to the outline view
@@ -25,7 +25,7 @@ namespace nembra {
 class FaceDetectorPump final : public CaptureFrameObserver {
  public:
   static constexpr double kMinimumInterval = 0.1;  // seconds between searches
-  static constexpr int kSearchWidth = 320;
+  static constexpr int kSearchWidth = 480;
 
   // A rectangle of a |frameWidth| × |frameHeight| capture in preview-layer coordinates.
   using ToLayer = std::function<FaceRect(const FaceRect& rect, int frameWidth, int frameHeight)>;
@@ -38,15 +38,16 @@ class FaceDetectorPump final : public CaptureFrameObserver {
 
   void onVideoFrame(const SharedVideoFrame& frame) override;
 
-  // Searches started so far.
+  // Searches started so far, and whether none is running now.
   int searches() const { return searches_.load(); }
+  bool idle() const { return !busy_.load(); }
 
  private:
   struct Tracked {
     int64_t id;
     FaceRect rect;
   };
-  void search(std::vector<uint8_t> gray, int width, int height, int factor, int frameWidth,
+  void search(std::vector<uint8_t> gray, int width, int height, double factor, int frameWidth,
               int frameHeight);
   int64_t idFor(const FaceRect& rect, const std::vector<Tracked>& previous);
 
