@@ -1,0 +1,119 @@
+#include "recorder/image_recorder.h"
+
+#include <filesystem>
+#include <fstream>
+
+#include "nembra/application.h"
+#include "nembra/media_type.h"
+#include "nembra/nembra_uploading_handler.h"
+#include "nembra/reply_status.h"
+#include "platform/files/file_system.h"
+#include "platform/media/media_backend.h"
+
+namespace nembra {
+
+ImageRecorder::ImageRecorder(Nembra& application) : application_(application) {}
+
+void ImageRecorder::onVideoFrame(const SharedVideoFrame& frame) {
+  bool take = false;
+  {
+    std::lock_guard lock(mutex_);
+    latest_ = frame;
+    take = waiting_;
+    waiting_ = false;
+  }
+  if (take) {
+    std::weak_ptr<ImageRecorder> weak = weak_from_this();
+    queue_.async([weak, frame] {
+      if (auto self = weak.lock()) self->encode(frame);
+    });
+  }
+}
+
+bool ImageRecorder::takePicture(Callbacks callbacks) {
+  if (busy_) return false;
+  busy_ = true;
+  callbacks_ = std::move(callbacks);
+  SharedVideoFrame frame;
+  {
+    std::lock_guard lock(mutex_);
+    frame = latest_;
+    waiting_ = !frame;
+  }
+  if (frame) {
+    std::weak_ptr<ImageRecorder> weak = weak_from_this();
+    queue_.async([weak, frame] {
+      if (auto self = weak.lock()) self->encode(frame);
+    });
+  }
+  return true;
+}
+
+void ImageRecorder::encode(SharedVideoFrame frame) {
+  ImageRecorderResult result;
+  result.width = frame->width;
+  result.height = frame->height;
+  if (!codec_) codec_ = MediaBackend::shared().makeRawFrameReader();
+  std::vector<uint8_t> jpeg;
+  result.error = codec_->encodeJpeg(*frame, kJpegQuality, jpeg);
+  if (!result.error) {
+    OptionalError directoryError;
+    const std::string documents = FileSystem::shared().documentsDirectory(&directoryError);
+    result.path = documents + "/image.jpg";
+    std::error_code ignored;
+    std::filesystem::remove(result.path, ignored);  // an older picture of that name goes first
+    std::ofstream out(result.path, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(jpeg.data()),
+              static_cast<std::streamsize>(jpeg.size()));
+    out.close();
+    if (directoryError) {
+      result.error = directoryError;
+    } else if (!out) {
+      result.error = Error::file("can't write " + result.path);
+    }
+  }
+  std::weak_ptr<ImageRecorder> weak = weak_from_this();
+  application_.mainQueue().async([weak, result] {
+    if (auto self = weak.lock()) self->upload(result);
+  });
+}
+
+void ImageRecorder::upload(ImageRecorderResult result) {
+  if (result.error) {
+    finish(result, false);
+    return;
+  }
+  application_.log("image " + result.path + " captured");
+  std::weak_ptr<ImageRecorder> weak = weak_from_this();
+  application_.uploadingHandler().uploadWithType(
+      IMAGE, result.path, application_.uploadingConfig().getExtraArgs(),
+      [weak, result](const std::optional<Json>& json, const HttpResponse& response,
+                     const OptionalError& error) mutable {
+        auto self = weak.lock();
+        if (!self) return;
+        result.error = error ? error : ReplyStatus::check("the upload URL request", response, json);
+        if (result.error) self->finish(result, true);
+      },
+      {},
+      [weak, result](const std::optional<Json>& json, const HttpResponse& response,
+                     const OptionalError& error) mutable {
+        auto self = weak.lock();
+        if (!self) return;
+        result.error = error ? error : ReplyStatus::check("the confirm request", response, json);
+        self->finish(result, true);
+      });
+  if (callbacks_.captured) callbacks_.captured(result);
+}
+
+void ImageRecorder::finish(ImageRecorderResult result, bool uploaded) {
+  busy_ = false;
+  Callbacks callbacks = std::move(callbacks_);
+  callbacks_ = {};
+  if (!uploaded) {
+    if (callbacks.captured) callbacks.captured(result);
+    return;
+  }
+  if (callbacks.uploaded) callbacks.uploaded(result);
+}
+
+}  // namespace nembra
