@@ -58,6 +58,8 @@ void registerStreamCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerUploadCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerMediaCommands(CLI::App& app, CliContext& context, int& exitCode);
 void registerCacheCommand(CLI::App& app, CliContext& context, int& exitCode);
+void registerSnapCommand(CLI::App& app, CliContext& context, int& exitCode);
+void registerQrScanCommand(CLI::App& app, CliContext& context, int& exitCode);
 // After registerMediaCommands: adds `images show` to its images command.
 void registerShowCommands(CLI::App& app, CliContext& context, int& exitCode);
 

@@ -49,6 +49,8 @@ int main(int argc, char** argv) {
   nembra::registerMediaCommands(app, context, exitCode);
   nembra::registerCacheCommand(app, context, exitCode);
   nembra::registerShowCommands(app, context, exitCode);
+  nembra::registerSnapCommand(app, context, exitCode);
+  nembra::registerQrScanCommand(app, context, exitCode);
 #ifdef NEMBRA_HAVE_SERVICE
   nembra::registerServeCommand(app, context, exitCode);
 #endif
