@@ -134,6 +134,7 @@ TEST_F(CaptureAidScreensTest, ImageRecorderWritesAJpegOfTheCamerasSizeAndUploads
   EXPECT_EQ(info.height, 240);
   // Nothing listens at the service's address: the upload's failure is reported.
   ASSERT_TRUE(uploaded->error);
+  EXPECT_EQ(uploaded->token, "");
   EXPECT_FALSE(recorder->busy());
 }
 

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "api/upload_url_reply.h"
 #include "nembra/application.h"
 #include "nembra/media_type.h"
 #include "nembra/nembra_uploading_handler.h"
@@ -92,7 +93,13 @@ void ImageRecorder::upload(ImageRecorderResult result) {
         auto self = weak.lock();
         if (!self) return;
         result.error = error ? error : ReplyStatus::check("the upload URL request", response, json);
-        if (result.error) self->finish(result, true);
+        UploadUrlReply reply;
+        if (!result.error) result.error = UploadUrlReply::parse(IMAGE, json, reply);
+        if (result.error) {
+          self->finish(result, true);
+        } else {
+          self->token_ = reply.mediaToken;
+        }
       },
       {},
       [weak, result](const std::optional<Json>& json, const HttpResponse& response,
@@ -100,6 +107,7 @@ void ImageRecorder::upload(ImageRecorderResult result) {
         auto self = weak.lock();
         if (!self) return;
         result.error = error ? error : ReplyStatus::check("the confirm request", response, json);
+        result.token = self->token_;
         self->finish(result, true);
       });
   if (callbacks_.captured) callbacks_.captured(result);

@@ -23,7 +23,8 @@ namespace nembra {
 class Nembra;
 
 struct ImageRecorderResult {
-  std::string path;  // the JPEG uploaded
+  std::string path;   // the JPEG uploaded
+  std::string token;  // the image's, once the service has given one
   int width = 0;
   int height = 0;
   OptionalError error;  // the picture, the file, the upload-URL request or the confirm failed
@@ -54,6 +55,8 @@ class ImageRecorder final : public CaptureFrameObserver,
   void encode(SharedVideoFrame frame);
   void upload(ImageRecorderResult result);
   void finish(ImageRecorderResult result, bool uploaded);
+
+  std::string token_;  // main queue: the image token of the upload under way
 
   Nembra& application_;
   std::mutex mutex_;
