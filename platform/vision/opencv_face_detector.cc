@@ -56,6 +56,9 @@ std::unique_ptr<FaceDetector> makeFaceDetector(OptionalError& error,
       return nullptr;
     }
   }
+  // Detection runs on the caller's queue alone: OpenCV's own worker threads would be unnamed
+  // and would compete with capture and encoding for the cores.
+  cv::setNumThreads(0);
   cv::CascadeClassifier cascade;
   try {
     if (!cascade.load(path)) {
