@@ -60,6 +60,7 @@ void registerMediaCommands(CLI::App& app, CliContext& context, int& exitCode);
 void registerCacheCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerSnapCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerQrScanCommand(CLI::App& app, CliContext& context, int& exitCode);
+void registerCamerasCommand(CLI::App& app, CliContext& context, int& exitCode);
 // After registerMediaCommands: adds `images show` to its images command.
 void registerShowCommands(CLI::App& app, CliContext& context, int& exitCode);
 

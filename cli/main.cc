@@ -51,6 +51,7 @@ int main(int argc, char** argv) {
   nembra::registerShowCommands(app, context, exitCode);
   nembra::registerSnapCommand(app, context, exitCode);
   nembra::registerQrScanCommand(app, context, exitCode);
+  nembra::registerCamerasCommand(app, context, exitCode);
 #ifdef NEMBRA_HAVE_SERVICE
   nembra::registerServeCommand(app, context, exitCode);
 #endif
