@@ -10,11 +10,9 @@
 #include "cli/cli_context.h"
 #include "nembra/application.h"
 #include "nembra/nembra_images.h"
+#include "nembra/screen_host.h"
 #include "platform/dispatch/timer.h"
 #include "platform/media/media_log.h"
-#include "platform/ui/screen_presenter.h"
-#include "platform/ui/ui_adapter.h"
-#include "viewer/viewer_screens.h"
 
 namespace nembra {
 namespace {
@@ -73,23 +71,19 @@ int runShow(CliContext& context, const std::vector<std::string>& uris, double cl
   }
   if (kind == UiKind::None) return describeAll(nembra, uris);
   OptionalError error;
-  std::unique_ptr<UiAdapter> adapter = makeUiAdapter(kind, nembra.mainQueue(), error);
-  if (!adapter) return fail(error ? error->message : "cannot start the UI");
+  std::unique_ptr<NembraScreenHost> host = NembraScreenHost::start(kind, nembra.mainQueue(), error);
+  if (!host) return fail(error ? error->message : "cannot start the UI");
   installViewerScreens();
-  auto presenter = std::make_shared<ScreenPresenter>(*adapter, nembra.mainQueue());
-  nembra.setScreenPresenter(presenter);
-  adapter->setQuitHandler([presenter] { presenter->dismissAll(); });
+  nembra.setScreenPresenter(host->presenter());
   nembra.showImageFromUris(uris);
   std::unique_ptr<Timer> closer;
   if (closeAfter > 0) {
     closer = Timer::oneShot(nembra.mainQueue(),
                             std::chrono::milliseconds(static_cast<int>(closeAfter * 1000)),
-                            [presenter] { presenter->dismissAll(); });
+                            [&host] { host->closeAll(); });
   }
-  nembra.mainQueue().runUntil([&] { return presenter->depth() == 0; }, std::chrono::hours(24));
+  host->runUntilClosed(std::chrono::hours(24));
   closer.reset();
-  presenter.reset();
-  adapter.reset();
   return 0;
 }
 

@@ -2,6 +2,13 @@
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 
+# nembra_pkg_modules(NAME module...) gives PkgConfig::NAME and remembers its modules, so that the
+# installed package (nembra.pc, nembraConfig.cmake) can ask for them in turn.
+macro(nembra_pkg_modules name)
+  pkg_check_modules(${name} REQUIRED IMPORTED_TARGET ${ARGN})
+  set(NEMBRA_PKG_MODULES_${name} ${ARGN})
+endmacro()
+
 if(NOT NEMBRA_FUZZ)
   find_package(GTest REQUIRED)
   include(GoogleTest)
@@ -10,12 +17,12 @@ find_package(CURL REQUIRED)
 find_package(OpenSSL REQUIRED)
 find_package(nlohmann_json REQUIRED)
 find_package(SQLite3 REQUIRED)
-pkg_check_modules(FFMPEG REQUIRED IMPORTED_TARGET
+nembra_pkg_modules(FFMPEG
   libavformat libavcodec libavutil libswscale libswresample libavdevice libavfilter)
 # The window and audio output of the screens (platform/ui, platform/audio).
-pkg_check_modules(SDL2 REQUIRED IMPORTED_TARGET sdl2 SDL2_ttf)
+nembra_pkg_modules(SDL2 sdl2 SDL2_ttf)
 # Loopback servers in tests and the local service.
-pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+nembra_pkg_modules(HTTPLIB cpp-httplib)
 
 if(NOT NEMBRA_SANITIZE AND NOT NEMBRA_FUZZ)
   find_package(benchmark REQUIRED)
@@ -23,11 +30,10 @@ if(NOT NEMBRA_SANITIZE AND NOT NEMBRA_FUZZ)
 endif()
 # Faces and QR codes in camera pictures (platform/vision): OpenCV's cascade detector and zbar.
 # Debian's objdetect and imgproc packages ship neither a pkg-config file nor a CMake package.
-pkg_check_modules(ZBAR REQUIRED IMPORTED_TARGET zbar)
+nembra_pkg_modules(ZBAR zbar)
 find_path(OPENCV_INCLUDE_DIR opencv2/objdetect.hpp PATH_SUFFIXES opencv4 REQUIRED)
-add_library(nembra_opencv INTERFACE)
-target_include_directories(nembra_opencv SYSTEM INTERFACE ${OPENCV_INCLUDE_DIR})
-foreach(module objdetect imgproc core)
-  find_library(OPENCV_${module}_LIBRARY opencv_${module} REQUIRED)
-  target_link_libraries(nembra_opencv INTERFACE ${OPENCV_${module}_LIBRARY})
+# Linked by bare name, so that nembra.pc can say -lopencv_objdetect... as they are.
+set(NEMBRA_OPENCV_LIBRARIES opencv_objdetect opencv_imgproc opencv_core)
+foreach(library ${NEMBRA_OPENCV_LIBRARIES})
+  find_library(${library}_PATH ${library} REQUIRED)
 endforeach()

@@ -12,10 +12,9 @@
 
 include(CMakePackageConfigHelpers)
 
-# The modules a host's program runs on. The subsystems (recorder, playback, capture) join when
-# their folders exist.
+# The modules a host's program runs on, screens included. A module joins when its folder exists.
 set(NEMBRA_SDK_MODULES)
-foreach(module recorder playback capture api streaming platform)
+foreach(module recorder recorder_aids playback capture viewer api ui streaming vision platform)
   if(TARGET nembra_${module})
     list(APPEND NEMBRA_SDK_MODULES nembra_${module})
   endif()
@@ -70,6 +69,7 @@ add_dependencies(nembra_sdk nembra_media_ffmpeg)
 # What a host needs found besides the library: the package behind each imported target
 # (find_dependency), and the pkg-config modules and flags of nembra.pc.
 set(NEMBRA_FIND_DEPENDENCIES "find_dependency(nlohmann_json)\n")
+set(NEMBRA_FIND_PKG_MODULES)
 set(NEMBRA_PC_REQUIRES_PRIVATE)
 set(NEMBRA_PC_LIBS_PRIVATE)
 foreach(dep ${NEMBRA_SDK_DEPS})
@@ -81,6 +81,16 @@ foreach(dep ${NEMBRA_SDK_DEPS})
     list(APPEND NEMBRA_PC_REQUIRES_PRIVATE libcrypto)
   elseif(dep STREQUAL "OpenSSL::SSL")
     list(APPEND NEMBRA_PC_REQUIRES_PRIVATE libssl)
+  elseif(dep MATCHES "^PkgConfig::(.+)$")
+    # Found with nembra_pkg_modules (cmake/NembraDependencies.cmake), which kept the modules.
+    set(name ${CMAKE_MATCH_1})
+    if(NOT NEMBRA_PKG_MODULES_${name})
+      message(FATAL_ERROR "cmake/NembraPackage.cmake: find ${dep} with nembra_pkg_modules")
+    endif()
+    list(APPEND NEMBRA_PC_REQUIRES_PRIVATE ${NEMBRA_PKG_MODULES_${name}})
+    list(JOIN NEMBRA_PKG_MODULES_${name} " " modules)
+    string(APPEND NEMBRA_FIND_PKG_MODULES
+      "pkg_check_modules(${name} REQUIRED QUIET IMPORTED_TARGET ${modules})\n")
   elseif(NOT dep MATCHES "::")
     list(APPEND NEMBRA_PC_LIBS_PRIVATE -l${dep})
   else()
@@ -88,14 +98,12 @@ foreach(dep ${NEMBRA_SDK_DEPS})
   endif()
   if(dep MATCHES "^([A-Za-z0-9_]+)::")
     set(package ${CMAKE_MATCH_1})
-    if(package STREQUAL "PkgConfig")
-      message(FATAL_ERROR "cmake/NembraPackage.cmake: ${dep} has no CMake package to find")
-    endif()
     if(NOT NEMBRA_FIND_DEPENDENCIES MATCHES "find_dependency\\(${package}\\)")
       string(APPEND NEMBRA_FIND_DEPENDENCIES "find_dependency(${package})\n")
     endif()
   endif()
 endforeach()
+string(APPEND NEMBRA_FIND_DEPENDENCIES "${NEMBRA_FIND_PKG_MODULES}")
 list(REMOVE_DUPLICATES NEMBRA_PC_REQUIRES_PRIVATE)
 list(JOIN NEMBRA_PC_REQUIRES_PRIVATE " " NEMBRA_PC_REQUIRES_PRIVATE)
 list(JOIN NEMBRA_PC_LIBS_PRIVATE " " NEMBRA_PC_LIBS_PRIVATE)

@@ -104,6 +104,16 @@ class InstallTest : public ::testing::Test {
     ASSERT_EQ(listed.exitCode, 0) << listed.output << serve->output();
     EXPECT_NE(listed.output.find(token[1].str()), std::string::npos) << listed.output;
 
+    // The screens come with the library: the viewer shows a picture (no UI here) and closes.
+    const std::string picture = scratch_.file("picture.ppm");
+    {
+      std::ofstream out(picture, std::ios::binary);
+      out << "P6\n2 2\n255\n" << std::string(12, '\x7f');
+    }
+    CommandResult shown = run("show_image", {picture, "0.5", "none"});
+    EXPECT_EQ(shown.exitCode, 0) << shown.output;
+    EXPECT_NE(shown.output.find("closed"), std::string::npos) << shown.output;
+
     if (options.rtmpPort == 0) return;
     // Not an MP4: read through the FFmpeg plug-in, which the installed library finds beside it
     // (an installed copy never takes the build's).

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "api/nembra_screens.h"
+#include "nembra/screen_host.h"  // installViewerScreens
 
 namespace nembra {
 
@@ -13,8 +14,5 @@ class ViewerScreens final : public NembraScreens {
   void showImageFromUris(Nembra& application, ScreenPresenter& presenter,
                          const std::vector<std::string>& uris) override;
 };
-
-// Installs ViewerScreens as the Nembra objects' screen module.
-void installViewerScreens();
 
 }  // namespace nembra

@@ -41,6 +41,7 @@
 #include "nembra/recorder_interface_config.h"
 #include "nembra/reply_status.h"
 #include "nembra/rgba_color.h"
+#include "nembra/screen_host.h"
 #include "nembra/still_image.h"
 #include "nembra/stop_recording_confirmation_dialog_config.h"
 #include "nembra/stream_model.h"

@@ -107,6 +107,45 @@ std::unique_ptr<MediaSourceDevice> MediaSourceDevice::openVideoCapture(
   return source;
 }
 
+std::unique_ptr<MediaSourceDevice> MediaSourceDevice::openMicrophone(const std::string& device,
+                                                                     OptionalError& error) {
+  std::unique_ptr<MediaSourceDevice> source(new MediaSourceDevice());
+  const std::vector<std::pair<std::string, std::string>> options = {{"sample_rate", "44100"},
+                                                                    {"channels", "2"}};
+  if (device == "lavfi") {
+    // arealtime holds each block back until its media time, as a sound card would.
+    error = source->addInput("lavfi",
+                             "sine=frequency=440:sample_rate=44100,"
+                             "aformat=sample_fmts=s16:channel_layouts=stereo,arealtime",
+                             {}, true, false);
+  } else if (device.empty()) {
+    OptionalError pulse = source->addInput("pulse", "default", options, true, true);
+    if (pulse) {
+      OptionalError alsa = source->addInput("alsa", "default", options, true, true);
+      if (alsa) {
+        error = Error::media("no microphone: neither PulseAudio nor ALSA has a default source (" +
+                             pulse->message + "; " + alsa->message + ")");
+      }
+    }
+  } else if (device.starts_with("pulse:") || device.starts_with("alsa:")) {
+    const size_t colon = device.find(':');
+    error =
+        source->addInput(device.substr(0, colon), device.substr(colon + 1), options, true, true);
+    if (error) error = Error::media("no microphone " + device + ": " + error->message);
+  } else {
+    error = Error::invalidArgument("unknown microphone \"" + device +
+                                   "\" (use lavfi, pulse:NAME or alsa:NAME)");
+  }
+  if (error) return nullptr;
+  source->describe();
+  if (!source->info_.hasAudio) {
+    error = Error::media("microphone " + device + " delivers no audio");
+    return nullptr;
+  }
+  source->info_.description = "microphone " + (device.empty() ? std::string("default") : device);
+  return source;
+}
+
 OptionalError MediaSourceDevice::addInput(
     const std::string& formatName, const std::string& url,
     const std::vector<std::pair<std::string, std::string>>& options, bool stampOnArrival,

@@ -37,6 +37,12 @@ class MediaSourceDevice final : public MediaSource {
   static std::unique_ptr<MediaSourceDevice> openVideoCapture(const VideoCaptureRequest& request,
                                                              OptionalError& error);
 
+  // A microphone alone, delivering PCM: "lavfi" is a virtual one (a 440 Hz tone, stereo at
+  // 44100 Hz, paced in real time like a device), "" the default PulseAudio source or else ALSA's
+  // default, "pulse:NAME" or "alsa:NAME" a named one. Stamped with the time each block arrives.
+  static std::unique_ptr<MediaSourceDevice> openMicrophone(const std::string& device,
+                                                           OptionalError& error);
+
   ~MediaSourceDevice() override;
 
   const MediaSourceInfo& info() const override { return info_; }

@@ -48,6 +48,10 @@ class FfmpegMediaBackend final : public MediaBackend {
   std::unique_ptr<RawFrameReader> makeRawFrameReader() override {
     return std::make_unique<FfmpegRawFrameReader>();
   }
+  std::unique_ptr<MediaSource> openMicrophone(const std::string& device,
+                                              OptionalError& error) override {
+    return MediaSourceDevice::openMicrophone(device, error);
+  }
 
   std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
                                                   OptionalError& error) override {

@@ -155,6 +155,9 @@ std::unique_ptr<MediaSource> openCameraSource(const std::string& device, int wid
                                               int fps, OptionalError& error) {
   return MediaBackend::shared().openCamera(device, width, height, fps, error);
 }
+std::unique_ptr<MediaSource> openMicrophoneSource(const std::string& device, OptionalError& error) {
+  return MediaBackend::shared().openMicrophone(device, error);
+}
 std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
                                                 OptionalError& error) {
   return MediaBackend::shared().createH264Encoder(settings, error);

@@ -59,6 +59,10 @@ class MediaBackend {
                                                        OptionalError& error) = 0;
   virtual std::unique_ptr<MediaSource> openCamera(const std::string& device, int width, int height,
                                                   int fps, OptionalError& error) = 0;
+  // PCM from a microphone: "lavfi" (a virtual tone paced in real time), "" (the default
+  // PulseAudio source, else ALSA's default), "pulse:NAME" or "alsa:NAME".
+  virtual std::unique_ptr<MediaSource> openMicrophone(const std::string& device,
+                                                      OptionalError& error) = 0;
 
   virtual std::unique_ptr<MediaSource> openVideoCapture(const VideoCaptureRequest& request,
                                                         OptionalError& error) = 0;
@@ -88,6 +92,8 @@ std::unique_ptr<MediaSource> openTestPatternSource(int width, int height, int fp
 // A V4L2 camera with the default PulseAudio or ALSA microphone when one opens.
 std::unique_ptr<MediaSource> openCameraSource(const std::string& device, int width, int height,
                                               int fps, OptionalError& error);
+// A microphone alone (see MediaBackend::openMicrophone).
+std::unique_ptr<MediaSource> openMicrophoneSource(const std::string& device, OptionalError& error);
 // libx264 and FFmpeg's AAC encoder with the settings live publishing needs.
 std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
                                                 OptionalError& error);

@@ -9,13 +9,12 @@
 #include <string>
 
 #include "nembra/error.h"
+#include "nembra/screen_host.h"
 #include "platform/ui/screen_view.h"
 
 namespace nembra {
 
 class MainQueue;
-
-enum class UiKind { Window, Terminal, None };
 
 class UiAdapter {
  public:
@@ -29,13 +28,6 @@ class UiAdapter {
   // the terminal).
   virtual void setQuitHandler(std::function<void()> handler) = 0;
 };
-
-// The kind to use when the host does not say: the window when DISPLAY or WAYLAND_DISPLAY is
-// set, the terminal when standard input is one, otherwise none.
-UiKind defaultUiKind();
-// "window", "terminal", "none"; false for another text.
-bool parseUiKind(const std::string& text, UiKind& kind);
-const char* uiKindName(UiKind kind);
 
 // Makes the adapter of |kind| driven from |mainQueue|. Null, with |error| set to a message a
 // person can act on, when it cannot start (no display, a font missing).
