@@ -9,9 +9,8 @@
 #include "cli/camera_options.h"
 #include "cli/cli_context.h"
 #include "nembra/application.h"
+#include "nembra/screen_host.h"
 #include "platform/media/media_log.h"
-#include "platform/ui/screen_presenter.h"
-#include "platform/ui/ui_adapter.h"
 #include "recorder/capture_aid_module.h"
 #include "recorder/qr_frame_scanner.h"
 
@@ -63,8 +62,7 @@ int runQrScan(CliContext& context, const QrScanArguments& arguments) {
   if (!context.options.ui.empty() && !parseUiKind(context.options.ui, kind)) {
     return fail("--ui takes window, terminal or none, not \"" + context.options.ui + "\"");
   }
-  std::unique_ptr<UiAdapter> adapter;
-  std::shared_ptr<ScreenPresenter> presenter;
+  std::unique_ptr<NembraScreenHost> host;
   std::shared_ptr<CameraFeed> feed;
   std::shared_ptr<HeadlessScan> headless;
   std::shared_ptr<QrFrameScanner> scanner;
@@ -85,12 +83,10 @@ int runQrScan(CliContext& context, const QrScanArguments& arguments) {
     feed->start();
   } else {
     OptionalError error;
-    adapter = makeUiAdapter(kind, nembra.mainQueue(), error);
-    if (!adapter) return fail(error ? error->message : "cannot start the UI");
+    host = NembraScreenHost::start(kind, nembra.mainQueue(), error);
+    if (!host) return fail(error ? error->message : "cannot start the UI");
     installCaptureAidScreens(options);
-    presenter = std::make_shared<ScreenPresenter>(*adapter, nembra.mainQueue());
-    nembra.setScreenPresenter(presenter);
-    adapter->setQuitHandler([presenter] { presenter->dismissAll(); });
+    nembra.setScreenPresenter(host->presenter());
     nembra.startQrScanner();
   }
   const auto limit = arguments.timeout > 0
@@ -98,13 +94,12 @@ int runQrScan(CliContext& context, const QrScanArguments& arguments) {
                          : std::chrono::milliseconds(std::chrono::hours(24));
   nembra.mainQueue().runUntil(
       [&] {
-        if (presenter) return presenter->depth() == 0;
+        if (host) return host->screensShown() == 0;
         return (!arguments.keepOpen && codes > 0) || !headless->failure.empty();
       },
       limit);
   if (feed) feed->stop();
-  presenter.reset();
-  adapter.reset();
+  host.reset();
   if (headless && !headless->failure.empty() && codes == 0) return fail(headless->failure);
   if (codes == 0) {
     std::ostringstream message;

@@ -10,10 +10,9 @@
 #include "cli/cli_context.h"
 #include "nembra/application.h"
 #include "nembra/reply_status.h"
+#include "nembra/screen_host.h"
 #include "nembra/uploading_config.h"
 #include "platform/media/media_log.h"
-#include "platform/ui/screen_presenter.h"
-#include "platform/ui/ui_adapter.h"
 #include "recorder/capture_aid_module.h"
 #include "recorder/image_recorder.h"
 
@@ -92,8 +91,7 @@ int runSnap(CliContext& context, const SnapArguments& arguments) {
   if (!context.options.ui.empty() && !parseUiKind(context.options.ui, kind)) {
     return fail("--ui takes window, terminal or none, not \"" + context.options.ui + "\"");
   }
-  std::unique_ptr<UiAdapter> adapter;
-  std::shared_ptr<ScreenPresenter> presenter;
+  std::unique_ptr<NembraScreenHost> host;
   std::shared_ptr<CameraFeed> feed;
   std::shared_ptr<ImageRecorder> recorder;
   std::string captureFailure;
@@ -112,24 +110,21 @@ int runSnap(CliContext& context, const SnapArguments& arguments) {
     feed->start();
   } else {
     OptionalError error;
-    adapter = makeUiAdapter(kind, nembra.mainQueue(), error);
-    if (!adapter) return fail(error ? error->message : "cannot start the UI");
+    host = NembraScreenHost::start(kind, nembra.mainQueue(), error);
+    if (!host) return fail(error ? error->message : "cannot start the UI");
     installCaptureAidScreens(options);
-    presenter = std::make_shared<ScreenPresenter>(*adapter, nembra.mainQueue());
-    nembra.setScreenPresenter(presenter);
-    adapter->setQuitHandler([presenter] { presenter->dismissAll(); });
+    nembra.setScreenPresenter(host->presenter());
     nembra.startImageRecorder();
   }
   // Until the upload ends, the picture fails, or the screen closes with no picture taken.
   nembra.mainQueue().runUntil(
       [&] {
         return upload.ended || !captureFailure.empty() ||
-               (presenter && presenter->depth() == 0 && upload.path.empty());
+               (host && host->screensShown() == 0 && upload.path.empty());
       },
       std::chrono::hours(24));
   if (feed) feed->stop();
-  presenter.reset();
-  adapter.reset();
+  host.reset();
   if (!captureFailure.empty()) return fail(captureFailure);
   if (!upload.ended) return fail("no picture taken");
   if (!upload.failure.empty()) return fail(upload.failure);

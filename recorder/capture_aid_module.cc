@@ -32,4 +32,10 @@ void installCaptureAidScreens(CaptureAidScreenOptions options) {
   CaptureAidScreens::install(std::make_shared<CaptureAidScreensModule>(std::move(options)));
 }
 
+void installCaptureAidScreens(const std::string& camera) {
+  CaptureAidScreenOptions options;
+  options.camera.camera = camera;
+  installCaptureAidScreens(std::move(options));
+}
+
 }  // namespace nembra

@@ -6,6 +6,7 @@
 
 #include <chrono>
 
+#include "nembra/screen_host.h"
 #include "recorder/camera_feed.h"
 
 namespace nembra {
@@ -16,6 +17,7 @@ struct CaptureAidScreenOptions {
   std::chrono::milliseconds captureAfter{0};
 };
 
-void installCaptureAidScreens(CaptureAidScreenOptions options = {});
+// The public installCaptureAidScreens(camera) is this with only the camera given.
+void installCaptureAidScreens(CaptureAidScreenOptions options);
 
 }  // namespace nembra
