@@ -10,7 +10,9 @@
 #include <fstream>
 #include <thread>
 
+#include "platform/media/media_backend.h"
 #include "platform/media/testing/media_test_files.h"
+#include "recorder/audio_level_view.h"
 
 namespace nembra {
 namespace {
@@ -152,6 +154,52 @@ TEST_F(CameraCatalogTest, TheVirtualCameraHasOnePatternPerPositionAtTheAskedSize
   EXPECT_NE(back->device, front->device);
   EXPECT_NE(back->device.find("size=640x480:rate=15"), std::string::npos);
   EXPECT_NE(front->device.find("size=640x480:rate=15"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace nembra
+
+namespace nembra {
+namespace {
+
+// The sound side of the feed: a microphone's blocks become signed 16-bit samples, whose level is
+// the meter's formula. FFmpeg's sine source plays at an eighth of full scale and the virtual
+// microphone spreads it over two channels at -3 dB, so its mean absolute sample is
+// 4096 / √2 × 2/π ≈ 1844: a level of 0.184.
+TEST(CameraFeedTest, MicrophoneBlocksBecomeSamplesAtTheSinesLevel) {
+  if (!testing::MediaTestFiles::haveFfmpeg()) GTEST_SKIP() << "ffmpeg is not installed";
+  OptionalError error;
+  auto microphone = MediaBackend::shared().openMicrophone("lavfi", error);
+  ASSERT_TRUE(microphone) << error->message;
+  class Levels final : public CaptureFrameObserver {
+   public:
+    void onVideoFrame(const SharedVideoFrame&) override {}
+    void onAudioSamples(const int16_t* samples, size_t count, int channels) override {
+      std::lock_guard lock(mutex);
+      this->channels = channels;
+      total += count;
+      levels.push_back(AudioLevelView::levelOf(samples, count));
+    }
+    std::mutex mutex;
+    std::vector<double> levels;
+    size_t total = 0;
+    int channels = 0;
+  };
+  auto levels = std::make_shared<Levels>();
+  CameraFeed feed(std::move(microphone), MediaBackend::shared().makeRawFrameReader());
+  feed.addObserver(levels);
+  feed.start();
+  ASSERT_TRUE(waitFor([&] {
+    std::lock_guard lock(levels->mutex);
+    return levels->total >= 8820;  // 0.1 s of stereo at 44100 Hz
+  }));
+  feed.stop();
+  std::lock_guard lock(levels->mutex);
+  EXPECT_EQ(levels->channels, 2);
+  for (double level : levels->levels) {
+    EXPECT_GT(level, 0.17);
+    EXPECT_LT(level, 0.20);
+  }
 }
 
 }  // namespace
