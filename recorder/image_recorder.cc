@@ -13,7 +13,47 @@
 
 namespace nembra {
 
-ImageRecorder::ImageRecorder(Nembra& application) : application_(application) {}
+namespace {
+
+// The JPEG of |frame| written to "image.jpg" in the documents directory.
+ImageRecorderResult writeJpeg(RawFrameReader& codec, const VideoFrame& frame, int quality) {
+  ImageRecorderResult result;
+  result.width = frame.width;
+  result.height = frame.height;
+  std::vector<uint8_t> jpeg;
+  result.error = codec.encodeJpeg(frame, quality, jpeg);
+  if (result.error) return result;
+  OptionalError directoryError;
+  const std::string documents = FileSystem::shared().documentsDirectory(&directoryError);
+  if (directoryError) {
+    result.error = directoryError;
+    return result;
+  }
+  result.path = documents + "/image.jpg";
+  std::error_code ignored;
+  std::filesystem::remove(result.path, ignored);  // an older picture of that name goes first
+  std::ofstream out(result.path, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(jpeg.data()), static_cast<std::streamsize>(jpeg.size()));
+  out.close();
+  if (!out) result.error = Error::file("can't write " + result.path);
+  return result;
+}
+
+}  // namespace
+
+ImageRecorder::ImageRecorder(Nembra& application)
+    : application_(application), codec_(MediaBackend::shared().makeRawFrameReader()) {}
+
+void ImageRecorder::encodeLater(SharedVideoFrame frame) {
+  std::weak_ptr<ImageRecorder> weak = weak_from_this();
+  MainQueue& main = application_.mainQueue();
+  queue_.async([weak, frame, codec = codec_, &main] {
+    ImageRecorderResult result = writeJpeg(*codec, *frame, kJpegQuality);
+    main.async([weak, result] {
+      if (auto self = weak.lock()) self->upload(result);
+    });
+  });
+}
 
 void ImageRecorder::onVideoFrame(const SharedVideoFrame& frame) {
   bool take = false;
@@ -23,12 +63,7 @@ void ImageRecorder::onVideoFrame(const SharedVideoFrame& frame) {
     take = waiting_;
     waiting_ = false;
   }
-  if (take) {
-    std::weak_ptr<ImageRecorder> weak = weak_from_this();
-    queue_.async([weak, frame] {
-      if (auto self = weak.lock()) self->encode(frame);
-    });
-  }
+  if (take) encodeLater(frame);
 }
 
 bool ImageRecorder::takePicture(Callbacks callbacks) {
@@ -41,42 +76,8 @@ bool ImageRecorder::takePicture(Callbacks callbacks) {
     frame = latest_;
     waiting_ = !frame;
   }
-  if (frame) {
-    std::weak_ptr<ImageRecorder> weak = weak_from_this();
-    queue_.async([weak, frame] {
-      if (auto self = weak.lock()) self->encode(frame);
-    });
-  }
+  if (frame) encodeLater(frame);
   return true;
-}
-
-void ImageRecorder::encode(SharedVideoFrame frame) {
-  ImageRecorderResult result;
-  result.width = frame->width;
-  result.height = frame->height;
-  if (!codec_) codec_ = MediaBackend::shared().makeRawFrameReader();
-  std::vector<uint8_t> jpeg;
-  result.error = codec_->encodeJpeg(*frame, kJpegQuality, jpeg);
-  if (!result.error) {
-    OptionalError directoryError;
-    const std::string documents = FileSystem::shared().documentsDirectory(&directoryError);
-    result.path = documents + "/image.jpg";
-    std::error_code ignored;
-    std::filesystem::remove(result.path, ignored);  // an older picture of that name goes first
-    std::ofstream out(result.path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(jpeg.data()),
-              static_cast<std::streamsize>(jpeg.size()));
-    out.close();
-    if (directoryError) {
-      result.error = directoryError;
-    } else if (!out) {
-      result.error = Error::file("can't write " + result.path);
-    }
-  }
-  std::weak_ptr<ImageRecorder> weak = weak_from_this();
-  application_.mainQueue().async([weak, result] {
-    if (auto self = weak.lock()) self->upload(result);
-  });
 }
 
 void ImageRecorder::upload(ImageRecorderResult result) {

@@ -52,7 +52,9 @@ class ImageRecorder final : public CaptureFrameObserver,
   bool busy() const { return busy_; }
 
  private:
-  void encode(SharedVideoFrame frame);
+  // Posts the encoding of |frame|; the queue holds the recorder only weakly, so that it is never
+  // destroyed on its own queue.
+  void encodeLater(SharedVideoFrame frame);
   void upload(ImageRecorderResult result);
   void finish(ImageRecorderResult result, bool uploaded);
 
@@ -64,7 +66,7 @@ class ImageRecorder final : public CaptureFrameObserver,
   bool waiting_ = false;                   // guarded by mutex_: take the next picture that comes
   bool busy_ = false;                      // main queue
   Callbacks callbacks_;                    // main queue
-  std::unique_ptr<RawFrameReader> codec_;  // encoder queue only
+  std::shared_ptr<RawFrameReader> codec_;  // used on the encoder queue only
   SerialQueue queue_{"com.nembra.image-recorder"};  // last: drained before the rest goes
 };
 
