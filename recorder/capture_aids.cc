@@ -1,6 +1,7 @@
 #include "recorder/capture_aids.h"
 
 #include "nembra/application.h"
+#include "platform/media/media_backend.h"
 
 namespace nembra {
 
@@ -27,6 +28,23 @@ void CaptureAids::enableFaceDetection(std::unique_ptr<FaceDetector> detector,
           }
         });
       });
+}
+
+OptionalError CaptureAids::setFaceOutlineDrawable(const std::shared_ptr<const StillImage>& image) {
+  if (!image) {
+    faceOutline_.setOutlineDrawable(nullptr);
+    return std::nullopt;
+  }
+  PictureLimits limits;  // a face is never drawn larger than this
+  limits.maxWidth = 512;
+  limits.maxHeight = 512;
+  auto picture = std::make_shared<Picture>();
+  if (auto error =
+          MediaBackend::shared().makeImageCodec()->decodePicture(image->data, limits, *picture)) {
+    return error;
+  }
+  faceOutline_.setOutlineDrawable(std::move(picture));
+  return std::nullopt;
 }
 
 void CaptureAids::onVideoFrame(const SharedVideoFrame& frame) {

@@ -11,6 +11,8 @@
 
 #include <memory>
 
+#include "nembra/error.h"
+#include "nembra/still_image.h"
 #include "recorder/audio_level_view.h"
 #include "recorder/camera_feed.h"
 #include "recorder/face_detector_pump.h"
@@ -38,6 +40,11 @@ class CaptureAids final : public CaptureFrameObserver,
   LuxMeterView& luxMeterView() { return luxMeter_; }
   AudioLevelView& audioLevelView() { return audioLevel_; }
   FaceOutlineView& faceOutlineView() { return faceOutline_; }
+
+  // The configuration's faceOutlineDrawable, decoded, drawn over each face instead of the
+  // outline; null goes back to the outline. An image that does not decode is an error and
+  // changes nothing.
+  OptionalError setFaceOutlineDrawable(const std::shared_ptr<const StillImage>& image);
 
   // Outlines the faces on a preview picture (the preview layer's overlay).
   void drawFaces(VideoFrame& picture) const { faceOutline_.drawRect(picture); }

@@ -4,10 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <iterator>
 #include <thread>
 
 #include "nembra/application.h"
 #include "nembra/main_queue.h"
+#include "platform/media/testing/media_test_files.h"
 #include "platform/ui/headless_screen_view.h"
 #include "recorder/testing/test_frames.h"
 
@@ -80,6 +83,30 @@ TEST_F(CaptureAidsTest, FacesFoundAreOutlinedAndToldInPreviewCoordinates) {
   aids_->drawFaces(*picture);
   EXPECT_EQ(testing::lumaAt(*picture, 30, 30), 210);
   EXPECT_EQ(testing::lumaAt(*picture, 40, 40), 100);
+}
+
+TEST_F(CaptureAidsTest, TheConfiguredOutlineImageIsDrawnOverTheFaceAndABadOneRefused) {
+  testing::MediaTestFiles files;
+  const std::string path =
+      files.make("white.png", {"-f", "lavfi", "-i", "color=c=white:s=16x16", "-frames:v", "1"});
+  ASSERT_FALSE(path.empty());
+  auto image = std::make_shared<StillImage>();
+  std::ifstream in(path, std::ios::binary);
+  image->data.assign(std::istreambuf_iterator<char>(in), {});
+  image->format = "png";
+  ASSERT_FALSE(aids_->setFaceOutlineDrawable(image));
+  aids_->faceOutlineView().addFace(1, {20, 20, 40, 40});
+  auto picture = testing::solidFrame(100, 100, 30);
+  aids_->drawFaces(*picture);
+  EXPECT_GT(testing::lumaAt(*picture, 40, 40), 230);  // the whole face, not only its edge
+  EXPECT_EQ(testing::lumaAt(*picture, 10, 10), 30);
+
+  auto broken = std::make_shared<StillImage>();
+  broken->data = {0x89, 'P', 'N', 'G', 1, 2, 3};
+  EXPECT_TRUE(aids_->setFaceOutlineDrawable(broken));
+  auto again = testing::solidFrame(100, 100, 30);
+  aids_->drawFaces(*again);
+  EXPECT_GT(testing::lumaAt(*again, 40, 40), 230);  // the good image stays
 }
 
 }  // namespace
