@@ -40,6 +40,7 @@
 #include "recorder/nembra_recorder.h"
 #include "recorder/recorder_screens.h"
 #include "playback/playback_module.h"
+#include "recorder/image_recorder.h"
 #include "streaming/live_publisher.h"
 #include "streaming/stream_log.h"
 #include "viewer/viewer_screens.h"
@@ -99,6 +100,8 @@ class DemoRun {
          [this] { return recordAudio(); });
     step("Record 2 s of the screen, then hand the movie over for upload",
          [this] { return recordScreen(); });
+    step("Take a picture with the virtual camera, upload it, read it back",
+         [this] { return snapPicture(); });
     auto seconds = std::chrono::duration<double>(Clock::now() - started).count();
     std::cout << "\n" << passed_ << " of " << total_ - skipped_ << " steps passed";
     if (skipped_ > 0) std::cout << " (" << skipped_ << " skipped)";
@@ -430,6 +433,61 @@ class DemoRun {
       return std::nullopt;
     }
     return future.get();
+  }
+
+  // The still-image recorder's work on the virtual camera: one 640x360 picture as a JPEG,
+  // uploaded as an image, then fetched from the service and decoded.
+  bool snapPicture() {
+    CameraFeedOptions camera;
+    camera.camera = CameraCatalog::kVirtualCamera;
+    camera.width = 640;
+    camera.height = 360;
+    OptionalError error;
+    auto feed = CameraFeed::open(camera, error);
+    if (!feed) {
+      std::cout << "    " << error->message << "\n";
+      return false;
+    }
+    auto recorder = std::make_shared<ImageRecorder>(nembra_);
+    feed->addObserver(recorder);
+    std::optional<ImageRecorderResult> done;
+    ImageRecorder::Callbacks callbacks;
+    callbacks.captured = [&](const ImageRecorderResult& result) {
+      feed->stop();
+      if (result.error) done = result;
+    };
+    callbacks.uploaded = [&](const ImageRecorderResult& result) { done = result; };
+    recorder->takePicture(std::move(callbacks));
+    feed->start();
+    nembra_.mainQueue().runUntil([&] { return done.has_value(); }, std::chrono::minutes(2));
+    feed->stop();
+    if (!done || done->error) {
+      std::cout << "    " << (done ? done->error->message : "no picture came") << "\n";
+      return false;
+    }
+    std::cout << "    image " << done->token << ": " << done->width << "x" << done->height
+              << " JPEG\n";
+    auto cached = awaitOnMainQueue<std::optional<std::string>>([&](auto deliver) {
+      nembra_.uploadingHandler().downloadWithType(
+          IMAGE, done->token,
+          [deliver](const std::optional<std::string>& path, const OptionalError&) {
+            deliver(path);
+          });
+    });
+    if (!cached || !*cached) {
+      std::cout << "    download of the picture failed\n";
+      return false;
+    }
+    const std::string bytes = readAll(**cached);
+    ImageInfo info;
+    if (auto bad = MediaBackend::shared().makeImageCodec()->inspect(
+            {reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}, info)) {
+      std::cout << "    the downloaded picture does not decode: " << bad->message << "\n";
+      return false;
+    }
+    std::cout << "    downloaded: " << info.width << "x" << info.height << " " << info.format
+              << "\n";
+    return info.format == "jpeg" && info.width == 640 && info.height == 360;
   }
 
   bool roundTrip(int type) {

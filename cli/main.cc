@@ -56,6 +56,9 @@ int main(int argc, char** argv) {
   nembra::registerRecordAudioCommand(app, context, exitCode);
   nembra::registerRecordScreenCommands(app, context, exitCode);
   nembra::registerRecordCommand(app, context, exitCode);
+  nembra::registerSnapCommand(app, context, exitCode);
+  nembra::registerQrScanCommand(app, context, exitCode);
+  nembra::registerCamerasCommand(app, context, exitCode);
 #ifdef NEMBRA_HAVE_SERVICE
   nembra::registerServeCommand(app, context, exitCode);
 #endif

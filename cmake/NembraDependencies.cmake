@@ -46,3 +46,12 @@ if(NOT NEMBRA_SANITIZE AND NOT NEMBRA_FUZZ)
   find_package(benchmark REQUIRED)
   find_package(CLI11 REQUIRED)
 endif()
+# Faces and QR codes in camera pictures (platform/vision): OpenCV's cascade detector and zbar.
+# Debian's objdetect and imgproc packages ship neither a pkg-config file nor a CMake package.
+nembra_pkg_modules(ZBAR zbar)
+find_path(OPENCV_INCLUDE_DIR opencv2/objdetect.hpp PATH_SUFFIXES opencv4 REQUIRED)
+# Linked by bare name, so that nembra.pc can say -lopencv_objdetect... as they are.
+set(NEMBRA_OPENCV_LIBRARIES opencv_objdetect opencv_imgproc opencv_core)
+foreach(library ${NEMBRA_OPENCV_LIBRARIES})
+  find_library(${library}_PATH ${library} REQUIRED)
+endforeach()

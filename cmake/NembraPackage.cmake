@@ -14,7 +14,7 @@ include(CMakePackageConfigHelpers)
 
 # The modules a host's program runs on, screens included. A module joins when its folder exists.
 set(NEMBRA_SDK_MODULES)
-foreach(module recorder recorder_aids playback capture viewer api ui streaming platform)
+foreach(module recorder playback capture viewer api ui streaming vision platform)
   if(TARGET nembra_${module})
     list(APPEND NEMBRA_SDK_MODULES nembra_${module})
   endif()

@@ -11,6 +11,10 @@ packages=(
   libcurl4-openssl-dev libssl-dev nlohmann-json3-dev libsqlite3-dev
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev
   libavdevice-dev libavfilter-dev
+  # faces and QR codes in camera pictures; qrencode makes the scanner tests' codes
+  libopencv-objdetect-dev libopencv-imgproc-dev opencv-data libzbar-dev qrencode
+  # a real photograph with a face (the face detector's test): OpenCV's sample pictures
+  opencv-doc
   libcpp-httplib-dev libcli11-dev
   # VAST ad documents; the local service's transcripts (recogniser and its US English model);
   # now-playing information on the session bus

@@ -156,6 +156,12 @@ class Nembra {
   // Remote image loading for screens, made on first use; shared with the screens that use it.
   std::shared_ptr<RemoteImageLoader> imageLoader();
 
+  // The camera screens (api/capture_aid_screens.h), presented over the topmost screen: one
+  // still picture uploaded as an image, and the QR scanner with qrScannerConfig and the QR
+  // delegate. Without a presenter or an installed module they log an error and do nothing.
+  void startImageRecorder();
+  void startQrScanner();
+
   // Delegates are held weakly.
   void setRecorderDelegate(std::weak_ptr<NembraRecorderDelegate> d) { recorderDelegate_ = d; }
   std::shared_ptr<NembraRecorderDelegate> getRecorderDelegate() const {

@@ -103,8 +103,22 @@ struct NembraPlayerDelegate {
   // The audio player was closed by the user.
   std::function<void()> playerCancelledByUser;
 };
+// A rectangle in a preview's coordinates (the pixels of the picture it shows).
+struct NembraRect {
+  double x = 0;
+  double y = 0;
+  double width = 0;
+  double height = 0;
+};
+// What the camera's aids measure, on the main queue: each picture's brightness (an APEX
+// brightness value), each sound buffer's level (0..1) and each face found (its identifier stays
+// while the face is followed).
 struct NembraSensorDelegate {
   virtual ~NembraSensorDelegate() = default;
+
+  std::function<void(double brightness)> luxMeter;
+  std::function<void(double level)> audioMeter;
+  std::function<void(int64_t faceId, const NembraRect& rect)> faceDetected;
 };
 struct NembraFileSelectorDelegate {
   virtual ~NembraFileSelectorDelegate() = default;
@@ -115,8 +129,12 @@ struct NembraFileSelectorDelegate {
 struct NembraScreenRecorderDelegate {
   virtual ~NembraScreenRecorderDelegate() = default;
 };
+// The QR scanner's results, on the main queue.
 struct NembraQRScannerDelegate {
   virtual ~NembraQRScannerDelegate() = default;
+
+  // The text of a code read from the camera; a code held in view is told once, not per picture.
+  std::function<void(const std::string& text)> qrCodeScanned;
 };
 
 }  // namespace nembra

@@ -71,5 +71,8 @@ class NembraScreenHost {
 // The screen modules, each making the application object's operations present its screens.
 // Install the ones the host wants, once, before the first such call.
 void installViewerScreens();
+// The still-image recorder and the QR scanner (startImageRecorder, startQrScanner) on |camera|:
+// "" the first camera found, "lavfi" the virtual camera, or a V4L2 node such as /dev/video0.
+void installCaptureAidScreens(const std::string& camera = "");
 
 }  // namespace nembra

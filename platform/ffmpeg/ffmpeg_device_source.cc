@@ -85,6 +85,28 @@ std::unique_ptr<MediaSourceDevice> MediaSourceDevice::openCamera(const std::stri
   return source;
 }
 
+std::unique_ptr<MediaSourceDevice> MediaSourceDevice::openVideoCapture(
+    const VideoCaptureRequest& request, OptionalError& error) {
+  std::unique_ptr<MediaSourceDevice> source(new MediaSourceDevice());
+  const bool v4l2 = request.kind == VideoCaptureRequest::Kind::V4l2;
+  std::vector<std::pair<std::string, std::string>> options;
+  if (v4l2 && request.width > 0 && request.height > 0) {
+    options.emplace_back("video_size",
+                         std::to_string(request.width) + "x" + std::to_string(request.height));
+  }
+  if (v4l2 && request.fps > 0) options.emplace_back("framerate", std::to_string(request.fps));
+  error = source->addInput(v4l2 ? "v4l2" : "lavfi", request.device, options, v4l2, v4l2);
+  if (error) return nullptr;
+  source->describe();
+  if (!source->info_.hasVideo) {
+    error = Error::media(request.device + " gives no pictures");
+    return nullptr;
+  }
+  source->info_.hasAudio = false;
+  source->info_.description = (v4l2 ? "camera " : "lavfi ") + request.device;
+  return source;
+}
+
 std::unique_ptr<MediaSourceDevice> MediaSourceDevice::openMicrophone(const std::string& device,
                                                                      OptionalError& error) {
   std::unique_ptr<MediaSourceDevice> source(new MediaSourceDevice());

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/media/media_backend.h"
 #include "platform/media/media_source.h"
 
 struct AVFormatContext;
@@ -31,6 +32,10 @@ class MediaSourceDevice final : public MediaSource {
   // time each item arrives.
   static std::unique_ptr<MediaSourceDevice> openCamera(const std::string& device, int width,
                                                        int height, int fps, OptionalError& error);
+
+  // Pictures only: a V4L2 node (stamped on arrival) or a lavfi graph (timed by the graph).
+  static std::unique_ptr<MediaSourceDevice> openVideoCapture(const VideoCaptureRequest& request,
+                                                             OptionalError& error);
 
   // A microphone alone, delivering PCM: "lavfi" is a virtual one (a 440 Hz tone, stereo at
   // 44100 Hz, paced in real time like a device), "" the default PulseAudio source or else ALSA's

@@ -12,6 +12,7 @@ extern "C" {
 #include "platform/ffmpeg/ffmpeg_movie_writer.h"
 #include "platform/ffmpeg/ffmpeg_player_engine.h"
 #include "platform/ffmpeg/ffmpeg_raw_frame_converter.h"
+#include "platform/ffmpeg/ffmpeg_raw_frame_reader.h"
 #include "platform/ffmpeg/ffmpeg_x264_encoder.h"
 #include "platform/media/media_backend.h"
 
@@ -45,6 +46,13 @@ class FfmpegMediaBackend final : public MediaBackend {
   std::unique_ptr<MediaSource> openCamera(const std::string& device, int width, int height, int fps,
                                           OptionalError& error) override {
     return MediaSourceDevice::openCamera(device, width, height, fps, error);
+  }
+  std::unique_ptr<MediaSource> openVideoCapture(const VideoCaptureRequest& request,
+                                                OptionalError& error) override {
+    return MediaSourceDevice::openVideoCapture(request, error);
+  }
+  std::unique_ptr<RawFrameReader> makeRawFrameReader() override {
+    return std::make_unique<FfmpegRawFrameReader>();
   }
   std::unique_ptr<MediaSource> openMicrophone(const std::string& device,
                                               OptionalError& error) override {

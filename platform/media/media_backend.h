@@ -32,8 +32,19 @@
 #include "platform/media/media_source.h"
 #include "platform/media/movie_writer.h"
 #include "platform/media/raw_frame_converter.h"
+#include "platform/media/raw_frame_reader.h"
 
 namespace nembra {
+
+// A picture-only capture: a V4L2 node, or a lavfi filter graph that stands in for a camera.
+struct VideoCaptureRequest {
+  enum class Kind { V4l2, Lavfi };
+  Kind kind = Kind::V4l2;
+  std::string device;  // the node ("/dev/video0") or the graph ("testsrc2=size=640x480,realtime")
+  int width = 0;       // asked of a V4L2 node when not 0
+  int height = 0;
+  int fps = 0;
+};
 
 // What the plug-in provides. Each factory hands back an object the caller owns.
 class MediaBackend {
@@ -59,6 +70,10 @@ class MediaBackend {
                                                       OptionalError& error) = 0;
   virtual std::unique_ptr<MediaSource> openDecodedFile(const std::string& path,
                                                        OptionalError& error) = 0;
+
+  virtual std::unique_ptr<MediaSource> openVideoCapture(const VideoCaptureRequest& request,
+                                                        OptionalError& error) = 0;
+  virtual std::unique_ptr<RawFrameReader> makeRawFrameReader() = 0;
 
   virtual std::unique_ptr<VideoEncoder> createH264Encoder(const VideoEncoderSettings& settings,
                                                           OptionalError& error) = 0;
