@@ -23,8 +23,8 @@ Outcome parse(const std::string& boundary, std::string_view body, size_t step) {
   Outcome outcome;
   MultipartStreamParser::Callbacks callbacks;
   callbacks.onPartBegin = [&](const MultipartPart& part) {
-    outcome.parts.push_back(part.name + "|" + part.filename.value_or("-") + "|" +
-                            part.contentType + "|");
+    outcome.parts.push_back(part.name + "|" + part.filename.value_or("-") + "|" + part.contentType +
+                            "|");
     return true;
   };
   callbacks.onPartData = [&](const char* data, size_t size) {
@@ -52,8 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   size_t newline = input.find('\n');
   if (newline == std::string_view::npos || newline == 0 || newline > 70) return 0;
   std::string boundary(input.substr(0, newline));
-  (void)MultipartStreamParser::boundaryFromContentType("multipart/form-data; boundary=" +
-                                                        boundary);
+  (void)MultipartStreamParser::boundaryFromContentType("multipart/form-data; boundary=" + boundary);
   std::string_view body = input.substr(newline + 1);
   size_t step = body.empty() ? 1 : 1 + static_cast<uint8_t>(body.back()) % 17;
   Outcome whole = parse(boundary, body, body.empty() ? 1 : body.size());

@@ -31,7 +31,8 @@ Fields lines(std::string_view text) {
     std::string_view line = text.substr(0, end);
     size_t equals = line.find('=');
     if (equals != std::string_view::npos) {
-      fields.emplace_back(std::string(line.substr(0, equals)), std::string(line.substr(equals + 1)));
+      fields.emplace_back(std::string(line.substr(0, equals)),
+                          std::string(line.substr(equals + 1)));
     }
     if (end == std::string_view::npos) break;
     text.remove_prefix(end + 1);

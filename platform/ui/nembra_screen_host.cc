@@ -1,6 +1,5 @@
-#include "nembra/screen_host.h"
-
 #include "nembra/main_queue.h"
+#include "nembra/screen_host.h"
 #include "platform/ui/screen_presenter.h"
 #include "platform/ui/ui_adapter.h"
 
@@ -19,7 +18,8 @@ std::unique_ptr<NembraScreenHost> NembraScreenHost::start(UiKind kind, MainQueue
   std::unique_ptr<NembraScreenHost> host(new NembraScreenHost(kind, mainQueue));
   host->adapter_->ui = makeUiAdapter(kind, mainQueue, error);
   if (!host->adapter_->ui) {
-    if (!error) error = Error::internal(std::string("cannot start the ") + uiKindName(kind) + " UI");
+    if (!error)
+      error = Error::internal(std::string("cannot start the ") + uiKindName(kind) + " UI");
     return nullptr;
   }
   host->presenter_ = std::make_shared<ScreenPresenter>(*host->adapter_->ui, mainQueue);
