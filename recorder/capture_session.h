@@ -40,9 +40,9 @@ struct CaptureSample {
 // Sees every sample the capture delivers, on the capture thread, before the recorder writes it.
 // What it does there must be quick; anything slow (face detection) belongs on a queue of its
 // own. Samples dropped while paused are still observed (the meters keep moving).
-class CaptureFrameObserver {
+class CaptureSampleObserver {
  public:
-  virtual ~CaptureFrameObserver() = default;
+  virtual ~CaptureSampleObserver() = default;
   virtual void captureVideoFrame(const CaptureSample& sample) { (void)sample; }
   virtual void captureAudioFrame(const CaptureSample& sample) { (void)sample; }
 };

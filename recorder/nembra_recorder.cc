@@ -165,7 +165,7 @@ bool NembraRecorder::isPaused() const {
   return isPaused_;
 }
 
-void NembraRecorder::addFrameObserver(std::weak_ptr<CaptureFrameObserver> observer) {
+void NembraRecorder::addFrameObserver(std::weak_ptr<CaptureSampleObserver> observer) {
   std::lock_guard lock(sampleMutex_);
   observers_.push_back(std::move(observer));
 }
@@ -571,7 +571,7 @@ void NembraRecorder::processRecordedVideoAtURL(const std::string& path, Optional
 
 void NembraRecorder::captureOutput(CaptureSample& sample) {
   const bool video = sample.kind == CaptureSample::Kind::Video;
-  std::vector<std::shared_ptr<CaptureFrameObserver>> observers;
+  std::vector<std::shared_ptr<CaptureSampleObserver>> observers;
   VideoSurface* surface = nullptr;
   {
     std::lock_guard lock(sampleMutex_);

@@ -72,7 +72,7 @@ class NembraRecorder final : public Screen,
   void setControlsVisible(bool visible);
 
   // The capture aids attach here (held weakly; a gone observer is skipped).
-  void addFrameObserver(std::weak_ptr<CaptureFrameObserver> observer);
+  void addFrameObserver(std::weak_ptr<CaptureSampleObserver> observer);
 
   RecorderState state() const { return machine_.state(); }
   // 0 success, 1 not authorised, 2 configuration failed.
@@ -205,7 +205,7 @@ class NembraRecorder final : public Screen,
   std::shared_ptr<LiveStreamer> liveStreamer_;
   std::shared_ptr<H264Encoder> videoEncoder_;
   std::shared_ptr<AACEncoder> audioEncoder_;
-  std::vector<std::weak_ptr<CaptureFrameObserver>> observers_;
+  std::vector<std::weak_ptr<CaptureSampleObserver>> observers_;
   VideoSurface* surface_ = nullptr;
 };
 

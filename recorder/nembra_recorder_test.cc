@@ -266,7 +266,7 @@ TEST_F(RecorderTest, RetakeFromThePreviewRemovesTheFileAndRecordsAgain) {
 }
 
 TEST_F(RecorderTest, FrameObserversSeeEverySampleEvenWhilePaused) {
-  struct Counter : CaptureFrameObserver {
+  struct Counter : CaptureSampleObserver {
     void captureVideoFrame(const CaptureSample&) override { ++video; }
     void captureAudioFrame(const CaptureSample&) override { ++audio; }
     int video = 0;
