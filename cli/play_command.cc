@@ -11,10 +11,12 @@
 #include "nembra/nembra_cache_manager.h"
 #include "nembra/nembra_delegates.h"
 #include "nembra/nembra_videos.h"
+#include "platform/http/http_curl_client.h"
 #include "platform/media/media_log.h"
 #include "platform/ui/screen_presenter.h"
 #include "platform/ui/ui_adapter.h"
 #include "playback/playback_module.h"
+#include "playback/vast_ads_loader.h"
 
 namespace nembra {
 namespace {
@@ -65,6 +67,10 @@ int runPlay(CliContext& context, const PlayArguments& args) {
   config.setIsCachingEnabled(!args.noCache);
   config.setShouldShowSubtitles(args.subtitles);
   config.setAdsUri(args.ads);
+  // The tag's ads are fetched, chosen and tracked by the VAST client.
+  if (!args.ads.empty()) {
+    VastAdsLoader::install(nembra.mainQueue(), std::make_shared<CurlHttpClient>(), {});
+  }
   Json extra = Json::object();
   for (const std::string& entry : args.extra) {
     size_t equals = entry.find('=');
