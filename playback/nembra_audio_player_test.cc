@@ -76,9 +76,10 @@ class NembraAudioPlayerTest : public ::testing::Test {
 
   MainQueue queue_;
   Nembra nembra_{"app", queue_};
+  // Outlives the presenter, whose screens stop listening to it as they go.
+  FakeAudioEngine engine_;
   HeadlessUi ui_;
   ScreenPresenter presenter_{ui_, queue_};
-  FakeAudioEngine engine_;
   std::shared_ptr<NembraPlayerDelegate> delegate_;
   std::vector<std::string> events_;
 };
