@@ -80,6 +80,12 @@ int runPlay(CliContext& context, const PlayArguments& args) {
     extra[entry.substr(0, equals)] = entry.substr(equals + 1);
   }
   config.addExtraArgs(extra);
+  // A token never holds a slash: such an item is a file that is not there.
+  for (const std::string& item : args.items) {
+    if (isToken(item) && item.find('/') != std::string::npos) {
+      return fail("no such file: " + item);
+    }
+  }
 
   auto delegate = context.options.json ? jsonEvents() : nullptr;
   if (delegate) nembra.setPlayerDelegate(delegate);

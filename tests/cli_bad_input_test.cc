@@ -114,6 +114,12 @@ TEST_F(CliBadInputTest, UploadsAndTokensThatCannotGoAreRefusedAndLeaveNothingBeh
   EXPECT_EQ(directory.exitCode, 1);
   EXPECT_NE(directory.err.find("is a directory"), std::string::npos) << directory.err;
 
+  // A path that is not there is a missing file, not a token.
+  const Outcome absentMovie = run({"play", scratch_.file("absent.mp4")});
+  EXPECT_EQ(absentMovie.exitCode, 1);
+  EXPECT_NE(absentMovie.err.find("nembra play: no such file: "), std::string::npos)
+      << absentMovie.err;
+
   // The service is down: the upload fails before it has an upload URL, and the copy or link
   // made for the SDK goes with it.
   const Outcome down = runAt(nowhere, {"upload", clip});
