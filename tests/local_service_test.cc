@@ -837,7 +837,13 @@ TEST_F(LocalServiceTest, BadRequestsGetTheirOwn4xxAndChangeNothing) {
 }
 
 TEST_F(LocalServiceTest, PathTraversalIsRefusedAndNothingLeavesTheDataDirectory) {
-  const fs::path outside = fs::path(data_.path()).parent_path();
+  // A data directory inside a scratch directory of its own: other tests' temporary files come
+  // and go beside the shared one.
+  TempDir box{"nembra-traversal"};
+  ServiceOptions options;
+  options.dataDir = box.path() + "/data";
+  startService(options);
+  const fs::path outside = box.path();
   auto before = std::distance(fs::directory_iterator(outside), fs::directory_iterator());
   for (std::string path :
        {"/v1/applications/%2e%2e/videos", "/v1/applications/..%2F..%2Ftmp/videos",
