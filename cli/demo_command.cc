@@ -37,6 +37,7 @@
 #include "platform/ui/screen_presenter.h"
 #include "platform/ui/ui_adapter.h"
 #include "platform/ui/window_ui.h"
+#include "playback/picker_module.h"
 #include "playback/playback_module.h"
 #include "recorder/image_recorder.h"
 #include "recorder/nembra_recorder.h"
@@ -94,6 +95,8 @@ class DemoRun {
          [this] { return recordVideo(); });
     step("Show an image in the window", [this] { return showImage(); });
     step("Play the uploaded video through the caching loader", [this] { return playVideo(); });
+    step("Trim 1 s out of a generated clip in the editor, upload the cut",
+         [this] { return trimVideo(); });
     step("Resolve the sample ad tag, fire its pixels, count them on the service",
          [this] { return adPixels(); });
     step("Record 2 s of audio from the virtual microphone, upload it, read it back",
@@ -293,6 +296,51 @@ class DemoRun {
     std::cout << "    " << (ended ? "played to the end" : "did not end") << "; cache "
               << (same ? "written: " + cached : std::string("NOT written")) << "\n";
     return ended && same ? Outcome::Passed : Outcome::Failed;
+  }
+
+  // The editor as the façade opens it, with nobody at it: the handles put at 1 s and 2 s, then
+  // "trim" pressed; the cut goes up through the upload handler.
+  bool trimVideo() {
+    const std::string clip = FileSystem::shared().temporaryDirectory() + "/demo-trim-source.mp4";
+    if (auto error = MediaSampleWriter::writeVideo(clip, 3.0, 320, 240)) {
+      std::cout << "    cannot make a clip: " << error->message << "\n";
+      return false;
+    }
+    HeadlessUi ui;
+    bool ended = false;
+    OptionalError failure;
+    std::optional<Json> confirm;
+    PickerModuleOptions options;
+    options.withSound = false;
+    options.dismissEditorOnFailure = true;
+    options.editorStart = 1.0;
+    options.editorEnd = 2.0;
+    options.onTrimmed = [&](const std::optional<Json>& json, const OptionalError& error) {
+      confirm = json;
+      failure = error;
+      ended = true;
+    };
+    installPickerScreens(std::move(options));
+    auto presenter = std::make_shared<ScreenPresenter>(ui, nembra_.mainQueue());
+    nembra_.setScreenPresenter(presenter);
+    nembra_.trimVideo(clip);
+    HeadlessScreenView* editor = ui.topView();
+    if (editor) {
+      std::cout << "    cutting " << editor->label("selection") << " ("
+                << editor->label("chronometer") << ")\n";
+      editor->press("trim");
+    }
+    nembra_.mainQueue().runUntil([&] { return ended; }, std::chrono::seconds(120));
+    presenter->dismissAll();
+    nembra_.mainQueue().runUntil([&] { return presenter->depth() == 0; }, std::chrono::seconds(5));
+    PickerScreens::install(nullptr);
+    std::filesystem::remove(clip);
+    if (!ended || failure) {
+      std::cout << "    " << (failure ? failure->message : "the editor did not finish") << "\n";
+      return false;
+    }
+    std::cout << "    the cut was uploaded and confirmed\n";
+    return true;
   }
 
   bool showDevice() {
