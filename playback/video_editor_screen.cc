@@ -1,6 +1,7 @@
 #include "playback/video_editor_screen.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -21,6 +22,9 @@ namespace nembra {
 namespace {
 
 constexpr auto kPlayTick = std::chrono::milliseconds(20);
+
+// Numbers the cuts of this process, so two in the same second keep their own files.
+std::atomic<int> cuts{0};
 
 }  // namespace
 
@@ -119,6 +123,9 @@ void VideoEditorScreen::refresh() {
   view().setSlider("end", {end_, 0, maximum, editing, false});
   view().setLabel("selection", chronometerText(start_) + " - " + chronometerText(end_));
   view().setLabel("chronometer", chronometerText(end_ - start_));
+  view().setLabel("handle", std::string("arrows move the ") +
+                                (active_ == Handle::Start ? "start" : "end") +
+                                " (tab: the other handle)");
   view().setLabel("status", status_);
   view().setButton("play",
                    {playing_ ? "pause-white" : "play-white", playing_ ? "Pause" : "Play selection",
@@ -175,7 +182,8 @@ void VideoEditorScreen::trimAndUpload() {
   refresh();
   const std::string output =
       (std::filesystem::path(FileSystem::shared().temporaryDirectory()) /
-       ("trim-" + std::to_string(static_cast<long long>(std::time(nullptr))) + ".mp4"))
+       ("trim-" + std::to_string(static_cast<long long>(std::time(nullptr))) + "-" +
+        std::to_string(++cuts) + ".mp4"))
           .string();
   if (!trimQueue_) trimQueue_ = std::make_unique<SerialQueue>("com.nembra.editor.trim");
   application_.log("trimming " + path_ + " from " + chronometerText(start_) + " to " +
@@ -292,12 +300,12 @@ void VideoEditorScreen::sliderMoved(const std::string& name, double value) {
 
 void VideoEditorScreen::keyPressed(const std::string& key) {
   const double value = active_ == Handle::Start ? start_ : end_;
-  if (key == "tab") {
-    active_ = active_ == Handle::Start ? Handle::End : Handle::Start;
-  } else if (key == "s") {
-    active_ = Handle::Start;
-  } else if (key == "e") {
-    active_ = Handle::End;
+  if (key == "tab" || key == "s" || key == "e") {
+    active_ = key == "s"                 ? Handle::Start
+              : key == "e"               ? Handle::End
+              : active_ == Handle::Start ? Handle::End
+                                         : Handle::Start;
+    refresh();
   } else if (key == "left") {
     moveHandle(active_, value - frameStep());
   } else if (key == "right") {

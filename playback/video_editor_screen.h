@@ -5,9 +5,9 @@
 // the upload handler, its progress shown, the uploading delegate told as for any upload.
 //
 // View: sliders "start" and "end"; labels "selection" ("00:01.000 - 00:03.000"),
-// "chronometer" ("00:02.000") and "status"; buttons "play" (space), "trim" (enter) and "close"
-// (q). Keys: tab switches the handle the other keys move ("s" and "e" pick one), left and right
-// move it by one picture, down and up by one second.
+// "chronometer" ("00:02.000"), "handle" (which one the keys move) and "status"; buttons "play"
+// (space), "trim" (enter) and "close" (q). Keys: tab switches the handle the other keys move ("s"
+// and "e" pick one), left and right move it by one picture, down and up by one second.
 //
 // Threading: main queue only. The cut runs on the serial queue "com.nembra.editor.trim"; the
 // finished callback runs on the main queue.

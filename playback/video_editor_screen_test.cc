@@ -181,6 +181,7 @@ TEST_F(VideoEditorScreenTest, KeysMoveTheActiveHandleByAPictureOrASecond) {
   view().pressKey("right");
   EXPECT_NEAR(start(), 1.0 + 1.0 / 30, 1e-9);
   view().pressKey("tab");
+  EXPECT_EQ(view().label("handle"), "arrows move the end (tab: the other handle)");
   view().pressKey("down");
   view().pressKey("left");
   EXPECT_NEAR(end(), 4.0 - 1.0 / 30, 1e-9);
