@@ -55,7 +55,8 @@ bool MediaPickerScreen::admits(const std::string& path) const {
 
 void MediaPickerScreen::viewDidLoad() {
   view().setTitle("Choose media in " + directory_);
-  view().bindKey("enter", "done");
+  // Enter picks the highlighted row in the terminal.
+  view().bindKey("d", "done");
   view().bindKey("escape", "cancel");
   view().bindKey("q", "cancel");
   refresh();

@@ -3,7 +3,7 @@
 // pick ends the selection at once; otherwise picks toggle rows and "done" ends it.
 //
 // View: list "files" (file names, sorted), label "selected" ("2 selected"), buttons "done"
-// (enter; hidden with a limit of one) and "cancel" (escape, q).
+// ("d"; hidden with a limit of one) and "cancel" (escape, q).
 //
 // Threading: main queue only; the result is handed over once the screen is gone.
 #pragma once
