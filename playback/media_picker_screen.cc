@@ -74,7 +74,7 @@ void MediaPickerScreen::refresh() {
   view().setList("files", list);
   view().setLabel("selected",
                   files_.empty() ? "No media here" : std::to_string(chosen_.size()) + " selected");
-  view().setButton("done", {"", "Done", !chosen_.empty(), request_.maxCount == 1});
+  view().setButton("done", {"check-white", "Done", !chosen_.empty(), request_.maxCount == 1});
   view().setButton("cancel", {"close-white", "Cancel", true, false});
 }
 

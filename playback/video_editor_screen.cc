@@ -130,7 +130,7 @@ void VideoEditorScreen::refresh() {
   view().setButton("play",
                    {playing_ ? "pause-white" : "play-white", playing_ ? "Pause" : "Play selection",
                     editing && engine_ != nullptr, false});
-  view().setButton("trim", {"", "Trim and upload", editing, false});
+  view().setButton("trim", {"check-white", "Trim and upload", editing, false});
   view().setButton("close", {"close-white", "Close", true, false});
 }
 
