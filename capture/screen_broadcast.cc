@@ -113,15 +113,20 @@ OptionalError ScreenBroadcast::run() {
     }
     auto* raw = std::get_if<RawMediaFrame>(&item);
     if (!raw) continue;
-    const double seconds = since(origin);
+    double seconds = since(origin);
+    // The first frame opens the session: the duration runs from it. On a busy machine the last
+    // picture may come well after the end; it stands for the end rather than stretching the
+    // movie past it.
+    const bool last =
+        options_.duration > 0 && firstFrame >= 0 && seconds - firstFrame >= options_.duration;
+    if (last) seconds = firstFrame + options_.duration;
     {
       std::lock_guard lock(handlerMutex_);
       handler_.processSampleBuffer(*raw, seconds, SampleBufferType::Video);
     }
     ++frames_;
-    // The first frame opens the session: the duration runs from it.
     if (firstFrame < 0) firstFrame = seconds;
-    if (options_.duration > 0 && seconds - firstFrame >= options_.duration) break;
+    if (last) break;
   }
   stopping_ = true;
   if (microphone_) microphone_->interrupt();

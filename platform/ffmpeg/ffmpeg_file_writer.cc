@@ -20,6 +20,9 @@ namespace nembra {
 namespace {
 
 constexpr AVRational kVideoTimeBase{1, 1000};
+// How far (in frames) a picture may stray from its slot before it is dropped or the gap before
+// it filled: arrival times jitter by a fraction of a frame.
+constexpr double kSlotTolerance = 1.1;
 
 // RMS of interleaved or planar samples in dBFS.
 float rmsDecibels(const AVFrame& frame) {
@@ -171,6 +174,10 @@ OptionalError FfmpegFileWriter::openAudio() {
   return std::nullopt;
 }
 
+int64_t FfmpegFileWriter::slotPts(int64_t slot) const {
+  return std::llround(static_cast<double>(slot) * 1000.0 / settings_.frameRate);
+}
+
 OptionalError FfmpegFileWriter::encode(AVCodecContext* codec, AVStream* stream, AVFrame* frame) {
   int rc = avcodec_send_frame(codec, frame);
   if (rc < 0 && rc != AVERROR_EOF) return failure("can't encode for", rc);
@@ -190,8 +197,21 @@ OptionalError FfmpegFileWriter::appendVideo(const RawMediaFrame& frame, double s
   if (failed_) return failed_;
   if (!video_ || finished_ || frame.kind() != RawMediaFrame::Kind::Video) return std::nullopt;
   const AVFrame* source = frame.avFrame();
-  const int64_t pts = std::llround(seconds * 1000.0);
-  if (pts <= lastVideoPts_) return std::nullopt;
+  if (seconds <= lastSeconds_) return std::nullopt;
+  lastSeconds_ = seconds;
+  // The movie keeps a constant frame rate: each picture takes the next slot of 1/frameRate s. A
+  // picture more than a slot early (two arrived close together) is dropped; one late by more
+  // than a slot (the machine was busy) also fills the slots before it that no picture took, so
+  // that the movie neither runs fast nor loses time. The file starts at 0 with its first
+  // picture.
+  const double ideal = seconds * settings_.frameRate;
+  int64_t first = nextSlot_ < 0 ? 0 : nextSlot_;
+  int64_t slot = first;
+  if (nextSlot_ < 0 || ideal > static_cast<double>(nextSlot_) + kSlotTolerance) {
+    slot = std::max<int64_t>(first, std::llround(ideal));
+  } else if (ideal < static_cast<double>(nextSlot_) - kSlotTolerance) {
+    return std::nullopt;
+  }
   if (!scaler_ || scalerFormat_ != source->format || scalerWidth_ != source->width ||
       scalerHeight_ != source->height) {
     sws_freeContext(scaler_);
@@ -207,10 +227,12 @@ OptionalError FfmpegFileWriter::appendVideo(const RawMediaFrame& frame, double s
   if (rc < 0) return failed_ = Error::internal("out of memory");
   sws_scale(scaler_, source->data, source->linesize, 0, source->height, picture_->data,
             picture_->linesize);
-  picture_->pts = pts;
-  lastVideoPts_ = pts;
-  if (auto error = encode(video_, videoStream_, picture_)) return failed_ = error;
-  ++videoFrames_;
+  for (int64_t taken = first; taken <= slot; ++taken) {
+    picture_->pts = slotPts(taken);
+    if (auto error = encode(video_, videoStream_, picture_)) return failed_ = error;
+    ++videoFrames_;
+  }
+  nextSlot_ = slot + 1;
   return std::nullopt;
 }
 

@@ -43,6 +43,8 @@ class FfmpegFileWriter final : public MediaFileWriter {
   // Whole codec frames from the FIFO; with |drain| also the short rest.
   OptionalError encodeAudioFifo(bool drain);
   Error failure(const std::string& what, int code);
+  // A frame slot's time in kVideoTimeBase.
+  int64_t slotPts(int64_t slot) const;
 
   const MediaFileWriterSettings settings_;
   mutable std::mutex mutex_;
@@ -60,7 +62,8 @@ class FfmpegFileWriter final : public MediaFileWriter {
   // The input shapes the converters are set up for.
   int scalerFormat_ = -1, scalerWidth_ = 0, scalerHeight_ = 0;
   int resamplerFormat_ = -1, resamplerRate_ = 0, resamplerChannels_ = 0;
-  int64_t lastVideoPts_ = -1;
+  double lastSeconds_ = -1e300;  // of the newest picture appended
+  int64_t nextSlot_ = -1;        // the frame slot the next picture takes; -1 before the first
   int64_t videoFrames_ = 0;
   int64_t audioQueued_ = 0;   // samples handed to the FIFO
   int64_t audioEncoded_ = 0;  // samples handed to the encoder: the next frame's pts
