@@ -3,6 +3,7 @@
 #include <dbus/dbus.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
@@ -111,14 +112,10 @@ std::string responseMatch(const std::string& path) {
 }
 
 std::string newToken(const char* what) {
-  static int counter = 0;
+  static std::atomic<int> counter{0};
   return std::string("nembra_") + what + "_" + std::to_string(getpid()) + "_" +
          std::to_string(++counter);
 }
-
-}  // namespace
-
-namespace {
 
 // One portal step: a method whose reply names a Request, answered later by its Response.
 class PortalStep {
@@ -204,8 +201,8 @@ class PortalStep {
     return code;
   }
 
-  // Whether the last failure was the bus saying nobody offers the call (no portal, or a portal
-  // without screen casts), rather than a timeout.
+  // Whether the last call itself failed on the bus: nobody offers it (no portal, or a portal
+  // without screen casts) or nobody answered in time.
   bool unavailable() const { return unavailable_; }
 
  private:
