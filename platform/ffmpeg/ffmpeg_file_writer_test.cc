@@ -2,9 +2,11 @@
 #include "platform/ffmpeg/ffmpeg_file_writer.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <cmath>
+#include <csignal>
 
 #include "platform/ffmpeg/ffmpeg_av_support.h"
 #include "platform/ffmpeg/ffmpeg_device_source.h"
@@ -193,6 +195,44 @@ INSTANTIATE_TEST_SUITE_P(
                       // Late from the start (the first picture opened the encoder).
                       Arrivals{"LateFirstPicture", steady(6, 40, 30)}),
     [](const ::testing::TestParamInfo<Arrivals>& info) { return std::string(info.param.name); });
+
+// Pictures are encoded and written on the writer's own thread: its failure comes back to the
+// caller's next append, and the caller is not left waiting on a full queue.
+TEST(FfmpegFileWriterTest, AWriteFailureUnderPicturesFailsTheAppends) {
+  testing::MediaTestFiles files;
+  MediaFileWriterSettings settings;
+  settings.path = files.path("capped.mov");
+  settings.width = 320;
+  settings.height = 240;
+  OptionalError error;
+  auto writer = FfmpegFileWriter::create(settings, error);
+  ASSERT_TRUE(writer) << error->message;
+  auto source = MediaSourceDevice::openTestPattern(320, 240, 30, error);
+  ASSERT_TRUE(source);
+  // Files may not grow past 64 KiB for a while: the movie's writes fail (EFBIG).
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+  const auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+  rlimit capped = saved;
+  capped.rlim_cur = 64 * 1024;
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &capped), 0);
+  MediaSourceItem item;
+  int appended = 0;
+  OptionalError appendError;
+  while (!appendError && appended < 3000 && source->read(item, error)) {
+    auto& raw = std::get<RawMediaFrame>(item);
+    if (raw.kind() != RawMediaFrame::Kind::Video) continue;
+    appendError = writer->appendVideo(raw, appended / 30.0);
+    ++appended;
+  }
+  const OptionalError finished = writer->finish();
+  setrlimit(RLIMIT_FSIZE, &saved);
+  std::signal(SIGXFSZ, previousHandler);
+  ASSERT_TRUE(appendError) << "no failure after " << appended << " pictures";
+  EXPECT_NE(appendError->message.find("capped.mov"), std::string::npos) << appendError->message;
+  ASSERT_TRUE(finished);
+  EXPECT_EQ(finished->message, appendError->message);
+}
 
 TEST(FfmpegFileWriterTest, FullDiskIsAFileError) {
   MediaFileWriterSettings settings;
