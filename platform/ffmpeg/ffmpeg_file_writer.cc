@@ -234,7 +234,6 @@ OptionalError FfmpegFileWriter::appendVideo(const RawMediaFrame& frame, double s
   }
   AVFrame* picture = av_frame_clone(source);
   if (!picture) return failed_ = Error::internal("out of memory");
-  videoFrames_ += slot - first + 1;
   nextSlot_ = slot + 1;
   queueChanged_.wait(lock, [this] { return queue_.size() < kQueuedPictures || failed_; });
   if (failed_) {
@@ -242,6 +241,7 @@ OptionalError FfmpegFileWriter::appendVideo(const RawMediaFrame& frame, double s
     return failed_;
   }
   queue_.push_back({picture, first, slot});
+  videoFrames_ += slot - first + 1;
   queueChanged_.notify_all();
   return std::nullopt;
 }
