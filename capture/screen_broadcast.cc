@@ -25,8 +25,20 @@ std::unique_ptr<ScreenBroadcast> ScreenBroadcast::open(const ScreenBroadcastOpti
     const char* display = std::getenv("DISPLAY");
     broadcast->options_.display = display ? display : "";
   }
-  broadcast->screen_ =
-      openScreenSource(broadcast->options_.display, broadcast->options_.frameRate, error);
+  const char* wayland = std::getenv("WAYLAND_DISPLAY");
+  bool fellBack = options.source == ScreenSourceKind::X11;
+  if (options.source == ScreenSourceKind::Portal ||
+      (options.source == ScreenSourceKind::Automatic && wayland && *wayland)) {
+    error = broadcast->openPortal(options.source == ScreenSourceKind::Automatic, fellBack);
+    if (error) return nullptr;
+  } else {
+    fellBack = true;
+  }
+  if (fellBack) {
+    broadcast->source_ = ScreenSourceKind::X11;
+    broadcast->screen_ =
+        openScreenSource(broadcast->options_.display, broadcast->options_.frameRate, error);
+  }
   if (!broadcast->screen_) return nullptr;
   broadcast->width_ = broadcast->screen_->info().width;
   broadcast->height_ = broadcast->screen_->info().height;
@@ -37,7 +49,27 @@ std::unique_ptr<ScreenBroadcast> ScreenBroadcast::open(const ScreenBroadcastOpti
   return broadcast;
 }
 
-ScreenBroadcast::~ScreenBroadcast() = default;
+OptionalError ScreenBroadcast::openPortal(bool fallBack, bool& fellBack) {
+  ScreenCastPortal::Outcome outcome;
+  OptionalError error;
+  portal_ = ScreenCastPortal::open({}, outcome, error);
+  if (!portal_) {
+    // A desktop without the portal leaves X11 to try; a portal that said no is the answer.
+    fellBack = fallBack && outcome == ScreenCastPortal::Outcome::Unavailable;
+    return fellBack ? std::nullopt : error;
+  }
+  source_ = ScreenSourceKind::Portal;
+  fellBack = false;
+  screen_ = openPipeWireScreenSource(portal_->takePipeWireFd(), portal_->nodeId(),
+                                     options_.frameRate, error);
+  return screen_ ? std::nullopt : error;
+}
+
+ScreenBroadcast::~ScreenBroadcast() {
+  // The reader goes before the cast it reads.
+  screen_.reset();
+  portal_.reset();
+}
 
 void ScreenBroadcast::stop() {
   stopping_ = true;
@@ -71,22 +103,30 @@ OptionalError ScreenBroadcast::run() {
     OptionalError error;
     if (!screen_->read(item, error)) {
       if (!stopping_.load()) {
-        ended = Error::media("the display " + options_.display +
-                             " went away: " + (error ? error->message : "no more pictures"));
+        const std::string screen = source_ == ScreenSourceKind::Portal
+                                       ? std::string("the screen cast")
+                                       : "the display " + options_.display;
+        ended =
+            Error::media(screen + " went away: " + (error ? error->message : "no more pictures"));
       }
       break;
     }
     auto* raw = std::get_if<RawMediaFrame>(&item);
     if (!raw) continue;
-    const double seconds = since(origin);
+    double seconds = since(origin);
+    // The first frame opens the session: the duration runs from it. On a busy machine the last
+    // picture may come well after the end; it stands for the end rather than stretching the
+    // movie past it.
+    const bool last =
+        options_.duration > 0 && firstFrame >= 0 && seconds - firstFrame >= options_.duration;
+    if (last) seconds = firstFrame + options_.duration;
     {
       std::lock_guard lock(handlerMutex_);
       handler_.processSampleBuffer(*raw, seconds, SampleBufferType::Video);
     }
     ++frames_;
-    // The first frame opens the session: the duration runs from it.
     if (firstFrame < 0) firstFrame = seconds;
-    if (options_.duration > 0 && seconds - firstFrame >= options_.duration) break;
+    if (last) break;
   }
   stopping_ = true;
   if (microphone_) microphone_->interrupt();

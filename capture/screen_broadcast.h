@@ -1,5 +1,6 @@
 // A screen broadcast on Linux, feeding a sample handler as the platform's broadcast would: the
-// X11 screen (x11grab) as video samples and, unless none is asked for, a microphone as
+// screen as video samples (a Wayland session's ScreenCast portal through PipeWire, or the X11
+// screen by x11grab) and, unless none is asked for, a microphone as
 // microphone samples, each stamped with its arrival on one clock. It ends after the duration
 // asked for, on stop(), or when the display goes away, and then finishes the handler.
 //
@@ -16,11 +17,17 @@
 #include "capture/nembra_screen_recorder_sample_handler.h"
 #include "nembra/error.h"
 #include "platform/media/media_source.h"
+#include "platform/media/screen_cast_portal.h"
 
 namespace nembra {
 
+// Where the screen's pictures come from. Automatic takes the portal when $WAYLAND_DISPLAY is set
+// and a portal answers on the session bus, else X11.
+enum class ScreenSourceKind { Automatic, Portal, X11 };
+
 struct ScreenBroadcastOptions {
-  std::string display;  // ":0"; "" takes $DISPLAY
+  ScreenSourceKind source = ScreenSourceKind::Automatic;
+  std::string display;  // X11's ":0"; "" takes $DISPLAY
   // openMicrophoneSource's names ("lavfi", "pulse:NAME", "" for the default); ignored when
   // withMicrophone is false.
   std::string microphone;
@@ -44,6 +51,8 @@ class ScreenBroadcast {
   void stop();
 
   int width() const { return width_; }
+  // The source chosen (Portal or X11).
+  ScreenSourceKind source() const { return source_; }
   int height() const { return height_; }
   int64_t framesDelivered() const { return frames_.load(); }
 
@@ -52,7 +61,12 @@ class ScreenBroadcast {
   void readMicrophone(std::chrono::steady_clock::time_point origin);
 
   NembraScreenRecorderSampleHandler& handler_;
+  OptionalError openPortal(bool fallBack, bool& fellBack);
+
   ScreenBroadcastOptions options_;
+  ScreenSourceKind source_ = ScreenSourceKind::X11;
+  // Declared before screen_: the cast must outlive its reader.
+  std::unique_ptr<ScreenCastPortal> portal_;
   std::unique_ptr<MediaSource> screen_;
   std::unique_ptr<MediaSource> microphone_;
   std::mutex handlerMutex_;

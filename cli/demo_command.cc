@@ -693,7 +693,8 @@ class DemoRun {
         std::cout << "    no display and no Xvfb to record\n";
         return Outcome::Skipped;
       }
-      arguments.insert(arguments.end(), {"--display", started});
+      // The Xvfb started here, even in a Wayland session.
+      arguments.insert(arguments.end(), {"--source", "x11", "--display", started});
     }
     const std::string group = "nembra-demo";
     NembraVideos& videos = nembra_.videos();

@@ -1,6 +1,7 @@
-// `nembra record-screen --app-group G [--display :N] [--mic DEV|lavfi|none] [--duration S]`: the
-// screen recorder's sample handler driven by an X11 broadcast; the movie lands in the group's
-// shared directory, whose path is printed. Ends after --duration seconds, or on Ctrl-C / SIGTERM.
+// `nembra record-screen --app-group G [--source portal|x11] [--display :N] [--mic DEV|lavfi|none]
+// [--duration S]`: the screen recorder's sample handler driven by a screen broadcast (a Wayland
+// session's ScreenCast portal when it answers, else X11); the movie lands in the group's shared
+// directory, whose path is printed. Ends after --duration seconds, or on Ctrl-C / SIGTERM.
 //
 // `nembra watch-screen-recordings --app-group G`: the main application's side, uploading every
 // movie that lands there (printing "token<TAB>file" for each) until interrupted.
@@ -20,6 +21,7 @@ namespace {
 
 struct RecordScreenArguments {
   std::string appGroup;
+  std::string source;  // "portal", "x11", or "" to choose
   std::string display;
   std::string mic = "";
   double duration = 0;
@@ -62,6 +64,9 @@ int runRecordScreen(CliContext& context, const RecordScreenArguments& arguments)
     std::cerr << line << "\n";
   });
   ScreenBroadcastOptions options;
+  options.source = arguments.source == "portal" ? ScreenSourceKind::Portal
+                   : arguments.source == "x11"  ? ScreenSourceKind::X11
+                                                : ScreenSourceKind::Automatic;
   options.display = arguments.display;
   options.withMicrophone = arguments.mic != "none";
   options.microphone = arguments.mic;
@@ -69,7 +74,10 @@ int runRecordScreen(CliContext& context, const RecordScreenArguments& arguments)
   OptionalError error;
   auto broadcast = ScreenBroadcast::open(options, handler, error);
   if (!broadcast) return fail("record-screen", error->message);
-  std::cerr << "recording the screen (" << broadcast->width() << " x " << broadcast->height() << ")"
+  std::cerr << "recording the screen"
+            << (broadcast->source() == ScreenSourceKind::Portal ? " through the screen-cast portal"
+                                                                : " from X11")
+            << " (" << broadcast->width() << " x " << broadcast->height() << ")"
             << (arguments.duration > 0 ? "" : " until interrupted") << "\n";
   runningBroadcast = broadcast.get();
   auto previousInt = std::signal(SIGINT, stopOnSignal);
@@ -129,9 +137,14 @@ void registerRecordScreenCommands(CLI::App& app, CliContext& context, int& exitC
   static RecordScreenArguments arguments;
   CLI::App* command = app.add_subcommand(
       "record-screen",
-      "Record the X11 screen and the microphone into a movie that lands in the application "
+      "Record the screen and the microphone into a movie that lands in the application "
       "group's shared directory; prints its path");
   command->add_option("--app-group", arguments.appGroup, "Application group")->required();
+  command
+      ->add_option("--source", arguments.source,
+                   "Screen: portal (Wayland's ScreenCast portal) or x11; default: the portal "
+                   "when WAYLAND_DISPLAY is set and it answers, else X11")
+      ->check(CLI::IsMember({"portal", "x11"}));
   command->add_option("--display", arguments.display, "X11 display (default $DISPLAY)");
   command->add_option("--mic", arguments.mic,
                       "Microphone: lavfi (a virtual tone), pulse:NAME, alsa:NAME, none; default: "

@@ -27,6 +27,9 @@ nembra_pkg_modules(HTTPLIB cpp-httplib)
 nembra_pkg_modules(PUGIXML pugixml)
 # Now-playing information on the session bus (platform/system/mpris_*).
 nembra_pkg_modules(DBUS dbus-1)
+# The screen-cast portal's frames (the media plug-in's PipeWire screen source); only the plug-in
+# links it, so the installed package does not ask for it.
+pkg_check_modules(PIPEWIRE REQUIRED IMPORTED_TARGET libpipewire-0.3)
 # The local service's offline transcripts (platform/speech) and the model's folder.
 # Debian's pocketsphinx.pc names an include folder that does not exist, which an imported
 # target refuses; the target is made from the folders that do.

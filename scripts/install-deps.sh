@@ -28,6 +28,9 @@ packages=(
   espeak-ng dbus
   # what the benchmark scripts use to read forms and do sums
   jq bc
+  # screen capture on Wayland: the ScreenCast portal's frames come through PipeWire; the portal
+  # test runs a headless wlroots compositor, PipeWire and the portal with its wlroots backend
+  libpipewire-0.3-dev sway pipewire wireplumber xdg-desktop-portal xdg-desktop-portal-wlr
 )
 
 missing=()

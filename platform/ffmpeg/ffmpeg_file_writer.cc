@@ -3,6 +3,7 @@
 #include <cmath>
 #include <vector>
 
+#include "platform/dispatch/thread_name.h"
 #include "platform/ffmpeg/ffmpeg_av_support.h"
 
 extern "C" {
@@ -20,6 +21,12 @@ namespace nembra {
 namespace {
 
 constexpr AVRational kVideoTimeBase{1, 1000};
+// How far (in frames) a picture may stray from its slot before it is dropped or the gap before
+// it filled: arrival times jitter by a fraction of a frame.
+constexpr double kSlotTolerance = 1.1;
+// Pictures waiting for the encoder: enough to ride out a busy moment. A capture thread that
+// finds the queue full waits (a screen grab then catches up by itself).
+constexpr size_t kQueuedPictures = 8;
 
 // RMS of interleaved or planar samples in dBFS.
 float rmsDecibels(const AVFrame& frame) {
@@ -64,7 +71,18 @@ std::unique_ptr<FfmpegFileWriter> FfmpegFileWriter::create(const MediaFileWriter
   return writer;
 }
 
+void FfmpegFileWriter::stopVideoThread() {
+  {
+    std::lock_guard lock(mutex_);
+    stopEncoding_ = true;
+  }
+  queueChanged_.notify_all();
+  if (videoThread_.joinable()) videoThread_.join();
+}
+
 FfmpegFileWriter::~FfmpegFileWriter() {
+  stopVideoThread();
+  for (QueuedPicture& queued : queue_) av_frame_free(&queued.picture);
   if (format_) {
     if (format_->pb) avio_closep(&format_->pb);
     avformat_free_context(format_);
@@ -72,6 +90,7 @@ FfmpegFileWriter::~FfmpegFileWriter() {
   avcodec_free_context(&video_);
   avcodec_free_context(&audio_);
   av_packet_free(&packet_);
+  av_packet_free(&videoPacket_);
   av_frame_free(&picture_);
   av_frame_free(&block_);
   sws_freeContext(scaler_);
@@ -95,7 +114,8 @@ OptionalError FfmpegFileWriter::open() {
                                           settings_.path.c_str());
   if (rc < 0 || !format_) return Error::media("no " + settings_.container + " muxer");
   packet_ = av_packet_alloc();
-  if (!packet_) return Error::internal("out of memory");
+  videoPacket_ = av_packet_alloc();
+  if (!packet_ || !videoPacket_) return Error::internal("out of memory");
   if (settings_.width > 0) {
     if (auto error = openVideo()) return error;
   }
@@ -107,6 +127,7 @@ OptionalError FfmpegFileWriter::open() {
   rc = avformat_write_header(format_, nullptr);
   if (rc < 0) return failure("can't write to", rc);
   headerWritten_ = true;
+  if (video_) videoThread_ = std::thread([this] { encodePictures(); });
   return std::nullopt;
 }
 
@@ -171,46 +192,102 @@ OptionalError FfmpegFileWriter::openAudio() {
   return std::nullopt;
 }
 
-OptionalError FfmpegFileWriter::encode(AVCodecContext* codec, AVStream* stream, AVFrame* frame) {
+int64_t FfmpegFileWriter::slotPts(int64_t slot) const {
+  return std::llround(static_cast<double>(slot) * 1000.0 / settings_.frameRate);
+}
+
+OptionalError FfmpegFileWriter::encode(AVCodecContext* codec, AVStream* stream, AVFrame* frame,
+                                       AVPacket* packet) {
   int rc = avcodec_send_frame(codec, frame);
   if (rc < 0 && rc != AVERROR_EOF) return failure("can't encode for", rc);
   for (;;) {
-    rc = avcodec_receive_packet(codec, packet_);
+    rc = avcodec_receive_packet(codec, packet);
     if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return std::nullopt;
     if (rc < 0) return failure("can't encode for", rc);
-    av_packet_rescale_ts(packet_, codec->time_base, stream->time_base);
-    packet_->stream_index = stream->index;
-    rc = av_interleaved_write_frame(format_, packet_);
+    av_packet_rescale_ts(packet, codec->time_base, stream->time_base);
+    packet->stream_index = stream->index;
+    std::lock_guard mux(muxMutex_);
+    rc = av_interleaved_write_frame(format_, packet);
     if (rc < 0) return failure("can't write to", rc);
   }
 }
 
 OptionalError FfmpegFileWriter::appendVideo(const RawMediaFrame& frame, double seconds) {
-  std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   if (failed_) return failed_;
   if (!video_ || finished_ || frame.kind() != RawMediaFrame::Kind::Video) return std::nullopt;
   const AVFrame* source = frame.avFrame();
-  const int64_t pts = std::llround(seconds * 1000.0);
-  if (pts <= lastVideoPts_) return std::nullopt;
+  if (seconds <= lastSeconds_) return std::nullopt;
+  lastSeconds_ = seconds;
+  // The movie keeps a constant frame rate: each picture takes the next slot of 1/frameRate s. A
+  // picture more than a slot early (two arrived close together) is dropped; one late by more
+  // than a slot (the machine was busy) also fills the slots before it that no picture took, so
+  // that the movie neither runs fast nor loses time. The file starts at 0 with its first
+  // picture.
+  const double ideal = seconds * settings_.frameRate;
+  int64_t first = nextSlot_ < 0 ? 0 : nextSlot_;
+  int64_t slot = first;
+  if (nextSlot_ < 0 || ideal > static_cast<double>(nextSlot_) + kSlotTolerance) {
+    slot = std::max<int64_t>(first, std::llround(ideal));
+  } else if (ideal < static_cast<double>(nextSlot_) - kSlotTolerance) {
+    return std::nullopt;
+  }
+  AVFrame* picture = av_frame_clone(source);
+  if (!picture) return failed_ = Error::internal("out of memory");
+  nextSlot_ = slot + 1;
+  queueChanged_.wait(lock, [this] { return queue_.size() < kQueuedPictures || failed_; });
+  if (failed_) {
+    av_frame_free(&picture);
+    return failed_;
+  }
+  queue_.push_back({picture, first, slot});
+  videoFrames_ += slot - first + 1;
+  queueChanged_.notify_all();
+  return std::nullopt;
+}
+
+void FfmpegFileWriter::encodePictures() {
+  setCurrentThreadName("com.nembra.fileWriter.video");
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    queueChanged_.wait(lock, [this] { return !queue_.empty() || stopEncoding_; });
+    if (queue_.empty()) return;
+    QueuedPicture queued = queue_.front();
+    queue_.pop_front();
+    queueChanged_.notify_all();
+    if (!failed_) {
+      lock.unlock();
+      OptionalError error = encodePicture(queued.picture, queued.firstSlot, queued.lastSlot);
+      lock.lock();
+      if (error && !failed_) {
+        failed_ = error;
+        queueChanged_.notify_all();
+      }
+    }
+    av_frame_free(&queued.picture);
+  }
+}
+
+OptionalError FfmpegFileWriter::encodePicture(AVFrame* source, int64_t first, int64_t slot) {
   if (!scaler_ || scalerFormat_ != source->format || scalerWidth_ != source->width ||
       scalerHeight_ != source->height) {
     sws_freeContext(scaler_);
     scaler_ = sws_getContext(
         source->width, source->height, static_cast<AVPixelFormat>(source->format), video_->width,
         video_->height, AV_PIX_FMT_YUV420P, SWS_BILINEAR, nullptr, nullptr, nullptr);
-    if (!scaler_) return failed_ = Error::media("can't convert the pictures to 4:2:0");
+    if (!scaler_) return Error::media("can't convert the pictures to 4:2:0");
     scalerFormat_ = source->format;
     scalerWidth_ = source->width;
     scalerHeight_ = source->height;
   }
   int rc = av_frame_make_writable(picture_);
-  if (rc < 0) return failed_ = Error::internal("out of memory");
+  if (rc < 0) return Error::internal("out of memory");
   sws_scale(scaler_, source->data, source->linesize, 0, source->height, picture_->data,
             picture_->linesize);
-  picture_->pts = pts;
-  lastVideoPts_ = pts;
-  if (auto error = encode(video_, videoStream_, picture_)) return failed_ = error;
-  ++videoFrames_;
+  for (int64_t taken = first; taken <= slot; ++taken) {
+    picture_->pts = slotPts(taken);
+    if (auto error = encode(video_, videoStream_, picture_, videoPacket_)) return error;
+  }
   return std::nullopt;
 }
 
@@ -288,20 +365,25 @@ OptionalError FfmpegFileWriter::encodeAudioFifo(bool drain) {
     av_audio_fifo_read(fifo_, reinterpret_cast<void**>(block_->extended_data), take);
     block_->pts = audioEncoded_;
     audioEncoded_ += block_->nb_samples;
-    if (auto error = encode(audio_, audioStream_, block_)) return error;
+    if (auto error = encode(audio_, audioStream_, block_, packet_)) return error;
   }
   return std::nullopt;
 }
 
 OptionalError FfmpegFileWriter::finish() {
+  {
+    std::lock_guard lock(mutex_);
+    if (finished_) return failed_;
+    finished_ = true;
+  }
+  // Every picture handed over is encoded before the encoders are drained.
+  stopVideoThread();
   std::lock_guard lock(mutex_);
-  if (finished_) return failed_;
-  finished_ = true;
   if (!failed_ && audio_) {
     failed_ = encodeAudioFifo(true);
-    if (!failed_) failed_ = encode(audio_, audioStream_, nullptr);
+    if (!failed_) failed_ = encode(audio_, audioStream_, nullptr, packet_);
   }
-  if (!failed_ && video_) failed_ = encode(video_, videoStream_, nullptr);
+  if (!failed_ && video_) failed_ = encode(video_, videoStream_, nullptr, videoPacket_);
   if (headerWritten_) {
     const int rc = av_write_trailer(format_);
     if (rc < 0 && !failed_) failed_ = failure("can't finish", rc);

@@ -10,6 +10,7 @@ extern "C" {
 #include "platform/ffmpeg/ffmpeg_file_source.h"
 #include "platform/ffmpeg/ffmpeg_file_writer.h"
 #include "platform/ffmpeg/ffmpeg_movie_writer.h"
+#include "platform/ffmpeg/ffmpeg_pipewire_screen_source.h"
 #include "platform/ffmpeg/ffmpeg_player_engine.h"
 #include "platform/ffmpeg/ffmpeg_raw_frame_converter.h"
 #include "platform/ffmpeg/ffmpeg_raw_frame_reader.h"
@@ -79,6 +80,10 @@ class FfmpegMediaBackend final : public MediaBackend {
   std::unique_ptr<MediaSource> openScreen(const std::string& display, int fps,
                                           OptionalError& error) override {
     return MediaSourceDevice::openScreen(display, fps, error);
+  }
+  std::unique_ptr<MediaSource> openPipeWireScreen(int fd, uint32_t node, int fps,
+                                                  OptionalError& error) override {
+    return MediaSourcePipeWireScreen::open(fd, node, fps, error);
   }
 
   std::unique_ptr<MovieWriter> createMovieWriter(const std::string& path,

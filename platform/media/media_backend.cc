@@ -168,6 +168,10 @@ std::unique_ptr<MediaSource> openScreenSource(const std::string& display, int fp
                                               OptionalError& error) {
   return MediaBackend::shared().openScreen(display, fps, error);
 }
+std::unique_ptr<MediaSource> openPipeWireScreenSource(int fd, uint32_t node, int fps,
+                                                      OptionalError& error) {
+  return MediaBackend::shared().openPipeWireScreen(fd, node, fps, error);
+}
 std::unique_ptr<MediaFileWriter> createMediaFileWriter(const MediaFileWriterSettings& settings,
                                                        OptionalError& error) {
   return MediaBackend::shared().createFileWriter(settings, error);

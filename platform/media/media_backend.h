@@ -86,6 +86,10 @@ class MediaBackend {
   // X11 screen |display| (":0") grabbed whole at |fps| by x11grab, stamped on arrival.
   virtual std::unique_ptr<MediaSource> openScreen(const std::string& display, int fps,
                                                   OptionalError& error) = 0;
+  // The screen cast's stream |node| read through the PipeWire connection |fd| (taken over) at
+  // |fps|, stamped on arrival (screen_cast_portal.h opens both).
+  virtual std::unique_ptr<MediaSource> openPipeWireScreen(int fd, uint32_t node, int fps,
+                                                          OptionalError& error) = 0;
 
   // The recorder's asset writer and the finishing of a recording a killed process left
   // (movie_writer.h).
@@ -119,6 +123,8 @@ std::unique_ptr<MediaSource> openMicrophoneSource(const std::string& device, Opt
 // The screen grab and the file writer (see MediaBackend).
 std::unique_ptr<MediaSource> openScreenSource(const std::string& display, int fps,
                                               OptionalError& error);
+std::unique_ptr<MediaSource> openPipeWireScreenSource(int fd, uint32_t node, int fps,
+                                                      OptionalError& error);
 std::unique_ptr<MediaFileWriter> createMediaFileWriter(const MediaFileWriterSettings& settings,
                                                        OptionalError& error);
 // A media file decoded into raw pictures and PCM, for publishing through the encoders (a file

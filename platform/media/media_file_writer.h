@@ -34,7 +34,8 @@ class MediaFileWriter {
   virtual ~MediaFileWriter() = default;
 
   // A picture shown |seconds| after the start of the file; one no later than the previous
-  // picture is dropped.
+  // picture is dropped. The file's pictures come at a constant frame rate: one too early for
+  // the next slot is dropped, and a late one also fills the slots left empty before it.
   virtual OptionalError appendVideo(const RawMediaFrame& frame, double seconds) = 0;
   // A block of PCM following the previous one without a gap, whatever the block's own time:
   // the file's sound is the concatenation of the blocks appended.
