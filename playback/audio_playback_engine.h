@@ -54,9 +54,11 @@ class AudioPlaybackEngine {
                                                        const std::string& imagePath);
 
   // The process's engine over the player engine, its calls on |mainQueue| (the first call
-  // decides; it must outlive the process's use of audio). |publisher| may be null.
+  // decides while that queue lives). When a session bus is there, what it plays is published
+  // over MPRIS and the desktop's media keys reach it. When |mainQueue| is destroyed the engine
+  // stops for good (no thread of it posts there again) and stays, inert, for whoever still
+  // holds it; the next call makes a new one.
   static AudioPlaybackEngine& sharedInstance(MainQueue& mainQueue);
-  static void setNowPlayingPublisher(std::shared_ptr<NowPlayingPublisher> publisher);
 };
 
 }  // namespace nembra
