@@ -23,6 +23,8 @@ class AudioPlaybackListener {
   // The media loaded, with its load state (100: loaded).
   virtual void episodeLoadedNotification(int loadState) = 0;
   virtual void playerDidReachEndNotification() = 0;
+  // The desktop (its media keys or widgets) played or paused the item.
+  virtual void playbackChangedByDesktop() {}
 };
 
 class AudioPlaybackEngine {

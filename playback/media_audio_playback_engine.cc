@@ -169,6 +169,7 @@ void MediaAudioPlaybackEngine::handleCommand(NowPlayingCommand command) {
       return;
   }
   publishPlaying();
+  notify([](AudioPlaybackListener& l) { l.playbackChangedByDesktop(); });
 }
 
 bool MediaAudioPlaybackEngine::isPlaying() const {

@@ -20,6 +20,14 @@ namespace fs = std::filesystem;
 
 constexpr const char* kPlayer = "/org/mpris/MediaPlayer2";
 
+class DesktopChanges final : public AudioPlaybackListener {
+ public:
+  void episodeLoadedNotification(int) override {}
+  void playerDidReachEndNotification() override {}
+  void playbackChangedByDesktop() override { ++count; }
+  int count = 0;
+};
+
 // The shared engine as the desktop sees it, on a private session bus, playing a tone made by
 // ffmpeg.
 class SharedAudioEngineTest : public ::testing::Test {
@@ -95,6 +103,8 @@ class SharedAudioEngineTest : public ::testing::Test {
 TEST_F(SharedAudioEngineTest, TheDesktopSeesWhatPlaysAndItsPlayPauseReachesThePlayer) {
   MainQueue queue;
   AudioPlaybackEngine& engine = AudioPlaybackEngine::sharedInstance(queue);
+  auto changes = std::make_shared<DesktopChanges>();
+  engine.addListener(changes);
   playTone(engine, queue);
 
   const std::string metadata = property("Metadata");
@@ -111,6 +121,7 @@ TEST_F(SharedAudioEngineTest, TheDesktopSeesWhatPlaysAndItsPlayPauseReachesThePl
 
   bus_.call(busName(), kPlayer, {"org.mpris.MediaPlayer2.Player.PlayPause"});
   EXPECT_TRUE(queue.runUntil([&] { return !engine.isPlaying(); }, 5s));
+  EXPECT_EQ(changes->count, 1);  // the screen hears of it
   EXPECT_TRUE(statusBecomes(queue, "Paused"));
   const double pausedAt = engine.currentTimeInSeconds();
   std::this_thread::sleep_for(300ms);
@@ -120,6 +131,7 @@ TEST_F(SharedAudioEngineTest, TheDesktopSeesWhatPlaysAndItsPlayPauseReachesThePl
   bus_.call(busName(), kPlayer, {"org.mpris.MediaPlayer2.Player.PlayPause"});
   EXPECT_TRUE(queue.runUntil([&] { return engine.isPlaying(); }, 5s));
   EXPECT_TRUE(statusBecomes(queue, "Playing"));
+  engine.removeListener(changes.get());
 }
 
 TEST_F(SharedAudioEngineTest, EndsWithItsQueueAndTheNextQueueGetsAFreshOne) {
