@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "bench/testing/child_run.h"
-#include "bench/testing/latest_frame_surface.h"
+#include "bench/testing/frame_handoff_surface.h"
 #include "bench/testing/picture_window.h"
 #include "bench/testing/virtual_display.h"
 #include "nembra/main_queue.h"
@@ -78,7 +78,7 @@ bool playWithEngine(const std::string& path, const std::string& display, EngineR
   if (!window.open(display, kWidth, kHeight)) return false;
 
   MainQueue main;
-  auto surface = std::make_shared<testing::LatestFrameSurface>();
+  auto surface = std::make_shared<testing::FrameHandoffSurface>();
   auto observer = std::make_shared<EndObserver>();
   MediaPlayerEngineOptions options;
   options.surface = surface;

@@ -16,7 +16,7 @@
 #include <string>
 
 #include "bench/testing/child_run.h"
-#include "bench/testing/latest_frame_surface.h"
+#include "bench/testing/frame_handoff_surface.h"
 #include "bench/testing/local_service.h"
 #include "bench/testing/picture_window.h"
 #include "bench/testing/virtual_display.h"
@@ -53,7 +53,7 @@ PlayerRun playThroughLoader(Nembra& nembra, MainQueue& queue, const std::string&
   auto player = NembraPlayer::initWithNembraApplication(nembra, token);
   auto loader = player->item(0).asset->resourceLoaderDelegate();
   run.throughLoader = loader != nullptr;
-  auto surface = std::make_shared<testing::LatestFrameSurface>();
+  auto surface = std::make_shared<testing::FrameHandoffSurface>();
   player->setOutputs(surface, [] { return makeNullAudioOutput(); });
   player->setDidFinishPlaying([&](const std::string&, const OptionalError&) { run.ended = true; });
   player->play();

@@ -13,7 +13,7 @@
 
 namespace nembra::testing {
 
-class LatestFrameSurface final : public VideoSurface {
+class FrameHandoffSurface final : public VideoSurface {
  public:
   // On the player's thread, for each picture handed over.
   std::function<void(const VideoFrame&)> onPresent;
