@@ -68,6 +68,7 @@ void registerRecordScreenCommands(CLI::App& app, CliContext& context, int& exitC
 void registerRecordCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerPlayCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerPickCommand(CLI::App& app, CliContext& context, int& exitCode);
+void registerTrimCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerSnapCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerQrScanCommand(CLI::App& app, CliContext& context, int& exitCode);
 void registerCamerasCommand(CLI::App& app, CliContext& context, int& exitCode);

@@ -37,6 +37,7 @@
 #include "platform/ui/screen_presenter.h"
 #include "platform/ui/ui_adapter.h"
 #include "platform/ui/window_ui.h"
+#include "playback/picker_module.h"
 #include "playback/playback_module.h"
 #include "recorder/image_recorder.h"
 #include "recorder/nembra_recorder.h"
@@ -94,6 +95,8 @@ class DemoRun {
          [this] { return recordVideo(); });
     step("Show an image in the window", [this] { return showImage(); });
     step("Play the uploaded video through the caching loader", [this] { return playVideo(); });
+    step("Trim 1 s out of a generated clip in the editor, upload the cut",
+         [this] { return trimVideo(); });
     step("Resolve the sample ad tag, fire its pixels, count them on the service",
          [this] { return adPixels(); });
     step("Record 2 s of audio from the virtual microphone, upload it, read it back",
@@ -142,6 +145,26 @@ class DemoRun {
     start([&answer](Answer value) { answer = std::move(value); });
     nembra_.mainQueue().runUntil([&] { return answer.has_value(); }, timeout);
     return answer;
+  }
+
+  // Downloads a media file into the SDK's cache; its path, or nothing with the reason said.
+  std::optional<std::string> downloadToCache(int type, const std::string& token) {
+    std::string failure = "no answer";
+    auto cached = awaitOnMainQueue<std::optional<std::string>>(
+        [&](auto deliver) {
+          nembra_.uploadingHandler().downloadWithType(
+              type, token,
+              [deliver, &failure](const std::optional<std::string>& path,
+                                  const OptionalError& error) {
+                if (error) failure = error->message;
+                deliver(path);
+              });
+        },
+        std::chrono::minutes(5));
+    if (cached && *cached) return *cached;
+    std::cout << "    download of " << mediaTypeName(type) << " " << token << " failed: " << failure
+              << "\n";
+    return std::nullopt;
   }
 
   // The camera recorder on the virtual camera and microphone, with no screen: it starts at once,
@@ -293,6 +316,51 @@ class DemoRun {
     std::cout << "    " << (ended ? "played to the end" : "did not end") << "; cache "
               << (same ? "written: " + cached : std::string("NOT written")) << "\n";
     return ended && same ? Outcome::Passed : Outcome::Failed;
+  }
+
+  // The editor as the façade opens it, with nobody at it: the handles put at 1 s and 2 s, then
+  // "trim" pressed; the cut goes up through the upload handler.
+  bool trimVideo() {
+    const std::string clip = FileSystem::shared().temporaryDirectory() + "/demo-trim-source.mp4";
+    if (auto error = MediaSampleWriter::writeVideo(clip, 3.0, 320, 240)) {
+      std::cout << "    cannot make a clip: " << error->message << "\n";
+      return false;
+    }
+    HeadlessUi ui;
+    bool ended = false;
+    OptionalError failure;
+    std::optional<Json> confirm;
+    PickerModuleOptions options;
+    options.withSound = false;
+    options.dismissEditorOnFailure = true;
+    options.editorStart = 1.0;
+    options.editorEnd = 2.0;
+    options.onTrimmed = [&](const std::optional<Json>& json, const OptionalError& error) {
+      confirm = json;
+      failure = error;
+      ended = true;
+    };
+    installPickerScreens(std::move(options));
+    auto presenter = std::make_shared<ScreenPresenter>(ui, nembra_.mainQueue());
+    nembra_.setScreenPresenter(presenter);
+    nembra_.trimVideo(clip);
+    HeadlessScreenView* editor = ui.topView();
+    if (editor) {
+      std::cout << "    cutting " << editor->label("selection") << " ("
+                << editor->label("chronometer") << ")\n";
+      editor->press("trim");
+    }
+    nembra_.mainQueue().runUntil([&] { return ended; }, std::chrono::seconds(120));
+    presenter->dismissAll();
+    nembra_.mainQueue().runUntil([&] { return presenter->depth() == 0; }, std::chrono::seconds(5));
+    PickerScreens::install(nullptr);
+    std::filesystem::remove(clip);
+    if (!ended || failure) {
+      std::cout << "    " << (failure ? failure->message : "the editor did not finish") << "\n";
+      return false;
+    }
+    std::cout << "    the cut was uploaded and confirmed\n";
+    return true;
   }
 
   bool showDevice() {
@@ -467,18 +535,9 @@ class DemoRun {
     }
     std::cout << "    image " << done->token << ": " << done->width << "x" << done->height
               << " JPEG\n";
-    auto cached = awaitOnMainQueue<std::optional<std::string>>([&](auto deliver) {
-      nembra_.uploadingHandler().downloadWithType(
-          IMAGE, done->token,
-          [deliver](const std::optional<std::string>& path, const OptionalError&) {
-            deliver(path);
-          });
-    });
-    if (!cached || !*cached) {
-      std::cout << "    download of the picture failed\n";
-      return false;
-    }
-    const std::string bytes = readAll(**cached);
+    const auto cached = downloadToCache(IMAGE, done->token);
+    if (!cached) return false;
+    const std::string bytes = readAll(*cached);
     ImageInfo info;
     if (auto bad = MediaBackend::shared().makeImageCodec()->inspect(
             {reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}, info)) {
@@ -498,37 +557,10 @@ class DemoRun {
     const std::string uploaded = readAll(*sample);
     std::cout << "    " << *sample << ": " << uploaded.size() << " bytes\n";
 
-    auto delegate = std::make_shared<NembraUploadingDelegate>();
-    std::string token;
-    std::string failure;
-    bool ended = false;
-    delegate->uploadVerifiedWithPath = [&](const std::string&, const std::string& media,
-                                           const std::string&, const HttpResponse& response,
-                                           const OptionalError& error,
-                                           const std::optional<Json>& json) {
-      token = media;
-      OptionalError refused = error;
-      if (!refused) refused = ReplyStatus::check("the confirm request", response, json);
-      if (refused) failure = "not confirmed: " + refused->message;
-      ended = true;
-    };
-    delegate->errorWithError = [&](const Error& error) {
-      failure = error.message;
-      ended = true;
-    };
-    delegate->errorWithInfo = [&](const std::optional<Json>&, const Error& error, int32_t) {
-      failure = error.message;
-      ended = true;
-    };
-    auto previous = nembra_.getUploadingDelegate();
-    nembra_.setUploadingDelegate(delegate);
-    nembra_.uploadingHandler().uploadWithType(type, *sample, Json{{"title", "nembra demo"}});
-    nembra_.mainQueue().runUntil([&] { return ended; }, std::chrono::minutes(5));
-    nembra_.setUploadingDelegate(previous);
-    if (!ended || !failure.empty()) {
-      std::cout << "    upload failed: " << (ended ? failure : "no answer") << "\n";
-      return false;
-    }
+    const std::string token = awaitConfirmedUpload([&] {
+      nembra_.uploadingHandler().uploadWithType(type, *sample, Json{{"title", "nembra demo"}});
+    });
+    if (token.empty()) return false;
     std::cout << "    uploaded as " << mediaTypeName(type) << " " << token << "\n";
     if (type == VIDEO) {
       videoToken_ = token;
@@ -543,20 +575,8 @@ class DemoRun {
     }
     std::cout << "    listed among " << tokens->size() << "\n";
 
-    std::optional<std::string> cached;
-    std::string downloadError;
-    bool downloaded = false;
-    nembra_.uploadingHandler().downloadWithType(
-        type, token, [&](const std::optional<std::string>& path, const OptionalError& error) {
-          cached = path;
-          if (error) downloadError = error->message;
-          downloaded = true;
-        });
-    nembra_.mainQueue().runUntil([&] { return downloaded; }, std::chrono::minutes(5));
-    if (!cached) {
-      std::cout << "    download failed: " << downloadError << "\n";
-      return false;
-    }
+    const auto cached = downloadToCache(type, token);
+    if (!cached) return false;
     const std::string back = readAll(*cached);
     bool same = back == uploaded;
     std::cout << "    downloaded " << back.size() << " bytes to " << *cached << ": "
@@ -581,6 +601,10 @@ class DemoRun {
       ended = true;
     };
     delegate->errorWithError = [&](const Error& error) {
+      failure = error.message;
+      ended = true;
+    };
+    delegate->errorWithInfo = [&](const std::optional<Json>&, const Error& error, int32_t) {
       failure = error.message;
       ended = true;
     };
@@ -627,14 +651,7 @@ class DemoRun {
     nembra_.setScreenPresenter(previousPresenter);
     if (token.empty()) return false;
     std::cout << "    uploaded as audio " << token << "\n";
-    std::optional<std::string> cached;
-    bool downloaded = false;
-    nembra_.uploadingHandler().downloadWithType(
-        AUDIO, token, [&](const std::optional<std::string>& path, const OptionalError&) {
-          cached = path;
-          downloaded = true;
-        });
-    nembra_.mainQueue().runUntil([&] { return downloaded; }, std::chrono::minutes(5));
+    const auto cached = downloadToCache(AUDIO, token);
     MediaProbeResult probed;
     if (!cached || makeMediaProbe()->probe(*cached, probed)) {
       std::cout << "    the audio could not be read back\n";
@@ -806,22 +823,14 @@ class DemoRun {
     }
     std::cout << "    the service says: ready, " << ready->defaultStream.duration << " s\n";
 
-    auto cached = awaitOnMainQueue<std::optional<std::string>>([&](auto deliver) {
-      nembra_.uploadingHandler().downloadWithType(
-          VIDEO, video, [deliver](const std::optional<std::string>& path, const OptionalError&) {
-            deliver(path);
-          });
-    });
-    if (!cached || !*cached) {
-      std::cout << "    download of the recording failed\n";
-      return Outcome::Failed;
-    }
+    const auto cached = downloadToCache(VIDEO, video);
+    if (!cached) return Outcome::Failed;
     MediaProbeResult probed;
-    if (auto error = makeMediaProbe()->probe(**cached, probed)) {
+    if (auto error = makeMediaProbe()->probe(*cached, probed)) {
       std::cout << "    the recording does not probe: " << error->message << "\n";
       return Outcome::Failed;
     }
-    std::cout << "    downloaded " << **cached << ": " << probed.videoCodec << " " << probed.width
+    std::cout << "    downloaded " << *cached << ": " << probed.videoCodec << " " << probed.width
               << "x" << probed.height << " + " << probed.audioCodec << ", " << probed.duration
               << " s\n";
     const bool whole = probed.videoCodec == "h264" && probed.audioCodec == "aac" &&

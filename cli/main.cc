@@ -52,6 +52,7 @@ int main(int argc, char** argv) {
   nembra::registerCacheCommand(app, context, exitCode);
   nembra::registerPlayCommand(app, context, exitCode);
   nembra::registerPickCommand(app, context, exitCode);
+  nembra::registerTrimCommand(app, context, exitCode);
   nembra::registerShowCommands(app, context, exitCode);
   nembra::registerRecordAudioCommand(app, context, exitCode);
   nembra::registerRecordScreenCommands(app, context, exitCode);

@@ -3,6 +3,7 @@
 #include <ctime>
 #include <filesystem>
 
+#include "api/cover_screens.h"
 #include "api/utils.h"
 #include "nembra/application.h"
 #include "nembra/main_queue.h"
@@ -102,6 +103,23 @@ void NembraVideoLibrary::videoExportFinished(const std::string& path) {
         nullptr);
     closePicker();
     return;
+  }
+  if (m_nembra.recorderConfig().shouldEnableCoverShot()) {
+    auto covers = CoverScreens::installed();
+    auto presenter = m_nembra.screenPresenter();
+    if (covers && presenter) {
+      std::weak_ptr<NembraVideoLibrary> weak = weak_from_this();
+      covers->presentCoverSelector(m_nembra, *presenter, path,
+                                   [weak](const std::string& chosenPath, StillImagePtr image) {
+                                     if (auto self = weak.lock()) {
+                                       self->coverSelectedWithPath(chosenPath, image);
+                                     }
+                                   });
+      return;
+    }
+    // No screen to choose on: the default cover, as if the user had asked for it.
+    m_nembra.logError(std::string("cannot offer covers: ") +
+                      (!covers ? "no cover selector is installed" : "no UI adapter is set"));
   }
   coverSelectedWithPath(path, nullptr);
 }

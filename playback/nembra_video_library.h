@@ -1,7 +1,9 @@
 // The video library: a movie the user picked (off the phone, a file path) is copied to the
 // temporary directory, exported as a low-quality MPEG-4 with the index at the front, and handed
-// to the service: re-recording the video the library was opened for, or as a new video with
-// the file's first picture as its cover.
+// to the service: re-recording the video the library was opened for, or as a new video with a
+// cover: with the recorder configuration's shouldEnableCoverShot the one the user picks in the
+// cover selector (api/cover_screens.h, over the application's presenter), else the file's first
+// picture.
 //
 // Threading: main queue only. The export runs on the serial queue
 // "com.nembra.videolibrary.export"; every callback runs on the main queue.

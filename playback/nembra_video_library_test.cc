@@ -4,9 +4,12 @@
 
 #include <fstream>
 
+#include "api/cover_screens.h"
 #include "nembra/application.h"
 #include "nembra/main_queue.h"
 #include "platform/http/testing/http_test_support.h"
+#include "platform/ui/headless_ui.h"
+#include "platform/ui/screen_presenter.h"
 
 namespace nembra {
 namespace {
@@ -27,6 +30,18 @@ class FakeConverter final : public MediaConverter {
 
  private:
   bool convertible_, fails_;
+};
+
+// Remembers the cover selectors asked for; the test answers for the user.
+class FakeCoverScreens final : public CoverScreens {
+ public:
+  void presentCoverSelector(Nembra&, ScreenPresenter&, const std::string& path,
+                            Chosen chosen) override {
+    paths.push_back(path);
+    this->chosen = std::move(chosen);
+  }
+  std::vector<std::string> paths;
+  Chosen chosen;
 };
 
 class NembraVideoLibraryTest : public ::testing::Test {
@@ -108,6 +123,40 @@ TEST_F(NembraVideoLibraryTest, CancellingTellsBothDelegates) {
   library->imagePickerControllerDidCancel();
   EXPECT_TRUE(closed);
   EXPECT_EQ(told, 2);
+}
+
+TEST_F(NembraVideoLibraryTest, WithCoverShotTheUserPicksTheCoverOfTheExport) {
+  auto covers = std::make_shared<FakeCoverScreens>();
+  CoverScreens::install(covers);
+  HeadlessUi ui;
+  auto presenter = std::make_shared<ScreenPresenter>(ui, queue_);
+  nembra_.setScreenPresenter(presenter);
+  nembra_.recorderConfig().setShouldEnableCoverShot(true);
+  auto library = NembraVideoLibrary::initWithNembraApplication(nembra_);
+  library->setConverter(std::make_unique<FakeConverter>(true, false));
+  bool done = false;
+  library->setFinished([&](const std::optional<Json>&, const OptionalError&) { done = true; });
+  library->imagePickerControllerDidFinishPickingMediaWithInfo(movie_);
+  ASSERT_TRUE(queue_.runUntil([&] { return covers->chosen != nullptr; }, 10s));
+  ASSERT_EQ(covers->paths.size(), 1u);
+  EXPECT_NE(covers->paths[0].find("/MP4/"), std::string::npos);
+  // Nothing goes up before the choice.
+  EXPECT_FALSE(loggedStart("cover selected for video "));
+  auto image = std::make_shared<StillImage>();
+  image->format = "jpeg";
+  covers->chosen(covers->paths[0], image);
+  EXPECT_TRUE(loggedStart("cover selected for video " + covers->paths[0]));
+  EXPECT_TRUE(queue_.runUntil([&] { return done; }, 20s));
+  CoverScreens::install(nullptr);
+}
+
+TEST_F(NembraVideoLibraryTest, WithCoverShotButNoSelectorTheDefaultCoverIsUsed) {
+  CoverScreens::install(nullptr);
+  nembra_.recorderConfig().setShouldEnableCoverShot(true);
+  auto library = NembraVideoLibrary::initWithNembraApplication(nembra_);
+  library->setConverter(std::make_unique<FakeConverter>(true, false));
+  ASSERT_TRUE(pick(*library));
+  EXPECT_TRUE(loggedStart("cover selected for video "));
 }
 
 }  // namespace

@@ -108,13 +108,15 @@ void CoverSelectorController::reload() {
 void CoverSelectorController::selectRow(int row) {
   if (row < 0 || static_cast<size_t>(row) >= covers_.size()) return;
   StillImagePtr image = covers_[static_cast<size_t>(row)];
-  dismiss([delegate = delegate_, path = videoPath_, image] {
+  dismiss([delegate = delegate_, chosen = chosen_, path = videoPath_, image] {
+    if (chosen) chosen(path, image);
     if (auto recorder = delegate.lock()) recorder->coverSelectedWithPath(path, image);
   });
 }
 
 void CoverSelectorController::useDefaultCover() {
-  dismiss([delegate = delegate_, path = videoPath_] {
+  dismiss([delegate = delegate_, chosen = chosen_, path = videoPath_] {
+    if (chosen) chosen(path, nullptr);
     if (auto recorder = delegate.lock()) recorder->coverSelectedWithPath(path, nullptr);
   });
 }

@@ -35,6 +35,10 @@ class CoverSelectorController final : public Screen,
 
   std::string name() const override { return "cover-selector"; }
   void setDelegate(std::weak_ptr<NembraRecorder> delegate) { delegate_ = std::move(delegate); }
+  // In place of a recorder: gets the path and the picked picture (null for the default cover).
+  void setChosen(std::function<void(const std::string&, StillImagePtr)> chosen) {
+    chosen_ = std::move(chosen);
+  }
 
   const std::vector<StillImagePtr>& covers() const { return covers_; }
   // The row picked: dismisses and hands the path and the row's picture to the recorder.
@@ -63,6 +67,7 @@ class CoverSelectorController final : public Screen,
   const std::string videoPath_;
   MainQueue& mainQueue_;
   std::weak_ptr<NembraRecorder> delegate_;
+  std::function<void(const std::string&, StillImagePtr)> chosen_;
   std::vector<StillImagePtr> covers_;
   std::unique_ptr<SerialQueue> grabQueue_;
 };

@@ -3,6 +3,7 @@
 #include "nembra/application.h"
 #include "platform/ui/screen_presenter.h"
 #include "recorder/nembra_recorder.h"
+#include "recorder/recorder_cover_screens.h"
 
 namespace nembra {
 
@@ -18,6 +19,7 @@ void RecorderModuleScreens::presentRecorder(Nembra& application, ScreenPresenter
 
 void installRecorderScreens() {
   RecorderScreens::install(std::make_shared<RecorderModuleScreens>());
+  installCoverScreens();
 }
 
 }  // namespace nembra

@@ -153,6 +153,13 @@ class Nembra {
   void playAudioFromUri(const std::string& uri);
   void playAudioFromUris(const std::vector<std::string>& uris);
   void startAudioPlayer(const std::vector<std::string>& paths);
+  // The media picker and the video editor (api/picker_screens.h), presented like the players.
+  // trimVideo refuses a path that contains "http://" or "https://" with an alert; otherwise it
+  // copies the file to "video.mp4" in the documents directory (replacing an old one) and opens
+  // the trimming editor on the copy, whose cut is uploaded as a video.
+  void trimVideo(const std::string& path);
+  // The media picker offering fileSelectorConfig's media types and limits.
+  void startFileSelector();
   // Remote image loading for screens, made on first use; shared with the screens that use it.
   std::shared_ptr<RemoteImageLoader> imageLoader();
 

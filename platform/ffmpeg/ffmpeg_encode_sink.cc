@@ -62,6 +62,11 @@ struct MediaEncodeSink::State {
       int rc = avcodec_receive_packet(&encoder, packet.get());
       if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return std::nullopt;
       if (rc < 0) return Error::media("encoding failed: " + avErrorText(rc));
+      // The muxer times the last picture by its packet's duration: without one, a file of one
+      // picture has none.
+      if (encoder.codec_type == AVMEDIA_TYPE_VIDEO && packet->duration <= 0) {
+        packet->duration = av_rescale_q(1, AVRational{1, settings.frameRate}, encoder.time_base);
+      }
       av_packet_rescale_ts(packet.get(), encoder.time_base, stream.time_base);
       packet->stream_index = stream.index;
       rc = av_interleaved_write_frame(output.get(), packet.get());

@@ -28,6 +28,7 @@ class FfmpegMediaBackend final : public MediaBackend {
   std::unique_ptr<MediaConverter> makeMediaConverter() override {
     return newFfmpegMediaConverter();
   }
+  std::unique_ptr<MediaTrimmer> makeMediaTrimmer() override { return newFfmpegMediaTrimmer(); }
   std::unique_ptr<ImageCodec> makeImageCodec() override { return newFfmpegImageCodec(); }
   std::unique_ptr<AudioPcmDecoder> makeAudioPcmDecoder() override {
     return newFfmpegAudioPcmDecoder();

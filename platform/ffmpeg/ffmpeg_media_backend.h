@@ -12,6 +12,7 @@
 #include "platform/media/media_converter.h"
 #include "platform/media/media_probe.h"
 #include "platform/media/media_remuxer.h"
+#include "platform/media/media_trimmer.h"
 
 namespace nembra {
 
@@ -19,6 +20,7 @@ std::unique_ptr<MediaProbe> newFfmpegMediaProbe();
 std::unique_ptr<FrameGrabber> newFfmpegFrameGrabber();
 std::unique_ptr<MediaRemuxer> newFfmpegMediaRemuxer();
 std::unique_ptr<MediaConverter> newFfmpegMediaConverter();
+std::unique_ptr<MediaTrimmer> newFfmpegMediaTrimmer();
 std::unique_ptr<ImageCodec> newFfmpegImageCodec();
 std::unique_ptr<AudioPcmDecoder> newFfmpegAudioPcmDecoder();
 

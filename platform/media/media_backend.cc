@@ -141,6 +141,9 @@ std::unique_ptr<MediaRemuxer> makeMediaRemuxer() {
 std::unique_ptr<MediaConverter> makeMediaConverter() {
   return MediaBackend::shared().makeMediaConverter();
 }
+std::unique_ptr<MediaTrimmer> makeMediaTrimmer() {
+  return MediaBackend::shared().makeMediaTrimmer();
+}
 std::unique_ptr<ImageCodec> makeImageCodec() { return MediaBackend::shared().makeImageCodec(); }
 std::unique_ptr<AudioPcmDecoder> makeAudioPcmDecoder() {
   return MediaBackend::shared().makeAudioPcmDecoder();

@@ -30,6 +30,7 @@
 #include "platform/media/media_probe.h"
 #include "platform/media/media_remuxer.h"
 #include "platform/media/media_source.h"
+#include "platform/media/media_trimmer.h"
 #include "platform/media/movie_writer.h"
 #include "platform/media/raw_frame_converter.h"
 #include "platform/media/raw_frame_reader.h"
@@ -55,6 +56,7 @@ class MediaBackend {
   virtual std::unique_ptr<FrameGrabber> makeFrameGrabber() = 0;
   virtual std::unique_ptr<MediaRemuxer> makeMediaRemuxer() = 0;
   virtual std::unique_ptr<MediaConverter> makeMediaConverter() = 0;
+  virtual std::unique_ptr<MediaTrimmer> makeMediaTrimmer() = 0;
   virtual std::unique_ptr<ImageCodec> makeImageCodec() = 0;
   virtual std::unique_ptr<AudioPcmDecoder> makeAudioPcmDecoder() = 0;
   virtual std::unique_ptr<MediaPlayerEngine> makePlayerEngine(MediaPlayerEngineOptions options) = 0;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "platform/ui/button_glyphs.h"
 
@@ -243,19 +244,41 @@ void WindowScreenView::paintControls(int width, int height) {
   }
 
   sliderRect_.reset();
+  rangeNames_.clear();
+  std::vector<std::pair<const std::string*, const SliderState*>> shown;
   for (const auto& [name, slider] : state_.sliders()) {
-    if (slider.hidden) continue;
-    Rect track{24, buttonY - 28, width - 48, 24};
-    fill({track.x, track.y + 10, track.w, 4}, SDL_Color{255, 255, 255, 110});
+    if (!slider.hidden) shown.emplace_back(&name, &slider);
+  }
+  if (shown.empty()) return;
+  Rect track{24, buttonY - 28, width - 48, 24};
+  fill({track.x, track.y + 10, track.w, 4}, SDL_Color{255, 255, 255, 110});
+  auto position = [&track](const SliderState& slider) {
     const double span = slider.maximum - slider.minimum;
     const double f = span > 0 ? std::clamp((slider.value - slider.minimum) / span, 0.0, 1.0) : 0;
-    const int filled = static_cast<int>(track.w * f);
-    fill({track.x, track.y + 10, filled, 4}, kWhite);
-    fill({track.x + filled - 6, track.y + 4, 12, 16}, slider.enabled ? kWhite : kShade);
-    sliderRect_ = track;
-    sliderName_ = name;
-    break;  // one slider per screen in this layout
+    return static_cast<int>(track.w * f);
+  };
+  sliderRect_ = track;
+  const SliderState& first = *shown[0].second;
+  if (shown.size() == 2 && shown[1].second->minimum == first.minimum &&
+      shown[1].second->maximum == first.maximum) {
+    const int a = position(first);
+    const int b = position(*shown[1].second);
+    fill({track.x + std::min(a, b), track.y + 10, std::abs(b - a), 4}, kWhite);
+    for (const auto& [name, slider] : shown) {
+      fill({track.x + position(*slider) - 6, track.y + 2, 12, 20},
+           slider->enabled ? kWhite : kShade);
+      rangeNames_.push_back(*name);
+    }
+    if (std::find(rangeNames_.begin(), rangeNames_.end(), sliderName_) == rangeNames_.end()) {
+      sliderName_ = rangeNames_[0];
+    }
+    return;
   }
+  // Otherwise one slider per screen in this layout.
+  const int filled = position(first);
+  fill({track.x, track.y + 10, filled, 4}, kWhite);
+  fill({track.x + filled - 6, track.y + 4, 12, 16}, first.enabled ? kWhite : kShade);
+  sliderName_ = *shown[0].first;
 }
 
 void WindowScreenView::paintList(int width, int height) {
@@ -370,6 +393,18 @@ void WindowScreenView::mouseDown(int x, int y) {
   }
   if (sliderRect_ && sliderRect_->contains(x, y)) {
     draggingSlider_ = true;
+    int nearest = std::numeric_limits<int>::max();
+    for (const std::string& name : rangeNames_) {
+      const SliderState* slider = state_.slider(name);
+      const double span = slider->maximum - slider->minimum;
+      const int at = sliderRect_->x +
+                     static_cast<int>(sliderRect_->w *
+                                      (span > 0 ? (slider->value - slider->minimum) / span : 0));
+      if (std::abs(at - x) < nearest) {
+        nearest = std::abs(at - x);
+        sliderName_ = name;
+      }
+    }
     sliderTo(x);
     return;
   }

@@ -110,6 +110,9 @@ class WindowScreenView final : public ScreenView {
   std::vector<Rect> alertButtonRects_;
   std::optional<Rect> sliderRect_;
   std::string sliderName_;
+  // Two sliders over the same range share one track as its two handles; a press takes the
+  // nearer one.
+  std::vector<std::string> rangeNames_;
   std::vector<std::pair<int, Rect>> rowRects_;
   std::string listName_;
   int listScroll_ = 0;
