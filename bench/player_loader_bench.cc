@@ -51,16 +51,6 @@ class FirstFrameSurface final : public VideoSurface {
 
 int run(const std::string& command) { return std::system(command.c_str()); }
 
-std::string capture(const std::string& command) {
-  std::string out;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return out;
-  char buffer[4096];
-  while (fgets(buffer, sizeof(buffer), pipe)) out += buffer;
-  pclose(pipe);
-  return out;
-}
-
 double msSince(Clock::time_point start, Clock::time_point end) {
   return std::chrono::duration<double, std::milli>(end - start).count();
 }
@@ -106,16 +96,8 @@ int main(int argc, char** argv) {
 
   testing::LocalService service;
   if (!service.start(testing::LocalService::defaultTool(), "player_loader_bench")) return 1;
-  const std::string tool =
-      testing::LocalService::defaultTool() + " --server " + service.url() + " --token bench";
   auto upload = [&](const fs::path& file) {
-    std::string out = capture(tool + " upload " + file.string() + " 2>/dev/null");
-    size_t end = out.rfind('\t');
-    size_t start = out.rfind('\n', end);
-    return end == std::string::npos
-               ? std::string()
-               : out.substr(start == std::string::npos ? 0 : start + 1,
-                            end - (start == std::string::npos ? 0 : start + 1));
+    return service.upload(testing::LocalService::defaultTool(), "bench", file.string());
   };
 
   MainQueue queue;

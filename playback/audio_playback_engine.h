@@ -23,6 +23,8 @@ class AudioPlaybackListener {
   // The media loaded, with its load state (100: loaded).
   virtual void episodeLoadedNotification(int loadState) = 0;
   virtual void playerDidReachEndNotification() = 0;
+  // The desktop (its media keys or widgets) played or paused the item.
+  virtual void playbackChangedByDesktop() {}
 };
 
 class AudioPlaybackEngine {
@@ -54,9 +56,11 @@ class AudioPlaybackEngine {
                                                        const std::string& imagePath);
 
   // The process's engine over the player engine, its calls on |mainQueue| (the first call
-  // decides; it must outlive the process's use of audio). |publisher| may be null.
+  // decides while that queue lives). When a session bus is there, what it plays is published
+  // over MPRIS and the desktop's media keys reach it. When |mainQueue| is destroyed the engine
+  // stops for good (no thread of it posts there again) and stays, inert, for whoever still
+  // holds it; the next call makes a new one.
   static AudioPlaybackEngine& sharedInstance(MainQueue& mainQueue);
-  static void setNowPlayingPublisher(std::shared_ptr<NowPlayingPublisher> publisher);
 };
 
 }  // namespace nembra

@@ -5,15 +5,27 @@
 #include <mutex>
 
 #include "nembra/main_queue.h"
+#include "platform/audio/audio_output.h"
+#include "platform/dispatch/queue_ending.h"
+#include "platform/system/mpris_now_playing_publisher.h"
 #include "playback/nembra_url_asset.h"
 
 namespace nembra {
 
 namespace {
 
-std::mutex sharedMutex;
-std::shared_ptr<MediaAudioPlaybackEngine> sharedEngine;  // guarded by sharedMutex
-std::shared_ptr<NowPlayingPublisher> sharedPublisher;    // guarded by sharedMutex
+struct Shared {
+  std::mutex mutex;
+  std::shared_ptr<MediaAudioPlaybackEngine> engine;  // the one bound to a living queue
+  // Engines whose queue has gone: ended, but screens may still hold a reference to them.
+  std::vector<std::shared_ptr<MediaAudioPlaybackEngine>> retired;
+};
+
+Shared& shared() {
+  // Never destroyed: the process's main queue may be a static that ends after this file's.
+  static Shared* instance = new Shared;
+  return *instance;
+}
 
 }  // namespace
 
@@ -30,31 +42,52 @@ NowPlayingInfo AudioPlaybackEngine::springboardDictionaryWithTitle(
 }
 
 AudioPlaybackEngine& AudioPlaybackEngine::sharedInstance(MainQueue& mainQueue) {
-  std::lock_guard lock(sharedMutex);
-  if (!sharedEngine) {
-    // Kept for the life of the process, as the one audio session is.
-    sharedEngine =
-        std::make_shared<MediaAudioPlaybackEngine>(mainQueue, [] { return makeAudioOutput(); });
-    new std::shared_ptr<MediaAudioPlaybackEngine>(sharedEngine);
-  }
-  sharedEngine->setPublisher(sharedPublisher);
-  return *sharedEngine;
-}
-
-void AudioPlaybackEngine::setNowPlayingPublisher(std::shared_ptr<NowPlayingPublisher> publisher) {
-  std::lock_guard lock(sharedMutex);
-  sharedPublisher = publisher;
-  if (sharedEngine) sharedEngine->setPublisher(publisher);
+  Shared& state = shared();
+  std::lock_guard lock(state.mutex);
+  if (state.engine) return *state.engine;
+  auto engine =
+      std::make_shared<MediaAudioPlaybackEngine>(mainQueue, [] { return makeAudioOutput(); });
+  // The no-op publisher when there is no session bus.
+  engine->setPublisher(MprisNowPlayingPublisher::make(mainQueue));
+  state.engine = engine;
+  QueueEnding::add(mainQueue, [engine] {
+    engine->end();
+    Shared& state = shared();
+    std::lock_guard lock(state.mutex);
+    if (state.engine == engine) state.engine.reset();
+    state.retired.push_back(engine);
+  });
+  return *engine;
 }
 
 MediaAudioPlaybackEngine::MediaAudioPlaybackEngine(
     MainQueue& mainQueue, std::function<std::unique_ptr<AudioOutput>()> makeAudioOutput)
     : mainQueue_(mainQueue), makeAudioOutput_(std::move(makeAudioOutput)) {}
 
-MediaAudioPlaybackEngine::~MediaAudioPlaybackEngine() {
+MediaAudioPlaybackEngine::~MediaAudioPlaybackEngine() { end(); }
+
+void MediaAudioPlaybackEngine::setPublisher(std::unique_ptr<NowPlayingPublisher> publisher) {
+  if (publisher_) publisher_->setCommandHandler(nullptr);
+  publisher_ = std::move(publisher);
+  if (!publisher_ || ended_) return;
+  std::weak_ptr<MediaAudioPlaybackEngine> weak = weak_from_this();
+  publisher_->setCommandHandler([weak](NowPlayingCommand command) {
+    if (auto self = weak.lock()) self->handleCommand(command);
+  });
+}
+
+void MediaAudioPlaybackEngine::end() {
+  if (ended_) return;
+  ended_ = true;
   *alive_ = false;
   if (engine_) engine_->close();
-  if (publisher_) publisher_->clear();
+  if (publisher_) {
+    publisher_->setCommandHandler(nullptr);
+    publisher_->clear();
+  }
+  // Joins the bus thread, the last one that could post to the main queue.
+  publisher_.reset();
+  whenReady_.clear();
 }
 
 MediaPlayerEngine& MediaAudioPlaybackEngine::engine() {
@@ -77,6 +110,7 @@ void MediaAudioPlaybackEngine::playPauseMediaFileWithAudioUrl(const std::string&
                                                               const NowPlayingInfo& springboardInfo,
                                                               double startTime,
                                                               std::function<void()> completion) {
+  if (ended_) return;
   if (url != currentUrl_) {
     currentUrl_ = url;
     NembraAssetLoaderDelegate::Options options;
@@ -91,9 +125,9 @@ void MediaAudioPlaybackEngine::playPauseMediaFileWithAudioUrl(const std::string&
     engine().setItems({asset_->playerItem()});
     if (startTime > 0) engine().seek(startTime);
     engine().play();
-    NowPlayingInfo info = springboardInfo;
-    info.url = url;
-    if (publisher_) publisher_->publish(info);
+    nowPlaying_ = springboardInfo;
+    nowPlaying_.url = url;
+    if (publisher_) publisher_->publish(nowPlaying_);
     if (completion) whenReady_.push_back(std::move(completion));
     return;
   }
@@ -102,11 +136,45 @@ void MediaAudioPlaybackEngine::playPauseMediaFileWithAudioUrl(const std::string&
   } else {
     engine().play();
   }
-  if (publisher_) publisher_->setPlaying(isPlaying());
+  publishPlaying();
   if (completion) mainQueue_.async(std::move(completion));
 }
 
-bool MediaAudioPlaybackEngine::isPlaying() const { return engine_ && engine_->rate() > 0; }
+void MediaAudioPlaybackEngine::publishPlaying() {
+  if (!publisher_) return;
+  publisher_->setPosition(currentTimeInSeconds());
+  publisher_->setPlaying(isPlaying());
+}
+
+void MediaAudioPlaybackEngine::handleCommand(NowPlayingCommand command) {
+  if (ended_ || currentUrl_.empty() || !engine_) return;
+  switch (command) {
+    case NowPlayingCommand::Play:
+      engine_->play();
+      break;
+    case NowPlayingCommand::Pause:
+    case NowPlayingCommand::Stop:
+      engine_->pause();
+      break;
+    case NowPlayingCommand::PlayPause:
+      if (isPlaying()) {
+        engine_->pause();
+      } else {
+        engine_->play();
+      }
+      break;
+    case NowPlayingCommand::Next:
+    case NowPlayingCommand::Previous:
+      // The list is the audio player's, not the engine's: nothing to move to here.
+      return;
+  }
+  publishPlaying();
+  notify([](AudioPlaybackListener& l) { l.playbackChangedByDesktop(); });
+}
+
+bool MediaAudioPlaybackEngine::isPlaying() const {
+  return !ended_ && engine_ && engine_->rate() > 0;
+}
 
 double MediaAudioPlaybackEngine::currentTimeInSeconds() const {
   return engine_ ? engine_->currentTime() : 0;
@@ -118,6 +186,7 @@ double MediaAudioPlaybackEngine::durationInSeconds() const {
 
 void MediaAudioPlaybackEngine::seekPlayerToTimeWithValue(double seconds,
                                                          std::function<void()> completion) {
+  if (ended_) return;
   engine().seek(seconds);
   if (publisher_) publisher_->setPosition(seconds);
   if (completion) mainQueue_.async(std::move(completion));
@@ -156,6 +225,12 @@ void MediaAudioPlaybackEngine::playerStatusChanged(MediaPlayerStatus status, con
   whenReady_.clear();
   for (auto& completion : ready) completion();
   if (status == MediaPlayerStatus::ReadyToPlay) {
+    // The duration is known now: the desktop shows the item's length.
+    if (publisher_ && nowPlaying_.durationSeconds <= 0 && durationInSeconds() > 0) {
+      nowPlaying_.durationSeconds = durationInSeconds();
+      publisher_->publish(nowPlaying_);
+      publishPlaying();
+    }
     notify([](AudioPlaybackListener& l) { l.episodeLoadedNotification(kLoadStateLoaded); });
   }
 }

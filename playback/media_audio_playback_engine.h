@@ -1,6 +1,9 @@
-// AudioPlaybackEngine over the media plug-in's player engine, with no pictures.
+// AudioPlaybackEngine over the media plug-in's player engine, with no pictures. It owns its
+// NowPlayingPublisher; the desktop's commands come back through a weak reference, on the main
+// queue.
 //
-// Threading: main queue only.
+// Threading: main queue only, end() included (or the thread destroying the main queue, once
+// nothing else runs there).
 #pragma once
 
 #include <memory>
@@ -25,7 +28,13 @@ class MediaAudioPlaybackEngine final
                            std::function<std::unique_ptr<AudioOutput>()> makeAudioOutput);
   ~MediaAudioPlaybackEngine() override;
 
-  void setPublisher(std::shared_ptr<NowPlayingPublisher> publisher) { publisher_ = publisher; }
+  // Publishes through |publisher| (whose commands are posted to the main queue) from now on.
+  void setPublisher(std::unique_ptr<NowPlayingPublisher> publisher);
+  // Stops for good: the player engine and the publisher are closed, their threads joined, and
+  // later calls do nothing (completions are dropped). Nothing is posted to the main queue
+  // after this returns.
+  void end();
+  bool ended() const { return ended_; }
 
   void playPauseMediaFileWithAudioUrl(const std::string& url, const NowPlayingInfo& springboardInfo,
                                       double startTime, std::function<void()> completion) override;
@@ -43,6 +52,8 @@ class MediaAudioPlaybackEngine final
 
  private:
   MediaPlayerEngine& engine();
+  void handleCommand(NowPlayingCommand command);
+  void publishPlaying();
   template <typename Call>
   void notify(Call call);
 
@@ -53,7 +64,9 @@ class MediaAudioPlaybackEngine final
   std::string currentUrl_;
   std::vector<std::function<void()>> whenReady_;
   std::vector<std::weak_ptr<AudioPlaybackListener>> listeners_;
-  std::shared_ptr<NowPlayingPublisher> publisher_;
+  NowPlayingInfo nowPlaying_;
+  std::unique_ptr<NowPlayingPublisher> publisher_;
+  bool ended_ = false;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 

@@ -242,6 +242,10 @@ void NembraAudioPlayer::playerDidReachEndNotification() {
   }
 }
 
+void NembraAudioPlayer::playbackChangedByDesktop() {
+  if (presented()) updatePlayButton();
+}
+
 void NembraAudioPlayer::onClose() { close(true); }
 
 void NembraAudioPlayer::close(bool cancelledByUser) {

@@ -53,6 +53,7 @@ class NembraAudioPlayer final : public Screen,
   void sliderMoved(const std::string& name, double value) override;
   void episodeLoadedNotification(int loadState) override;
   void playerDidReachEndNotification() override;
+  void playbackChangedByDesktop() override;
 
  protected:
   void viewDidLoad() override;

@@ -42,6 +42,11 @@ class FakeAudioEngine final : public AudioPlaybackEngine {
     playing_ = false;
     if (auto listener = listener_.lock()) listener->playerDidReachEndNotification();
   }
+  // The desktop's play/pause key.
+  void toggleFromDesktop() {
+    playing_ = !playing_;
+    if (auto listener = listener_.lock()) listener->playbackChangedByDesktop();
+  }
 
   std::vector<std::string> played;
   std::vector<NowPlayingInfo> infos;
@@ -118,6 +123,16 @@ TEST_F(NembraAudioPlayerTest, StartsAtOnceAndLabelsTheTimes) {
   view().press("rewind");
   view().press("forward");
   EXPECT_EQ(engine_.seeks, (std::vector<double>{100, 40, 60}));
+}
+
+TEST_F(NembraAudioPlayerTest, TheDesktopsPlayPauseShowsOnTheScreen) {
+  auto player = open({"a.aac"});
+  engine_.toggleFromDesktop();
+  EXPECT_EQ(view().label("status"), "Paused");
+  EXPECT_EQ(view().button("play")->image, "play-black");
+  engine_.toggleFromDesktop();
+  EXPECT_EQ(view().label("status"), "Playing");
+  EXPECT_EQ(view().button("play")->image, "pause-black");
 }
 
 TEST_F(NembraAudioPlayerTest, PreviousAndNextWrapAround) {

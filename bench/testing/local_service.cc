@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -45,6 +46,24 @@ bool LocalService::start(const std::string& nembra, const std::string& who) {
   }
   std::cerr << who << ": `nembra serve` did not start; see " << options.stdoutPath << "\n";
   return false;
+}
+
+std::string LocalService::upload(const std::string& nembra, const std::string& appToken,
+                                 const std::string& file) const {
+  const std::string command =
+      nembra + " --server " + url_ + " --token " + appToken + " upload " + file + " 2>/dev/null";
+  std::string out;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return "";
+  char buffer[4096];
+  while (fgets(buffer, sizeof(buffer), pipe)) out += buffer;
+  pclose(pipe);
+  // The last line is "TOKEN<tab>…".
+  const size_t end = out.rfind('\t');
+  if (end == std::string::npos) return "";
+  const size_t newline = out.rfind('\n', end);
+  const size_t start = newline == std::string::npos ? 0 : newline + 1;
+  return out.substr(start, end - start);
 }
 
 }  // namespace nembra::testing

@@ -24,6 +24,11 @@ class LocalService {
   // Starts |nembra| and waits until it listens; false, said on stderr as |who|, when it cannot.
   bool start(const std::string& nembra, const std::string& who);
 
+  // Uploads |file| with the `nembra` tool |nembra| as application |appToken|; the new media's
+  // token, empty when the upload failed.
+  std::string upload(const std::string& nembra, const std::string& appToken,
+                     const std::string& file) const;
+
   // "http://127.0.0.1:PORT", once started.
   const std::string& url() const { return url_; }
   pid_t pid() const { return process_ ? process_->pid() : 0; }

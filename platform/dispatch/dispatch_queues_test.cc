@@ -4,11 +4,13 @@
 #include <atomic>
 #include <mutex>
 #include <set>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "nembra/main_queue.h"
 #include "platform/dispatch/concurrent_queue.h"
+#include "platform/dispatch/queue_ending.h"
 #include "platform/dispatch/serial_queue.h"
 #include "platform/dispatch/timer.h"
 #include "platform/system/notification_center.h"
@@ -107,6 +109,27 @@ TEST(MainQueueTest, RunUntilWaitsForACallbackFromAnotherThread) {
   worker.async([&] { main.async([&] { called = true; }); });
   EXPECT_TRUE(main.runUntil([&] { return called; }, 5s));
   EXPECT_FALSE(main.runUntil([] { return false; }, 30ms));
+}
+
+TEST(MainQueueTest, EndingRunsTheActionsOfThatQueueOnceWhileItCanStillTakePosts) {
+  std::vector<std::string> ran;
+  auto other = std::make_unique<MainQueue>();
+  QueueEnding::add(*other, [&] { ran.push_back("other"); });
+  {
+    MainQueue queue;
+    // An object bound to the queue still posts while it stops: the queue must be whole.
+    QueueEnding::add(queue, [&] {
+      queue.async([] {});
+      ran.push_back("first");
+    });
+    const QueueEnding::Token removed = QueueEnding::add(queue, [&] { ran.push_back("removed"); });
+    QueueEnding::add(queue, [&] { ran.push_back("second"); });
+    QueueEnding::remove(removed);
+  }
+  EXPECT_EQ(ran, (std::vector<std::string>{"first", "second"}));
+  other.reset();
+  EXPECT_EQ(ran.back(), "other");
+  EXPECT_EQ(ran.size(), 3u);
 }
 
 TEST(TimerTest, OneShotFiresOnceAndCancelledTimersNever) {

@@ -1,12 +1,16 @@
 #include "nembra/main_queue.h"
 
+#include "platform/dispatch/queue_ending.h"
 #include "platform/dispatch/scheduler.h"
 
 namespace nembra {
 
 MainQueue::MainQueue() = default;
 
-MainQueue::~MainQueue() { Scheduler::forget(*this); }
+MainQueue::~MainQueue() {
+  QueueEnding::run(*this);
+  Scheduler::forget(*this);
+}
 
 MainQueue& MainQueue::shared() {
   static MainQueue instance;

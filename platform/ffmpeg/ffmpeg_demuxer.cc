@@ -1,5 +1,7 @@
 #include "platform/ffmpeg/ffmpeg_demuxer.h"
 
+#include <malloc.h>
+
 #include <chrono>
 
 #include "platform/dispatch/thread_name.h"
@@ -11,11 +13,20 @@ extern "C" {
 namespace nembra::player {
 
 namespace {
-// As much as is queued before reading pauses: enough to ride out a slow read, small enough
-// to keep memory bounded.
-constexpr int64_t kMaxQueuedBytes = 15 * 1024 * 1024;
+// Reading pauses once every stream has a second queued. In memory, though, only a few MB are
+// held: the byte source is a local file or the loader's store on disk, so a read costs little
+// and a deep queue buys nothing but resident size (a high-rate stream fills 15 MB in a second).
+// Past the soft limit a stream running short still gets its packets, or a file whose streams
+// are interleaved coarsely would starve the one stored later; the hard limit stops even that.
+constexpr int64_t kSoftQueuedBytes = 2 * 1024 * 1024;
+constexpr int64_t kHardQueuedBytes = 15 * 1024 * 1024;
 constexpr size_t kMinPackets = 25;
 constexpr double kMinQueuedSeconds = 1.0;
+constexpr size_t kShortPackets = 3;
+constexpr double kShortSeconds = 0.25;
+// Packets of a high-rate stream are large and made and freed on different threads: the
+// allocator keeps what they leave behind unless asked, and the resident size creeps up.
+constexpr auto kReleaseEvery = std::chrono::milliseconds(500);
 }  // namespace
 
 Demuxer::Demuxer(MediaPlayerItem item, PacketQueue& video, PacketQueue& audio)
@@ -108,15 +119,37 @@ OptionalError Demuxer::open() {
 }
 
 bool Demuxer::queuesFull() const {
-  if (videoPackets_.bytes() + audioPackets_.bytes() > kMaxQueuedBytes) return true;
-  auto enough = [this](int index, const PacketQueue& queue) {
-    if (index < 0) return true;
-    const AVRational timeBase = input_->streams[index]->time_base;
-    return queue.count() > kMinPackets &&
-           (queue.duration() == 0 ||
-            static_cast<double>(queue.duration()) * av_q2d(timeBase) > kMinQueuedSeconds);
+  const int64_t bytes = videoPackets_.bytes() + audioPackets_.bytes();
+  if (bytes > kHardQueuedBytes) return true;
+  auto seconds = [this](int index, const PacketQueue& queue) {
+    return static_cast<double>(queue.duration()) * av_q2d(input_->streams[index]->time_base);
   };
-  return enough(opened_.videoStream, videoPackets_) && enough(opened_.audioStream, audioPackets_);
+  auto enough = [&](int index, const PacketQueue& queue) {
+    if (index < 0) return true;
+    return queue.count() > kMinPackets &&
+           (queue.duration() == 0 || seconds(index, queue) > kMinQueuedSeconds);
+  };
+  if (enough(opened_.videoStream, videoPackets_) && enough(opened_.audioStream, audioPackets_)) {
+    return true;
+  }
+  if (bytes <= kSoftQueuedBytes) return false;
+  // Short of packets, or short of time while holding little: a stream of large pictures with
+  // a few queued has its decoder busy, and its bytes are what the limit is about.
+  auto runningShort = [&](int index, const PacketQueue& queue) {
+    if (index < 0) return false;
+    return queue.count() < kShortPackets ||
+           (queue.duration() > 0 && seconds(index, queue) < kShortSeconds &&
+            queue.bytes() < kSoftQueuedBytes / 2);
+  };
+  return !runningShort(opened_.videoStream, videoPackets_) &&
+         !runningShort(opened_.audioStream, audioPackets_);
+}
+
+void Demuxer::releaseFreedMemory() {
+  const auto now = std::chrono::steady_clock::now();
+  if (now - lastRelease_ < kReleaseEvery) return;
+  lastRelease_ = now;
+  ::malloc_trim(0);
 }
 
 void Demuxer::waitBriefly() {
@@ -147,6 +180,7 @@ OptionalError Demuxer::readLoop() {
     }
     if (seekTo) performSeek(*seekTo);
     if (reachedEnd_.load() || queuesFull()) {
+      releaseFreedMemory();
       waitBriefly();
       continue;
     }

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -63,6 +64,8 @@ class Demuxer {
   void performSeek(double seconds);
   bool queuesFull() const;
   void waitBriefly();
+  // Hands memory freed by the queues' traffic back to the system, now and then.
+  void releaseFreedMemory();
   static int interruptCallback(void* opaque);
 
   const MediaPlayerItem item_;
@@ -78,6 +81,7 @@ class Demuxer {
   std::condition_variable wake_;
   std::optional<double> pendingSeek_;  // guarded by mutex_
   std::thread thread_;
+  std::chrono::steady_clock::time_point lastRelease_;  // demux thread only
 };
 
 }  // namespace nembra::player

@@ -1,14 +1,17 @@
 #include "platform/ffmpeg/ffmpeg_device_source.h"
 
+#include <dlfcn.h>
+
 #include <algorithm>
 #include <mutex>
+#include <string>
 #include <thread>
 
 #include "platform/ffmpeg/ffmpeg_av_support.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
-#include <libavdevice/avdevice.h>
+#include <libavdevice/version.h>
 #include <libavformat/avformat.h>
 }
 
@@ -18,9 +21,18 @@ namespace {
 
 constexpr auto kIdlePoll = std::chrono::milliseconds(2);
 
+// The device library is loaded only when a device is opened: it drags in the filter library
+// and its dependencies, some 17 MB resident, which a process that only plays never needs.
 void registerDevices() {
   static std::once_flag once;
-  std::call_once(once, [] { avdevice_register_all(); });
+  std::call_once(once, [] {
+    const std::string name = "libavdevice.so." + std::to_string(LIBAVDEVICE_VERSION_MAJOR);
+    // Kept loaded for the life of the process: the formats it registers point into it.
+    void* library = ::dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!library) return;  // then opening a device fails as an unknown input format
+    if (auto registerAll = reinterpret_cast<void (*)()>(::dlsym(library, "avdevice_register_all")))
+      registerAll();
+  });
 }
 
 }  // namespace

@@ -11,9 +11,41 @@ namespace nembra::player {
 
 I420Converter::~I420Converter() { sws_freeContext(scaler_); }
 
+std::unique_ptr<VideoFrame> I420Converter::reuse() {
+  std::unique_ptr<VideoFrame> frame;
+  {
+    std::lock_guard lock(pool_->mutex);
+    if (!pool_->kept.empty()) {
+      frame = std::move(pool_->kept.back());
+      pool_->kept.pop_back();
+    }
+  }
+  if (!frame) return std::make_unique<VideoFrame>();
+  // Emptied, not freed: the planes' capacity is what is reused.
+  VideoFrame blank;
+  for (int plane = 0; plane < 3; ++plane) {
+    blank.planes[plane] = std::move(frame->planes[plane]);
+    blank.planes[plane].clear();
+  }
+  *frame = std::move(blank);
+  return frame;
+}
+
+size_t I420Converter::keptCount() const {
+  std::lock_guard lock(pool_->mutex);
+  return pool_->kept.size();
+}
+
 SharedVideoFrame I420Converter::convert(const AVFrame& picture, double pts) {
   if (picture.width <= 0 || picture.height <= 0) return nullptr;
-  auto frame = std::make_shared<VideoFrame>();
+  std::weak_ptr<Pool> weakPool = pool_;
+  std::shared_ptr<VideoFrame> frame(reuse().release(), [weakPool](VideoFrame* released) {
+    std::unique_ptr<VideoFrame> owned(released);
+    auto pool = weakPool.lock();
+    if (!pool) return;
+    std::lock_guard lock(pool->mutex);
+    if (pool->kept.size() < kKept) pool->kept.push_back(std::move(owned));
+  });
   frame->width = picture.width;
   frame->height = picture.height;
   if (picture.sample_aspect_ratio.num > 0 && picture.sample_aspect_ratio.den > 0) {

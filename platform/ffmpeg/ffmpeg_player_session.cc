@@ -5,6 +5,7 @@
 
 extern "C" {
 #include <libavformat/avformat.h>
+#include <libavutil/cpu.h>
 }
 
 namespace nembra::player {
@@ -76,7 +77,10 @@ AvCodecContext PlayerSession::openCodec(AVFormatContext* input, int index, std::
   int rc = avcodec_parameters_to_context(context.get(), stream->codecpar);
   if (rc >= 0) {
     context->pkt_timebase = stream->time_base;
-    context->thread_count = 0;  // as many as the machine has
+    // One thread per core, no more: each frame thread holds pictures of its own, and FFmpeg's
+    // automatic choice (cores + 1) adds a whole picture set for little gain.
+    context->thread_count =
+        stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO ? std::clamp(av_cpu_count(), 1, 4) : 1;
     rc = avcodec_open2(context.get(), codec, nullptr);
   }
   if (rc < 0) {

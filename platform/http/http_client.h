@@ -39,7 +39,7 @@ struct HttpTaskEvents {
   std::function<void(HttpTask& task, const HttpResponse& head)> head;
   std::function<void(HttpTask& task, std::vector<uint8_t> chunk)> data;
 
-  static constexpr int64_t kStreamWindow = 4 << 20;
+  static constexpr int64_t kStreamWindow = 1 << 20;
 };
 
 class HttpClient {

@@ -5,12 +5,10 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <future>
-#include <thread>
 
 #include "platform/dispatch/serial_queue.h"
-#include "platform/system/child_process.h"
+#include "platform/system/testing/private_session_bus.h"
 
 namespace nembra {
 namespace {
@@ -22,53 +20,20 @@ namespace fs = std::filesystem;
 class MprisNowPlayingPublisherTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (::access("/usr/bin/dbus-daemon", X_OK) != 0 || ::access("/usr/bin/dbus-send", X_OK) != 0) {
+    if (!testing::PrivateSessionBus::available()) {
       GTEST_SKIP() << "needs dbus-daemon and dbus-send (Debian: dbus)";
     }
-    dir_ = fs::temp_directory_path() /
-           ("nembra-mpris-" + std::to_string(::getpid()) + "-" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::create_directories(dir_);
-    address_ = "unix:path=" + (dir_ / "bus").string();
-    ChildProcessOptions options;
-    options.argv = {"dbus-daemon", "--session", "--nofork", "--nopidfile", "--address=" + address_};
-    options.stdoutPath = (dir_ / "daemon.log").string();
-    options.stderrPath = options.stdoutPath;
-    ASSERT_FALSE(ChildProcess::start(options, daemon_));
-    for (int i = 0; i < 500 && !fs::exists(dir_ / "bus"); ++i) std::this_thread::sleep_for(10ms);
-    ASSERT_TRUE(fs::exists(dir_ / "bus"));
-    // The socket appears a moment before the daemon answers on it.
-    for (int i = 0; i < 100 && name_.empty(); ++i) {
-      publisher_ = MprisNowPlayingPublisher::makeOnBus(queue_, address_, &name_);
-      if (name_.empty()) std::this_thread::sleep_for(20ms);
-    }
+    ASSERT_TRUE(bus_.start(fs::temp_directory_path() /
+                           ("nembra-mpris-" + std::to_string(::getpid()) + "-" +
+                            ::testing::UnitTest::GetInstance()->current_test_info()->name())));
+    publisher_ = MprisNowPlayingPublisher::makeOnBus(queue_, bus_.address(), &name_);
     ASSERT_FALSE(name_.empty()) << "no name taken on the private bus";
   }
 
-  void TearDown() override {
-    publisher_.reset();
-    daemon_.reset();
-    std::error_code ignored;
-    fs::remove_all(dir_, ignored);
-  }
+  void TearDown() override { publisher_.reset(); }
 
-  // dbus-send's reply, printed, with each run of blanks made one space.
   std::string send(const std::vector<std::string>& call) {
-    std::vector<std::string> argv = {"dbus-send",       "--bus=" + address_,
-                                     "--print-reply",   "--reply-timeout=5000",
-                                     "--dest=" + name_, MprisNowPlayingPublisher::kObjectPath};
-    argv.insert(argv.end(), call.begin(), call.end());
-    ChildProcessOptions options;
-    options.argv = argv;
-    options.stdoutPath = (dir_ / "reply").string();
-    options.stderrPath = options.stdoutPath;
-    std::unique_ptr<ChildProcess> process;
-    if (ChildProcess::start(options, process)) return "";
-    process->wait(10s);
-    std::ifstream in(options.stdoutPath);
-    std::string text, word;
-    while (in >> word) text += word + " ";
-    return text;
+    return bus_.call(name_, MprisNowPlayingPublisher::kObjectPath, call);
   }
 
   std::string property(const std::string& name) {
@@ -76,10 +41,8 @@ class MprisNowPlayingPublisherTest : public ::testing::Test {
                  "string:" + name});
   }
 
-  fs::path dir_;
-  std::string address_;
+  testing::PrivateSessionBus bus_;
   std::string name_;
-  std::unique_ptr<ChildProcess> daemon_;
   SerialQueue queue_{"test.mpris.commands"};
   std::unique_ptr<NowPlayingPublisher> publisher_;
 };
