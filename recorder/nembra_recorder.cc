@@ -16,6 +16,7 @@
 #include "platform/dispatch/thread_name.h"
 #include "platform/files/file_lock.h"
 #include "platform/ui/screen_presenter.h"
+#include "recorder/capture_aids.h"
 #include "recorder/cover_selector_controller.h"
 #include "recorder/nembra_recorded_video_preview.h"
 #include "recorder/recording_recovery.h"
@@ -193,11 +194,9 @@ void NembraRecorder::viewDidLoad() {
   {
     std::lock_guard lock(sampleMutex_);
     surface_ = view().videoSurface();
-  }
-  {
-    std::lock_guard lock(sampleMutex_);
     firstSampleTimestamp_ = 0;
   }
+  setUpCaptureAids();
   onSession([](NembraRecorder& self) {
     self.recoverInterruptedRecordings();
     self.configureSession();
@@ -207,6 +206,7 @@ void NembraRecorder::viewDidLoad() {
 
 void NembraRecorder::viewWillDisappear() {
   stopStartDelay();
+  if (aids_) aids_->attach(nullptr);
   {
     std::lock_guard lock(sampleMutex_);
     surface_ = nullptr;
@@ -216,6 +216,36 @@ void NembraRecorder::viewWillDisappear() {
     if (self.session_) self.session_->stopRunning();
     self.isSessionRunning_ = false;
   });
+}
+
+void NembraRecorder::setUpCaptureAids() {
+  auto aids = std::make_shared<CaptureAids>(application_, application_.mainQueue());
+  aids->showMeters(&view(), showLightIndicator_, showSoundIndicator_);
+  {
+    std::lock_guard lock(sampleMutex_);
+    aids_ = aids;
+    observers_.push_back(aids);
+  }
+  if (application_.recorderConfig().shouldShowFaceOutline()) showFaceOutline_ = true;
+  aids->faceOutlineView().setHidden(!showFaceOutline_);
+  if (showFaceOutline_) followFaces();
+}
+
+// Faces are searched only once the outline is asked for: the detector is the costliest aid.
+void NembraRecorder::followFaces() {
+  if (!aids_ || aids_->facesFollowed()) return;
+  if (OptionalError error =
+          aids_->setFaceOutlineDrawable(application_.recorderConfig().getFaceOutlineDrawable())) {
+    log("face outline image not used: " + error->message);
+  }
+  OptionalError error;
+  std::unique_ptr<FaceDetector> detector =
+      env_.makeFaceDetector ? env_.makeFaceDetector(error) : nullptr;
+  if (!detector) {
+    log("face detection unavailable: " + (error ? error->message : std::string("no detector")));
+    return;
+  }
+  aids_->enableFaceDetection(std::move(detector));
 }
 
 void NembraRecorder::recoverInterruptedRecordings() {
@@ -579,7 +609,16 @@ void NembraRecorder::captureOutput(CaptureSample& sample) {
       if (auto observer = weak.lock()) observers.push_back(std::move(observer));
     }
     surface = surface_;
-    if (video && surface && sample.preview) surface->present(sample.preview);
+    if (video && surface && sample.preview) {
+      if (aids_ && aids_->hasFacesToDraw()) {
+        // The outlines go over a copy: the sample's picture is shared with the observers.
+        auto picture = std::make_shared<VideoFrame>(*sample.preview);
+        aids_->drawFaces(*picture);
+        surface->present(std::move(picture));
+      } else {
+        surface->present(sample.preview);
+      }
+    }
   }
   for (const auto& observer : observers) {
     if (video) {
@@ -790,9 +829,22 @@ void NembraRecorder::onCloseButtonTap() {
   });
 }
 
-void NembraRecorder::setShowFaceOutline(bool show) { showFaceOutline_ = show; }
-void NembraRecorder::setShowLightIndicator(bool show) { showLightIndicator_ = show; }
-void NembraRecorder::setShowSoundIndicator(bool show) { showSoundIndicator_ = show; }
+void NembraRecorder::setShowFaceOutline(bool show) {
+  showFaceOutline_ = show;
+  if (!aids_) return;  // the load applies it
+  aids_->faceOutlineView().setHidden(!show);
+  if (show) followFaces();
+}
+
+void NembraRecorder::setShowLightIndicator(bool show) {
+  showLightIndicator_ = show;
+  if (aids_ && presented()) aids_->showMeters(&view(), showLightIndicator_, showSoundIndicator_);
+}
+
+void NembraRecorder::setShowSoundIndicator(bool show) {
+  showSoundIndicator_ = show;
+  if (aids_ && presented()) aids_->showMeters(&view(), showLightIndicator_, showSoundIndicator_);
+}
 
 void NembraRecorder::setControlsVisible(bool visible) {
   RecorderConfig& config = application_.recorderConfig();

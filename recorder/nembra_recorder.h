@@ -4,7 +4,9 @@
 // are RecorderStateMachine's.
 //
 // View: buttons "record" (space), "pause" (p), "camera" (c), "close" (q); labels "countdown",
-// "duration", "status"; the video surface shows the camera. Alerts for the failures.
+// "duration", "status"; the video surface shows the camera with the face outlines drawn over it;
+// the light meter (display-only button "lux-meter") and the sound level (slider "audio-level")
+// unless turned off. Alerts for the failures.
 //
 // Threading: a screen, so main queue only, except captureOutput/captureRuntimeError which the
 // capture threads call. Session changes run on the session queue. Every delegate call arrives
@@ -31,6 +33,7 @@
 
 namespace nembra {
 
+class CaptureAids;
 class Nembra;
 class NembraRecordedVideoPreview;
 class FileLock;
@@ -73,6 +76,12 @@ class NembraRecorder final : public Screen,
 
   // The capture aids attach here (held weakly; a gone observer is skipped).
   void addFrameObserver(std::weak_ptr<CaptureSampleObserver> observer);
+  // The recorder's own aids (meters and face outlines), made when the view loads; null before.
+  const std::shared_ptr<CaptureAids>& captureAids() const { return aids_; }
+  // The recorded preview, presented after a recording unless the file goes at once.
+  const std::shared_ptr<NembraRecordedVideoPreview>& recordedVideoPreview() const {
+    return videoPreview_;
+  }
 
   RecorderState state() const { return machine_.state(); }
   // 0 success, 1 not authorised, 2 configuration failed.
@@ -127,6 +136,8 @@ class NembraRecorder final : public Screen,
   void processRecordedVideoAtURL(const std::string& path, OptionalError error);
   void updateDuration();
   void writerFailed(const Error& error);
+  void setUpCaptureAids();
+  void followFaces();
 
   void toggleStreaming();
   void startStreaming();
@@ -207,6 +218,9 @@ class NembraRecorder final : public Screen,
   std::shared_ptr<AACEncoder> audioEncoder_;
   std::vector<std::weak_ptr<CaptureSampleObserver>> observers_;
   VideoSurface* surface_ = nullptr;
+  // Made on the main queue before the session starts; read on the capture threads to draw the
+  // face outlines over the preview.
+  std::shared_ptr<CaptureAids> aids_;
 };
 
 }  // namespace nembra
