@@ -1018,6 +1018,7 @@ void NembraRecorder::startStreaming() {
             return self->onError("no target address specified for the live streaming");
           self->onSession([](NembraRecorder& s) {
             std::string failure;
+            s.publishConfirmed_.store(false);
             std::shared_ptr<LiveStreamer> streamer = LiveStreamer::initWithTargetAddress(
                 s.liveTargetAddress_, s.liveStreamName_,
                 std::static_pointer_cast<LiveStreamerDelegate>(s.shared_from_this()), &failure);
@@ -1067,6 +1068,7 @@ void NembraRecorder::stopStreaming() {
 }
 
 void NembraRecorder::onPublishStart() {
+  publishConfirmed_.store(true);
   onMain([](NembraRecorder& self) {
     self.log("live streaming successfully started");
     self.updateUIRecordingStreamingStarted();
@@ -1102,13 +1104,19 @@ void NembraRecorder::onError(const std::string& message) {
 }
 
 // Called from inside captureOutput, which holds sampleMutex_.
+// Output made before the publish confirmation is dropped; the streamer starts at the next key
+// frame.
 void NembraRecorder::compressedVideoDataReceived(const EncodedVideoSample& sample) {
-  if (streamingNow_ && liveStreamer_) liveStreamer_->putVideoSample(sample);
+  if (streamingNow_ && liveStreamer_ && publishConfirmed_.load()) {
+    liveStreamer_->putVideoSample(sample);
+  }
 }
 
 void NembraRecorder::compressedAudioDataReceived(const std::vector<uint8_t>& data,
                                                  std::array<uint8_t, 2> asc, double pts) {
-  if (streamingNow_ && liveStreamer_) liveStreamer_->putAudioSample(data, asc, pts);
+  if (streamingNow_ && liveStreamer_ && publishConfirmed_.load()) {
+    liveStreamer_->putAudioSample(data, asc, pts);
+  }
 }
 
 }  // namespace nembra

@@ -214,6 +214,9 @@ class NembraRecorder final : public Screen,
   bool streamingNow_ = false;
   bool blurActive_ = false;
   std::shared_ptr<LiveStreamer> liveStreamer_;
+  // Set by the ingest's publish confirmation (on the RTMP receiver thread): the client refuses
+  // media before it.
+  std::atomic<bool> publishConfirmed_{false};
   std::shared_ptr<H264Encoder> videoEncoder_;
   std::shared_ptr<AACEncoder> audioEncoder_;
   std::vector<std::weak_ptr<CaptureSampleObserver>> observers_;

@@ -245,32 +245,41 @@ TEST_F(RecordCommandTest, AMicrophoneThatCannotOpenEndsWithTheReason) {
   EXPECT_THAT(result.output, HasSubstr("nembra record: no microphone"));
 }
 
-TEST_F(RecordCommandTest, AnUnreachableServiceFailsTheUpload) {
-  const std::vector<std::string> args = {
-      "/usr/bin/env",
-      "NEMBRA_HOME=" + scratch_.file("home"),
-      NEMBRA_CLI_PATH,
-      "--server",
-      "http://127.0.0.1:" + std::to_string(nembra::testing::freeTcpPort()),
-      "--token",
-      kApp,
-      "--ui",
-      "none",
-      "record",
-      "--camera",
-      "lavfi",
-      "--mic",
-      "none",
-      "--start-delay",
-      "0",
-      "--max-duration",
-      "1",
-      "--send-immediately",
-      "--quality",
-      "low"};
-  const CommandResult result = nembra::testing::runCommand(args, 120s);
-  EXPECT_EQ(result.exitCode, 1) << result.output;
-  EXPECT_THAT(result.output, HasSubstr("upload failed"));
+TEST_F(RecordCommandTest, AnUnreachableServiceFailsTheUploadAndKeepsTheRecording) {
+  const int port = nembra::testing::freeTcpPort();
+  // No --send-immediately: the preview and the cover choice are answered for the user.
+  const std::vector<std::string> args = {"/usr/bin/env",
+                                         "NEMBRA_HOME=" + scratch_.file("home"),
+                                         NEMBRA_CLI_PATH,
+                                         "--server",
+                                         "http://127.0.0.1:" + std::to_string(port),
+                                         "--token",
+                                         kApp,
+                                         "--ui",
+                                         "none",
+                                         "record",
+                                         "--camera",
+                                         "lavfi",
+                                         "--mic",
+                                         "none",
+                                         "--start-delay",
+                                         "0",
+                                         "--max-duration",
+                                         "1",
+                                         "--cover-shot",
+                                         "--quality",
+                                         "low"};
+  const CommandResult result = nembra::testing::runCommand(args, 60s);
+  ASSERT_EQ(result.exitCode, 1) << result.output;
+  EXPECT_THAT(result.output, HasSubstr("nembra record: upload failed: service unreachable at "
+                                       "127.0.0.1:" +
+                                       std::to_string(port)));
+  std::smatch kept;
+  ASSERT_TRUE(std::regex_search(result.output, kept, std::regex("the recording is kept at (\\S+)")))
+      << result.output;
+  const Probe recording = probe(kept[1].str());
+  EXPECT_THAT(recording.codecs, HasSubstr("h264"));
+  EXPECT_GT(recording.duration, 0.5);
 }
 
 }  // namespace
