@@ -232,6 +232,14 @@ int runRecord(CliContext& context, const RecordArguments& args) {
     nembra.record(args.rerecord);
   }
   if (!recorder) return fail("the recorder could not be shown");
+  // Whichever way the command ends, the recorder's session work is done before the application
+  // object goes.
+  struct SessionDrain {
+    std::shared_ptr<NembraRecorder>& recorder;
+    ~SessionDrain() {
+      if (recorder) recorder->waitForSessionQueue();
+    }
+  } drain{recorder};
   mainQueue.runUntil([&] { return recorder->state() != RecorderState::Configuring; },
                      std::chrono::seconds(30));
   if (recorder->state() == RecorderState::Failed ||
@@ -289,6 +297,7 @@ int runRecord(CliContext& context, const RecordArguments& args) {
     }
   }
   const std::string recorded = recorder->recordedPath();
+  recorder->waitForSessionQueue();
   recorder.reset();
   for (auto& [path, line] : lines) board.finish(line, outcome->failure.empty() ? "done" : "failed");
   if (!outcome->failure.empty()) {

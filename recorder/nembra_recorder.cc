@@ -166,6 +166,11 @@ bool NembraRecorder::isPaused() const {
   return isPaused_;
 }
 
+void NembraRecorder::waitForSessionQueue() {
+  auto* queue = dynamic_cast<SerialQueue*>(sessionQueue_.get());
+  if (queue && !queue->isCurrent()) queue->sync([] {});
+}
+
 void NembraRecorder::addFrameObserver(std::weak_ptr<CaptureSampleObserver> observer) {
   std::lock_guard lock(sampleMutex_);
   observers_.push_back(std::move(observer));

@@ -74,6 +74,11 @@ class NembraRecorder final : public Screen,
   const std::string& videoGravity() const { return videoGravity_; }
   void setControlsVisible(bool visible);
 
+  // Blocks until the session work posted so far has run (not on the session queue). A host
+  // that ends its process once the state has moved calls it first: that work still uses the
+  // application object.
+  void waitForSessionQueue();
+
   // The capture aids attach here (held weakly; a gone observer is skipped).
   void addFrameObserver(std::weak_ptr<CaptureSampleObserver> observer);
   // The recorder's own aids (meters and face outlines), made when the view loads; null before.

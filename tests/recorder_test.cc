@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <regex>
 #include <thread>
 
@@ -236,6 +237,37 @@ TEST_F(RecordCommandTest, ACameraThatIsNotThereEndsWithTheAlertText) {
       nembra::testing::runCommand(argv({"--camera", "/dev/video-none", "--mic", "none"}), 60s);
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_THAT(result.output, HasSubstr("nembra record: Unable to capture media"));
+}
+
+TEST_F(RecordCommandTest, ACameraNodeThatMayNotBeOpenedIsNamedInTheRefusal) {
+  // A node nobody may open. Root opens anything: the command then runs as nobody.
+  std::vector<std::string> prefix;
+  if (::geteuid() == 0) {
+    const std::optional<std::string> setpriv = nembra::testing::findProgram("setpriv");
+    if (!setpriv) GTEST_SKIP() << "running as root without setpriv";
+    prefix = {*setpriv, "--reuid=65534", "--regid=65534", "--clear-groups"};
+  }
+  const std::string open = scratch_.file("open");
+  fs::create_directories(open);
+  fs::permissions(open, fs::perms::all);
+  fs::permissions(scratch_.path(),
+                  fs::perms::owner_all | fs::perms::others_exec | fs::perms::group_exec);
+  const std::string node = open + "/video9";
+  std::ofstream(node) << "";
+  fs::permissions(node, fs::perms::none);
+  std::vector<std::string> args = prefix;
+  for (const std::string& arg :
+       std::vector<std::string>{"/usr/bin/env", "NEMBRA_HOME=" + open + "/home", NEMBRA_CLI_PATH,
+                                "--server", service_->baseUrl(), "--token", kApp, "--ui", "none",
+                                "record", "--camera", node, "--mic", "none"}) {
+    args.push_back(arg);
+  }
+  const CommandResult result = nembra::testing::runCommand(args, 60s);
+  EXPECT_EQ(result.exitCode, 1) << result.output;
+  EXPECT_THAT(result.output, HasSubstr("nembra record: AVCam doesn't have permission to use the "
+                                       "camera, please change privacy settings (permission "
+                                       "denied on " +
+                                       node + ")"));
 }
 
 TEST_F(RecordCommandTest, AMicrophoneThatCannotOpenEndsWithTheReason) {
