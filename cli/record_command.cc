@@ -274,6 +274,10 @@ int runRecord(CliContext& context, const RecordArguments& args) {
                (kind == UiKind::None && !recorder->lastStreamingError().empty());
       },
       std::chrono::hours(24));
+  if (!recorder->recordingError().empty()) {
+    std::cerr << "nembra record: the recording stopped early (" << recorder->recordingError()
+              << "); what was recorded is kept\n";
+  }
   if (host->screensShown() > 0) {
     const std::string message = recorder->lastStreamingError();
     host->closeAll();
@@ -325,7 +329,8 @@ void registerRecordCommand(CLI::App& app, CliContext& context, int& exitCode) {
   static RecordArguments args;
   CLI::App* command = app.add_subcommand(
       "record", "Record a video with the camera and microphone and upload it (or stream live)");
-  command->add_option("--camera", args.camera, "V4L2 device, or lavfi for the virtual camera");
+  command->add_option("--camera", args.camera,
+                      "V4L2 device, lavfi for the virtual camera, or lavfi:GRAPH");
   command->add_option("--mic", args.microphone,
                       "Microphone: a device (pulse:NAME, alsa:NAME), lavfi for a tone, or none");
   command->add_option("--quality", args.quality, "high, medium or low");

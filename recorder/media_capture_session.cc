@@ -52,6 +52,14 @@ OptionalError MediaCaptureSession::openCamera(int facing, std::unique_ptr<MediaS
                                                     fps, error);
     return error;
   }
+  if (settings_.camera.rfind("lavfi:", 0) == 0) {
+    VideoCaptureRequest request;
+    request.kind = VideoCaptureRequest::Kind::Lavfi;
+    request.device = settings_.camera.substr(6);
+    camera = MediaBackend::shared().openVideoCapture(request, error);
+    if (error) return Error::media("no camera at " + settings_.camera + ": " + error->message);
+    return std::nullopt;
+  }
   std::string device = settings_.camera;
   if (device.empty()) {
     const std::vector<std::string> devices = cameraDevices();
@@ -126,7 +134,7 @@ OptionalError MediaCaptureSession::changeCamera() {
 
 void MediaCaptureSession::readCamera() {
   // The virtual camera's pictures come as fast as they are made: held to real time here.
-  MediaSourcePacer pacer(settings_.camera == "lavfi");
+  MediaSourcePacer pacer(settings_.camera.rfind("lavfi", 0) == 0);
   double lastPreview = -1e9;
   MediaSourceItem item;
   OptionalError error;

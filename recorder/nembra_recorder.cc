@@ -534,6 +534,7 @@ void NembraRecorder::setupAssetWriter(const std::string& requestedPath) {
     beforeDuration_ = -1;
   }
   onMain([](NembraRecorder& self) {
+    self.recordingError_.clear();
     self.move(RecorderEvent::WriterCreated);
     if (self.application_.recorderConfig().getStyle().getHideControls()) {
       self.setControlsVisible(false);
@@ -727,6 +728,7 @@ void NembraRecorder::writerFailed(const Error& error) {
   writerFailed_ = true;
   // A full disk or a vanished file: the recording stops and keeps what it has.
   onMain([message = error.message](NembraRecorder& self) {
+    self.recordingError_ = message;
     self.application_.logError("recording stopped: " + message);
     if (self.presented()) self.view().setLabel("status", "recording stopped: " + message);
     self.stopRecording();
@@ -737,6 +739,7 @@ void NembraRecorder::captureRuntimeError(const Error& error) {
   log("Capture session runtime error: " + error.message);
   // The camera went away: the file is finished as it stands.
   onMain([message = error.message](NembraRecorder& self) {
+    self.recordingError_ = "camera stopped: " + message;
     if (self.presented()) self.view().setLabel("status", "camera stopped: " + message);
     self.stopRecording();
   });

@@ -104,6 +104,8 @@ class NembraRecorder final : public Screen,
   // The target address and stream name of the last live start.
   const std::string& liveTargetAddress() const { return liveTargetAddress_; }
   const std::string& liveStreamName() const { return liveStreamName_; }
+  // Why the last recording stopped by itself (a full disk, the camera gone), "" when it did not.
+  const std::string& recordingError() const { return recordingError_; }
   // The message of the last live-streaming failure (the "Error" alert's), "" when none.
   const std::string& lastStreamingError() const { return lastStreamingError_; }
 
@@ -197,6 +199,7 @@ class NembraRecorder final : public Screen,
   std::string liveTargetAddress_;
   std::string liveStreamName_;
   std::string lastStreamingError_;
+  std::string recordingError_;
   std::string streamToken_;
   std::string liveVideoToken_;
 

@@ -305,6 +305,26 @@ TEST_F(RecorderTest, ACameraThatGoesAwayFinishesTheFileAsItStands) {
   EXPECT_EQ(stopped_.size(), 1u);
 }
 
+TEST_F(RecorderTest, AFullDiskStopsTheRecordingAndKeepsWhatWasWritten) {
+  nembra_.recorderConfig().setShouldAutoStartRecording(false);
+  log_->failVideoAfter = 45;
+  log_->writeFailure = Error::file("the disk is full", ENOSPC);
+  open();
+  view().press("record");
+  queue_.runUntilIdle();
+  feed(0.0, 3.0);
+  EXPECT_EQ(writer().video.size(), 45u);
+  EXPECT_EQ(writer().finishes, 1);
+  EXPECT_TRUE(writer().audio.empty() || writer().audio.back() < 1.5 + kFrame)
+      << "audio went on after the video failed";
+  EXPECT_EQ(stopped_, std::vector<std::string>{"file://" + writer().path});
+  EXPECT_EQ(recorderView().label("status"), "recording stopped: the disk is full");
+  EXPECT_EQ(recorder_->recordingError(), "the disk is full");
+  // What reached the disk is the recording: the preview offers it.
+  EXPECT_EQ(view().screenName(), "recorded-preview");
+  EXPECT_TRUE(std::filesystem::exists(writer().path));
+}
+
 TEST_F(RecorderTest, ARecordingLeftByAKilledProcessIsFinishedWhenARecorderStarts) {
   if (!testing::MediaTestFiles::haveFfmpeg()) GTEST_SKIP() << "ffmpeg is not installed";
   testing::MediaTestFiles files;

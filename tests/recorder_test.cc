@@ -134,6 +134,26 @@ TEST_F(RecordCommandTest, RecordsFromTheVirtualCameraAndUploadsWithItsCover) {
   EXPECT_FALSE(fs::exists(recorded[1].str()));
 }
 
+TEST_F(RecordCommandTest, ACameraThatGoesAwayMidwayUploadsWhatWasRecorded) {
+  // A camera whose pictures end after two seconds of a ten-second recording.
+  const CommandResult result = nembra::testing::runCommand(
+      argv({"--camera", "lavfi:testsrc2=size=320x240:rate=30:duration=2", "--mic", "lavfi",
+            "--start-delay", "0", "--max-duration", "10", "--quality", "low"}),
+      60s);
+  ASSERT_EQ(result.exitCode, 0) << result.output;
+  EXPECT_THAT(result.output, HasSubstr("nembra record: the recording stopped early (camera "
+                                       "stopped"));
+  std::smatch token;
+  ASSERT_TRUE(std::regex_search(result.output, token, std::regex("video token: (\\S+)")))
+      << result.output;
+  const std::vector<std::string> videos = filesEndingWith(
+      scratch_.file("data") + "/media/" + kApp + "/videos/" + token[1].str(), "/video.mp4");
+  ASSERT_EQ(videos.size(), 1u) << result.output;
+  const Probe uploaded = probe(videos[0]);
+  EXPECT_THAT(uploaded.codecs, HasSubstr("h264"));
+  EXPECT_NEAR(uploaded.duration, 2.0, 0.3);
+}
+
 TEST_F(RecordCommandTest, ARecordingKilledMidwayIsRecoveredAndPlays) {
   ChildProcessOptions options;
   options.argv = argv({"--camera", "lavfi", "--mic", "lavfi", "--start-delay", "0", "--quality",
