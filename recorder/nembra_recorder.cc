@@ -1115,9 +1115,14 @@ void NembraRecorder::onError(const std::string& message) {
 // Output made before the publish confirmation is dropped; the streamer starts at the next key
 // frame.
 void NembraRecorder::compressedVideoDataReceived(const EncodedVideoSample& sample) {
-  if (streamingNow_ && liveStreamer_ && publishConfirmed_.load()) {
-    liveStreamer_->putVideoSample(sample);
+  if (!streamingNow_ || !liveStreamer_ || !publishConfirmed_.load()) return;
+  // Sending to an ingest that went away does not fail; its closed receiving side tells.
+  if (!liveStreamer_->isReceiving()) {
+    publishConfirmed_.store(false);  // once
+    onError("the live stream was cut: " + liveStreamer_->receiverFailure());
+    return;
   }
+  liveStreamer_->putVideoSample(sample);
 }
 
 void NembraRecorder::compressedAudioDataReceived(const std::vector<uint8_t>& data,

@@ -242,6 +242,59 @@ TEST_F(RecordCommandTest, LiveModeStreamsToTheIngestAndSubmits) {
   EXPECT_GT(streamed.duration, 1.5);
 }
 
+TEST_F(RecordCommandTest, AnIngestThatDropsMidStreamEndsWithTheErrorAlert) {
+  nembra::testing::ServeProcess::Options serve;
+  serve.dataDir = scratch_.file("drop-data");
+  serve.rtmpPort = nembra::testing::freeTcpPort();
+  std::string error;
+  auto service = nembra::testing::ServeProcess::start(serve, error);
+  ASSERT_TRUE(service) << error;
+  ASSERT_TRUE(waitForListener(serve.rtmpPort, 10s)) << service->output();
+  ChildProcessOptions options;
+  options.argv = {"/usr/bin/env",
+                  "NEMBRA_HOME=" + scratch_.file("home"),
+                  NEMBRA_CLI_PATH,
+                  "--server",
+                  service->baseUrl(),
+                  "--rtmp-url",
+                  "rtmp://127.0.0.1:" + std::to_string(serve.rtmpPort) + "/record/_definst_",
+                  "--token",
+                  kApp,
+                  "--ui",
+                  "none",
+                  "record",
+                  "--live",
+                  "--camera",
+                  "lavfi",
+                  "--mic",
+                  "none",
+                  "--start-delay",
+                  "0",
+                  "--max-duration",
+                  "60",
+                  "--quality",
+                  "low"};
+  options.stdoutPath = scratch_.file("live.out");
+  options.stderrPath = scratch_.file("live.err");
+  std::unique_ptr<ChildProcess> child;
+  ASSERT_FALSE(ChildProcess::start(options, child));
+  // Publishing is under way once the ingest has been sent pictures for a moment.
+  bool publishing = false;
+  for (int i = 0; i < 200 && !publishing; ++i) {
+    std::this_thread::sleep_for(50ms);
+    publishing = nembra::testing::readFile(scratch_.file("live.out"))
+                     .find("publishing successfully started") != std::string::npos;
+  }
+  ASSERT_TRUE(publishing) << nembra::testing::readFile(scratch_.file("live.err"));
+  std::this_thread::sleep_for(1s);
+  service->stop(SIGKILL);
+  const std::optional<int> code = child->wait(20s);
+  ASSERT_TRUE(code) << "the recorder went on streaming into nothing";
+  EXPECT_EQ(*code, 1);
+  EXPECT_THAT(nembra::testing::readFile(scratch_.file("live.err")),
+              HasSubstr("nembra record: Error: the live stream was cut"));
+}
+
 TEST_F(RecordCommandTest, AnIngestThatRefusesEndsWithTheErrorAlert) {
   const CommandResult result = nembra::testing::runCommand(
       argv({"--live", "--camera", "lavfi", "--mic", "none", "--start-delay", "0", "--rtmp-url",
