@@ -144,6 +144,26 @@ class DemoRun {
     return answer;
   }
 
+  // Downloads a media file into the SDK's cache; its path, or nothing with the reason said.
+  std::optional<std::string> downloadToCache(int type, const std::string& token) {
+    std::string failure = "no answer";
+    auto cached = awaitOnMainQueue<std::optional<std::string>>(
+        [&](auto deliver) {
+          nembra_.uploadingHandler().downloadWithType(
+              type, token,
+              [deliver, &failure](const std::optional<std::string>& path,
+                                  const OptionalError& error) {
+                if (error) failure = error->message;
+                deliver(path);
+              });
+        },
+        std::chrono::minutes(5));
+    if (cached && *cached) return *cached;
+    std::cout << "    download of " << mediaTypeName(type) << " " << token << " failed: " << failure
+              << "\n";
+    return std::nullopt;
+  }
+
   // The camera recorder on the virtual camera and microphone, with no screen: it starts at once,
   // stops itself after 3 s and uploads at once with the middle frame as cover.
   bool recordVideo() {
@@ -467,18 +487,9 @@ class DemoRun {
     }
     std::cout << "    image " << done->token << ": " << done->width << "x" << done->height
               << " JPEG\n";
-    auto cached = awaitOnMainQueue<std::optional<std::string>>([&](auto deliver) {
-      nembra_.uploadingHandler().downloadWithType(
-          IMAGE, done->token,
-          [deliver](const std::optional<std::string>& path, const OptionalError&) {
-            deliver(path);
-          });
-    });
-    if (!cached || !*cached) {
-      std::cout << "    download of the picture failed\n";
-      return false;
-    }
-    const std::string bytes = readAll(**cached);
+    const auto cached = downloadToCache(IMAGE, done->token);
+    if (!cached) return false;
+    const std::string bytes = readAll(*cached);
     ImageInfo info;
     if (auto bad = MediaBackend::shared().makeImageCodec()->inspect(
             {reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}, info)) {
@@ -498,37 +509,10 @@ class DemoRun {
     const std::string uploaded = readAll(*sample);
     std::cout << "    " << *sample << ": " << uploaded.size() << " bytes\n";
 
-    auto delegate = std::make_shared<NembraUploadingDelegate>();
-    std::string token;
-    std::string failure;
-    bool ended = false;
-    delegate->uploadVerifiedWithPath = [&](const std::string&, const std::string& media,
-                                           const std::string&, const HttpResponse& response,
-                                           const OptionalError& error,
-                                           const std::optional<Json>& json) {
-      token = media;
-      OptionalError refused = error;
-      if (!refused) refused = ReplyStatus::check("the confirm request", response, json);
-      if (refused) failure = "not confirmed: " + refused->message;
-      ended = true;
-    };
-    delegate->errorWithError = [&](const Error& error) {
-      failure = error.message;
-      ended = true;
-    };
-    delegate->errorWithInfo = [&](const std::optional<Json>&, const Error& error, int32_t) {
-      failure = error.message;
-      ended = true;
-    };
-    auto previous = nembra_.getUploadingDelegate();
-    nembra_.setUploadingDelegate(delegate);
-    nembra_.uploadingHandler().uploadWithType(type, *sample, Json{{"title", "nembra demo"}});
-    nembra_.mainQueue().runUntil([&] { return ended; }, std::chrono::minutes(5));
-    nembra_.setUploadingDelegate(previous);
-    if (!ended || !failure.empty()) {
-      std::cout << "    upload failed: " << (ended ? failure : "no answer") << "\n";
-      return false;
-    }
+    const std::string token = awaitConfirmedUpload([&] {
+      nembra_.uploadingHandler().uploadWithType(type, *sample, Json{{"title", "nembra demo"}});
+    });
+    if (token.empty()) return false;
     std::cout << "    uploaded as " << mediaTypeName(type) << " " << token << "\n";
     if (type == VIDEO) {
       videoToken_ = token;
@@ -543,20 +527,8 @@ class DemoRun {
     }
     std::cout << "    listed among " << tokens->size() << "\n";
 
-    std::optional<std::string> cached;
-    std::string downloadError;
-    bool downloaded = false;
-    nembra_.uploadingHandler().downloadWithType(
-        type, token, [&](const std::optional<std::string>& path, const OptionalError& error) {
-          cached = path;
-          if (error) downloadError = error->message;
-          downloaded = true;
-        });
-    nembra_.mainQueue().runUntil([&] { return downloaded; }, std::chrono::minutes(5));
-    if (!cached) {
-      std::cout << "    download failed: " << downloadError << "\n";
-      return false;
-    }
+    const auto cached = downloadToCache(type, token);
+    if (!cached) return false;
     const std::string back = readAll(*cached);
     bool same = back == uploaded;
     std::cout << "    downloaded " << back.size() << " bytes to " << *cached << ": "
@@ -581,6 +553,10 @@ class DemoRun {
       ended = true;
     };
     delegate->errorWithError = [&](const Error& error) {
+      failure = error.message;
+      ended = true;
+    };
+    delegate->errorWithInfo = [&](const std::optional<Json>&, const Error& error, int32_t) {
       failure = error.message;
       ended = true;
     };
@@ -627,14 +603,7 @@ class DemoRun {
     nembra_.setScreenPresenter(previousPresenter);
     if (token.empty()) return false;
     std::cout << "    uploaded as audio " << token << "\n";
-    std::optional<std::string> cached;
-    bool downloaded = false;
-    nembra_.uploadingHandler().downloadWithType(
-        AUDIO, token, [&](const std::optional<std::string>& path, const OptionalError&) {
-          cached = path;
-          downloaded = true;
-        });
-    nembra_.mainQueue().runUntil([&] { return downloaded; }, std::chrono::minutes(5));
+    const auto cached = downloadToCache(AUDIO, token);
     MediaProbeResult probed;
     if (!cached || makeMediaProbe()->probe(*cached, probed)) {
       std::cout << "    the audio could not be read back\n";
@@ -806,22 +775,14 @@ class DemoRun {
     }
     std::cout << "    the service says: ready, " << ready->defaultStream.duration << " s\n";
 
-    auto cached = awaitOnMainQueue<std::optional<std::string>>([&](auto deliver) {
-      nembra_.uploadingHandler().downloadWithType(
-          VIDEO, video, [deliver](const std::optional<std::string>& path, const OptionalError&) {
-            deliver(path);
-          });
-    });
-    if (!cached || !*cached) {
-      std::cout << "    download of the recording failed\n";
-      return Outcome::Failed;
-    }
+    const auto cached = downloadToCache(VIDEO, video);
+    if (!cached) return Outcome::Failed;
     MediaProbeResult probed;
-    if (auto error = makeMediaProbe()->probe(**cached, probed)) {
+    if (auto error = makeMediaProbe()->probe(*cached, probed)) {
       std::cout << "    the recording does not probe: " << error->message << "\n";
       return Outcome::Failed;
     }
-    std::cout << "    downloaded " << **cached << ": " << probed.videoCodec << " " << probed.width
+    std::cout << "    downloaded " << *cached << ": " << probed.videoCodec << " " << probed.width
               << "x" << probed.height << " + " << probed.audioCodec << ", " << probed.duration
               << " s\n";
     const bool whole = probed.videoCodec == "h264" && probed.audioCodec == "aac" &&

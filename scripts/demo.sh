@@ -8,7 +8,12 @@ nembra="$build_dir/nembra"
 
 work=$(mktemp -d -t nembra-demo.XXXXXX)
 server_pid=""
+xvfb_pid=""
 cleanup() {
+  if [ -n "$xvfb_pid" ]; then
+    kill -TERM "$xvfb_pid" 2>/dev/null || true
+    wait "$xvfb_pid" 2>/dev/null || true
+  fi
   if [ -n "$server_pid" ] && kill -0 "$server_pid" 2>/dev/null; then
     kill -TERM "$server_pid" 2>/dev/null || true
     wait "$server_pid" 2>/dev/null || true
@@ -34,6 +39,26 @@ done
 [ -s "$work/port" ] || { echo "demo: nembra serve did not start" >&2; cat "$work/serve.log" >&2; exit 1; }
 port=$(cat "$work/port")
 sed 's/^/   serve| /' "$work/serve.log"
+
+# With no display the windows go to a virtual one, so every screen still runs and is read back.
+if [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ] && command -v Xvfb >/dev/null; then
+  for number in $(seq 90 139); do
+    [ -e "/tmp/.X11-unix/X$number" ] || [ -e "/tmp/.X$number-lock" ] && continue
+    Xvfb ":$number" -screen 0 1280x720x24 -nolisten tcp >/dev/null 2>&1 &
+    xvfb_pid=$!
+    for _ in $(seq 1 50); do
+      [ -e "/tmp/.X11-unix/X$number" ] && break
+      kill -0 "$xvfb_pid" 2>/dev/null || break
+      sleep 0.1
+    done
+    if [ -e "/tmp/.X11-unix/X$number" ]; then
+      export DISPLAY=":$number"
+      echo "== no display set: the windows open on a virtual display (Xvfb $DISPLAY)"
+      break
+    fi
+    xvfb_pid=""
+  done
+fi
 
 export NEMBRA_HOME="$work/client"
 server="http://127.0.0.1:$port"
