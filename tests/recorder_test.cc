@@ -92,16 +92,16 @@ class RecordCommandTest : public ::testing::Test {
     ASSERT_TRUE(service_) << error;
   }
   std::vector<std::string> argv(std::vector<std::string> args) {
-    std::vector<std::string> all = {"/usr/bin/env",
-                                    "NEMBRA_HOME=" + scratch_.file("home"),
-                                    NEMBRA_CLI_PATH,
-                                    "--server",
-                                    service_->baseUrl(),
-                                    "--token",
-                                    kApp,
-                                    "--ui",
-                                    "none",
-                                    "record"};
+    return commandLine(service_->baseUrl(), "", std::move(args), scratch_.file("home"));
+  }
+  // `nembra record ARGS` without a UI against |server| (and the ingest |rtmp| unless empty).
+  static std::vector<std::string> commandLine(const std::string& server, const std::string& rtmp,
+                                              std::vector<std::string> args,
+                                              const std::string& home) {
+    std::vector<std::string> all = {"/usr/bin/env", "NEMBRA_HOME=" + home, NEMBRA_CLI_PATH,
+                                    "--server", server};
+    if (!rtmp.empty()) all.insert(all.end(), {"--rtmp-url", rtmp});
+    all.insert(all.end(), {"--token", kApp, "--ui", "none", "record"});
     all.insert(all.end(), args.begin(), args.end());
     return all;
   }
@@ -200,29 +200,11 @@ TEST_F(RecordCommandTest, LiveModeStreamsToTheIngestAndSubmits) {
   ASSERT_TRUE(service) << error;
   ASSERT_TRUE(waitForListener(options.rtmpPort, 10s)) << service->output();
   const CommandResult result = nembra::testing::runCommand(
-      {"/usr/bin/env",
-       "NEMBRA_HOME=" + scratch_.file("home"),
-       NEMBRA_CLI_PATH,
-       "--server",
-       service->baseUrl(),
-       "--rtmp-url",
-       "rtmp://127.0.0.1:" + std::to_string(options.rtmpPort) + "/record/_definst_",
-       "--token",
-       kApp,
-       "--ui",
-       "none",
-       "record",
-       "--live",
-       "--camera",
-       "lavfi",
-       "--mic",
-       "lavfi",
-       "--start-delay",
-       "0",
-       "--max-duration",
-       "4",
-       "--quality",
-       "low"},
+      commandLine(service->baseUrl(),
+                  "rtmp://127.0.0.1:" + std::to_string(options.rtmpPort) + "/record/_definst_",
+                  {"--live", "--camera", "lavfi", "--mic", "lavfi", "--start-delay", "0",
+                   "--max-duration", "4", "--quality", "low"},
+                  scratch_.file("home")),
       120s);
   ASSERT_EQ(result.exitCode, 0) << result.output;
   std::smatch token;
@@ -251,29 +233,12 @@ TEST_F(RecordCommandTest, AnIngestThatDropsMidStreamEndsWithTheErrorAlert) {
   ASSERT_TRUE(service) << error;
   ASSERT_TRUE(waitForListener(serve.rtmpPort, 10s)) << service->output();
   ChildProcessOptions options;
-  options.argv = {"/usr/bin/env",
-                  "NEMBRA_HOME=" + scratch_.file("home"),
-                  NEMBRA_CLI_PATH,
-                  "--server",
-                  service->baseUrl(),
-                  "--rtmp-url",
+  options.argv =
+      commandLine(service->baseUrl(),
                   "rtmp://127.0.0.1:" + std::to_string(serve.rtmpPort) + "/record/_definst_",
-                  "--token",
-                  kApp,
-                  "--ui",
-                  "none",
-                  "record",
-                  "--live",
-                  "--camera",
-                  "lavfi",
-                  "--mic",
-                  "none",
-                  "--start-delay",
-                  "0",
-                  "--max-duration",
-                  "60",
-                  "--quality",
-                  "low"};
+                  {"--live", "--camera", "lavfi", "--mic", "none", "--start-delay", "0",
+                   "--max-duration", "60", "--quality", "low"},
+                  scratch_.file("home"));
   options.stdoutPath = scratch_.file("live.out");
   options.stderrPath = scratch_.file("live.err");
   std::unique_ptr<ChildProcess> child;
@@ -330,9 +295,7 @@ TEST_F(RecordCommandTest, ACameraNodeThatMayNotBeOpenedIsNamedInTheRefusal) {
   fs::permissions(node, fs::perms::none);
   std::vector<std::string> args = prefix;
   for (const std::string& arg :
-       std::vector<std::string>{"/usr/bin/env", "NEMBRA_HOME=" + open + "/home", NEMBRA_CLI_PATH,
-                                "--server", service_->baseUrl(), "--token", kApp, "--ui", "none",
-                                "record", "--camera", node, "--mic", "none"}) {
+       commandLine(service_->baseUrl(), "", {"--camera", node, "--mic", "none"}, open + "/home")) {
     args.push_back(arg);
   }
   const CommandResult result = nembra::testing::runCommand(args, 60s);
@@ -353,27 +316,11 @@ TEST_F(RecordCommandTest, AMicrophoneThatCannotOpenEndsWithTheReason) {
 TEST_F(RecordCommandTest, AnUnreachableServiceFailsTheUploadAndKeepsTheRecording) {
   const int port = nembra::testing::freeTcpPort();
   // No --send-immediately: the preview and the cover choice are answered for the user.
-  const std::vector<std::string> args = {"/usr/bin/env",
-                                         "NEMBRA_HOME=" + scratch_.file("home"),
-                                         NEMBRA_CLI_PATH,
-                                         "--server",
-                                         "http://127.0.0.1:" + std::to_string(port),
-                                         "--token",
-                                         kApp,
-                                         "--ui",
-                                         "none",
-                                         "record",
-                                         "--camera",
-                                         "lavfi",
-                                         "--mic",
-                                         "none",
-                                         "--start-delay",
-                                         "0",
-                                         "--max-duration",
-                                         "1",
-                                         "--cover-shot",
-                                         "--quality",
-                                         "low"};
+  const std::vector<std::string> args =
+      commandLine("http://127.0.0.1:" + std::to_string(port), "",
+                  {"--camera", "lavfi", "--mic", "none", "--start-delay", "0", "--max-duration",
+                   "1", "--cover-shot", "--quality", "low"},
+                  scratch_.file("home"));
   const CommandResult result = nembra::testing::runCommand(args, 60s);
   ASSERT_EQ(result.exitCode, 1) << result.output;
   EXPECT_THAT(result.output, HasSubstr("nembra record: upload failed: service unreachable at "
