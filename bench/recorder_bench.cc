@@ -2,8 +2,9 @@
 // fragmented MP4 → finished MP4), in process through a headless NembraRecorder, beside ffmpeg
 // doing the same job in the same run:
 // - 30 s of 720p30 recorded in real time: user + system CPU of the recording, and of ffmpeg
-//   encoding the same lavfi sources with the same libx264 preset, tune, profile and bit rate and
-//   AAC at the same rate (target <= 1.1x);
+//   encoding the same lavfi sources, read in real time, with the same libx264 preset, tune,
+//   profile and bit rate and AAC at the same rate (target <= 1.1x); ffmpeg reading them flat
+//   out is shown beside it;
 // - stop to finished file for a 10-minute recording: the fragmented file made by ffmpeg (a clip
 //   copied in a loop) and laid out with the room the writer keeps for the index, then the time
 //   the writer takes to turn it into an ordinary MP4 with the index in front (target <= 200 ms);
@@ -72,6 +73,22 @@ int run(const std::vector<std::string>& argv, std::string* output = nullptr) {
   fs::remove(log);
   fs::remove(log.string() + ".err");
   return code;
+}
+
+// ffmpeg encoding |seconds| of the lavfi |graphs| (read at their own pace when |realTime|, as
+// a capture device delivers) with the |encoding| options into |path|.
+std::vector<std::string> ffmpegFromLavfi(const std::vector<std::string>& graphs, bool realTime,
+                                         int seconds, const std::vector<std::string>& encoding,
+                                         const std::string& path) {
+  std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v", "error", "-y"};
+  for (const std::string& graph : graphs) {
+    if (realTime) argv.push_back("-re");
+    argv.insert(argv.end(), {"-f", "lavfi", "-i", graph});
+  }
+  argv.insert(argv.end(), {"-t", std::to_string(seconds)});
+  argv.insert(argv.end(), encoding.begin(), encoding.end());
+  argv.push_back(path);
+  return argv;
 }
 
 struct Track {
@@ -164,53 +181,31 @@ void BM_Record720p30AgainstFfmpeg(benchmark::State& state) {
     const std::string path = rig.stop();
     const double ours = cpuSeconds(RUSAGE_SELF) - before;
 
+    // ffmpeg twice: reading its sources in real time, as a recording from a camera does (the
+    // comparison), and flat out (the encoding's cost alone).
     const std::string theirsPath = fs::temp_directory_path() / "nembra-rec-bench-ffmpeg.mp4";
-    const double childrenBefore = cpuSeconds(RUSAGE_CHILDREN);
-    const int code = run({"ffmpeg",
-                          "-nostdin",
-                          "-v",
-                          "error",
-                          "-y",
-                          "-f",
-                          "lavfi",
-                          "-i",
-                          "testsrc2=size=1280x720:rate=30",
-                          "-f",
-                          "lavfi",
-                          "-i",
-                          "sine=frequency=440:beep_factor=4:sample_rate=48000",
-                          "-t",
-                          std::to_string(kSeconds),
-                          "-c:v",
-                          "libx264",
-                          "-preset",
-                          "veryfast",
-                          "-tune",
-                          "zerolatency",
-                          "-profile:v",
-                          "baseline",
-                          "-g",
-                          "60",
-                          "-b:v",
-                          "2560000",
-                          "-c:a",
-                          "aac",
-                          "-b:a",
-                          "65536",
-                          "-ar",
-                          "48000",
-                          "-ac",
-                          "2",
-                          "-movflags",
-                          "+faststart",
-                          theirsPath});
-    const double theirs = cpuSeconds(RUSAGE_CHILDREN) - childrenBefore;
-    if (code != 0) return state.SkipWithError("ffmpeg failed");
+    const std::vector<std::string> encoding = {
+        "-c:v",       "libx264",  "-preset",   "veryfast",  "-tune", "zerolatency",
+        "-profile:v", "baseline", "-g",        "60",        "-b:v",  "2560000",
+        "-c:a",       "aac",      "-b:a",      "65536",     "-ar",   "48000",
+        "-ac",        "2",        "-movflags", "+faststart"};
+    double theirs = 0;
+    double theirsFlatOut = 0;
+    for (bool realTime : {true, false}) {
+      const double childrenBefore = cpuSeconds(RUSAGE_CHILDREN);
+      const int code = run(ffmpegFromLavfi(
+          {"testsrc2=size=1280x720:rate=30", "sine=frequency=440:beep_factor=4:sample_rate=48000"},
+          realTime, kSeconds, encoding, theirsPath));
+      if (code != 0) return state.SkipWithError("ffmpeg failed");
+      (realTime ? theirs : theirsFlatOut) = cpuSeconds(RUSAGE_CHILDREN) - childrenBefore;
+    }
     Track video, audio;
     probeTracks(path, video, audio);
     state.counters["ours_cpu_s"] = ours;
     state.counters["ffmpeg_cpu_s"] = theirs;
     state.counters["cpu_ratio"] = theirs > 0 ? ours / theirs : 0;
+    state.counters["ffmpeg_flat_out_cpu_s"] = theirsFlatOut;
+    state.counters["cpu_ratio_flat_out"] = theirsFlatOut > 0 ? ours / theirsFlatOut : 0;
     state.counters["ours_video_s"] = video.duration;
     fs::remove(path);
     fs::remove(theirsPath);
@@ -265,36 +260,11 @@ void BM_StopToFinishedFileTenMinutes(benchmark::State& state) {
   // 10 s of 720p at the medium bit rate, then copied in a loop into a 10-minute fragmented file
   // laid out as the writer lays out its part file.
   std::string why;
-  if (run({"ffmpeg",
-           "-nostdin",
-           "-v",
-           "error",
-           "-y",
-           "-f",
-           "lavfi",
-           "-i",
-           "testsrc2=size=1280x720:rate=30",
-           "-f",
-           "lavfi",
-           "-i",
-           "anoisesrc=sample_rate=48000",
-           "-t",
-           "10",
-           "-c:v",
-           "libx264",
-           "-preset",
-           "ultrafast",
-           "-b:v",
-           "2560000",
-           "-g",
-           "60",
-           "-bf",
-           "0",
-           "-c:a",
-           "aac",
-           "-ac",
-           "2",
-           clip},
+  if (run(ffmpegFromLavfi({"testsrc2=size=1280x720:rate=30", "anoisesrc=sample_rate=48000"}, false,
+                          10,
+                          {"-c:v", "libx264", "-preset", "ultrafast", "-b:v", "2560000", "-g", "60",
+                           "-bf", "0", "-c:a", "aac", "-ac", "2"},
+                          clip),
           &why) != 0 ||
       run({"ffmpeg",
            "-nostdin",

@@ -1,9 +1,11 @@
 // `nembra record`: the camera recorder in the UI the global --ui picks (window: preview,
 // countdown, duration and buttons; terminal: space record/stop, p pause, c camera, q close, the
 // rest on the status line). Every option sets one RecorderConfig field. With --ui none the
-// recording starts by itself and --max-duration ends it. Prints the upload's progress and the
-// video token once the service has it; `--recover` only finishes recordings a killed process
-// left behind.
+// recording starts by itself, --max-duration ends it, and the recorded preview and the cover
+// choice are answered as a user taking the defaults would ("Use Video", the default cover).
+// Prints the upload's progress and the video token once the service has it; an upload that
+// fails names the service and leaves the recording where it was written. `--recover` only
+// finishes recordings a killed process left behind.
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -18,6 +20,9 @@
 #include "nembra/main_queue.h"
 #include "nembra/screen_host.h"
 #include "platform/media/media_log.h"
+#include "platform/ui/screen_presenter.h"
+#include "recorder/cover_selector_controller.h"
+#include "recorder/nembra_recorded_video_preview.h"
 #include "recorder/nembra_recorder.h"
 #include "recorder/recorder_screens.h"
 #include "recorder/recording_recovery.h"
@@ -48,6 +53,33 @@ int fail(const std::string& message) {
   std::cout << std::flush;
   std::cerr << "nembra record: " << message << "\n";
   return 1;
+}
+
+// "HOST:PORT" of a service URL, for messages.
+std::string serviceAddress(const std::string& url) {
+  std::string rest = url;
+  if (const size_t scheme = rest.find("://"); scheme != std::string::npos) {
+    rest = rest.substr(scheme + 3);
+  }
+  return rest.substr(0, rest.find('/'));
+}
+
+// With no UI nobody answers the screens after the recording: take the defaults a user would.
+// True when a screen was answered.
+bool answerForTheUser(ScreenPresenter& presenter, NembraRecorder& recorder, Screen*& answered) {
+  Screen* top = presenter.topmost();
+  // Each screen once: it may stay on top a moment after its answer.
+  if (!top || top == answered) return false;
+  answered = top;
+  if (top == recorder.recordedVideoPreview().get()) {
+    recorder.recordedVideoPreview()->upload();
+    return true;
+  }
+  if (auto* selector = dynamic_cast<CoverSelectorController*>(top)) {
+    selector->useDefaultCover();
+    return true;
+  }
+  return false;
 }
 
 int recoverAll() {
@@ -124,6 +156,7 @@ int runRecord(CliContext& context, const RecordArguments& args) {
     bool done = false;
     std::string token;
     std::string failure;
+    bool unreachable = false;  // the service could not be reached at all
   };
   auto outcome = std::make_shared<Outcome>();
   ProgressBoard board(stderr, isatty(STDERR_FILENO) != 0);
@@ -168,6 +201,8 @@ int runRecord(CliContext& context, const RecordArguments& args) {
             if (done) done(json, error);
             mainQueue.async([outcome, json, error] {
               if (error) outcome->failure = error->message;
+              outcome->unreachable = error && (error->kind == ErrorKind::Transport ||
+                                               error->kind == ErrorKind::Timeout);
               if (!error && outcome->token.empty() && json && json->is_object() &&
                   json->contains("token") && (*json)["token"].is_string()) {
                 outcome->token = (*json)["token"].get<std::string>();
@@ -197,6 +232,14 @@ int runRecord(CliContext& context, const RecordArguments& args) {
     nembra.record(args.rerecord);
   }
   if (!recorder) return fail("the recorder could not be shown");
+  // Whichever way the command ends, the recorder's session work is done before the application
+  // object goes.
+  struct SessionDrain {
+    std::shared_ptr<NembraRecorder>& recorder;
+    ~SessionDrain() {
+      if (recorder) recorder->waitForSessionQueue();
+    }
+  } drain{recorder};
   mainQueue.runUntil([&] { return recorder->state() != RecorderState::Configuring; },
                      std::chrono::seconds(30));
   if (recorder->state() == RecorderState::Failed ||
@@ -222,12 +265,19 @@ int runRecord(CliContext& context, const RecordArguments& args) {
     }
   }
   // Without a UI nobody can answer the live-streaming "Error" alert: it ends the command.
+  std::shared_ptr<ScreenPresenter> presenter = host->presenter();
+  Screen* answered = recorder.get();
   mainQueue.runUntil(
       [&] {
+        if (kind == UiKind::None) answerForTheUser(*presenter, *recorder, answered);
         return host->screensShown() == 0 ||
                (kind == UiKind::None && !recorder->lastStreamingError().empty());
       },
       std::chrono::hours(24));
+  if (!recorder->recordingError().empty()) {
+    std::cerr << "nembra record: the recording stopped early (" << recorder->recordingError()
+              << "); what was recorded is kept\n";
+  }
   if (host->screensShown() > 0) {
     const std::string message = recorder->lastStreamingError();
     host->closeAll();
@@ -250,9 +300,24 @@ int runRecord(CliContext& context, const RecordArguments& args) {
       return fail("nothing was uploaded: no cover could be taken from the recording");
     }
   }
+  const std::string recorded = recorder->recordedPath();
+  recorder->waitForSessionQueue();
   recorder.reset();
   for (auto& [path, line] : lines) board.finish(line, outcome->failure.empty() ? "done" : "failed");
-  if (!outcome->failure.empty()) return fail("upload failed: " + outcome->failure);
+  if (!outcome->failure.empty()) {
+    std::string message = "upload failed: ";
+    if (outcome->unreachable) {
+      message += "service unreachable at " + serviceAddress(nembra.config().server_api_url) + " (" +
+                 outcome->failure + ")";
+    } else {
+      message += outcome->failure;
+    }
+    // The SDK removes a recording only once the service has it.
+    if (!recorded.empty() && ::access(recorded.c_str(), F_OK) == 0) {
+      message += "; the recording is kept at " + recorded;
+    }
+    return fail(message);
+  }
   if (!outcome->token.empty()) std::printf("video token: %s\n", outcome->token.c_str());
   std::fflush(stdout);
   return 0;
@@ -264,7 +329,8 @@ void registerRecordCommand(CLI::App& app, CliContext& context, int& exitCode) {
   static RecordArguments args;
   CLI::App* command = app.add_subcommand(
       "record", "Record a video with the camera and microphone and upload it (or stream live)");
-  command->add_option("--camera", args.camera, "V4L2 device, or lavfi for the virtual camera");
+  command->add_option("--camera", args.camera,
+                      "V4L2 device, lavfi for the virtual camera, or lavfi:GRAPH");
   command->add_option("--mic", args.microphone,
                       "Microphone: a device (pulse:NAME, alsa:NAME), lavfi for a tone, or none");
   command->add_option("--quality", args.quality, "high, medium or low");

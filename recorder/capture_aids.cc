@@ -2,6 +2,7 @@
 
 #include "nembra/application.h"
 #include "platform/media/media_backend.h"
+#include "platform/ui/screen_view.h"
 
 namespace nembra {
 
@@ -11,6 +12,26 @@ CaptureAids::CaptureAids(Nembra& application, TaskQueue& mainQueue)
 void CaptureAids::attach(ScreenView* view) {
   luxMeter_.setImageView(view);
   audioLevel_.setView(view);
+}
+
+void CaptureAids::showMeters(ScreenView* view, bool light, bool sound) {
+  luxMeter_.setImageView(light ? view : nullptr);
+  audioLevel_.setView(sound ? view : nullptr);
+  if (!view) return;
+  if (!light) {
+    ButtonState hidden;
+    hidden.image = LuxMeterView::imageFor(luxMeter_.currentLuminousity());
+    hidden.enabled = false;
+    hidden.hidden = true;
+    view->setButton(LuxMeterView::kButton, hidden);
+  }
+  if (!sound) {
+    SliderState hidden;
+    hidden.value = audioLevel_.currentAudioLevel();
+    hidden.enabled = false;
+    hidden.hidden = true;
+    view->setSlider(AudioLevelView::kSlider, hidden);
+  }
 }
 
 void CaptureAids::enableFaceDetection(std::unique_ptr<FaceDetector> detector,
@@ -57,7 +78,7 @@ void CaptureAids::onVideoFrame(const SharedVideoFrame& frame) {
     auto delegate = application_.getSensorDelegate();
     if (delegate && delegate->luxMeter) delegate->luxMeter(brightness);
   });
-  if (faces_) faces_->onVideoFrame(frame);
+  if (auto faces = faces_.load()) faces->onVideoFrame(frame);
 }
 
 void CaptureAids::onAudioSamples(const int16_t* samples, size_t count, int channels) {
@@ -71,6 +92,14 @@ void CaptureAids::onAudioSamples(const int16_t* samples, size_t count, int chann
     auto delegate = application_.getSensorDelegate();
     if (delegate && delegate->audioMeter) delegate->audioMeter(level);
   });
+}
+
+void CaptureAids::captureVideoFrame(const CaptureSample& sample) {
+  if (sample.preview) onVideoFrame(sample.preview);
+}
+
+void CaptureAids::captureAudioFrame(const CaptureSample& sample) {
+  if (!sample.pcm.empty()) onAudioSamples(sample.pcm.data(), sample.pcm.size(), sample.channels);
 }
 
 }  // namespace nembra

@@ -1,20 +1,23 @@
 // The recorder's capture aids together, as one observer of the camera: the light meter and the
 // sound-level meter (each reading also to the sensor delegate's luxMeter and audioMeter), and,
-// when face detection is on, the face outlines (each face also to faceDetected). The recorder
-// adds it to its camera feed, hands attach() its screen's view, and gives its preview layer
-// drawFaces as the overlay.
+// when face detection is on, the face outlines (each face also to faceDetected). A camera feed's
+// screen adds it to the feed (CaptureFrameObserver); the camera recorder adds it to its capture
+// (CaptureSampleObserver). The owner hands attach() or showMeters() its screen's view and draws
+// drawFaces over each preview picture.
 //
-// Threading: construct, attach and enableFaceDetection on the main queue; onVideoFrame and
-// onAudioSamples on the feed's thread. Meter views and delegates are updated on the main queue.
+// Threading: construct, attach, showMeters and enableFaceDetection on the main queue; the
+// observer calls on the capture thread. Meter views and delegates are updated on the main queue.
 // Held by shared_ptr (posted updates hold it weakly).
 #pragma once
 
+#include <atomic>
 #include <memory>
 
 #include "nembra/error.h"
 #include "nembra/still_image.h"
 #include "recorder/audio_level_view.h"
 #include "recorder/camera_feed.h"
+#include "recorder/capture_session.h"
 #include "recorder/face_detector_pump.h"
 #include "recorder/face_outline_view.h"
 #include "recorder/lux_meter_view.h"
@@ -26,6 +29,7 @@ class ScreenView;
 class TaskQueue;
 
 class CaptureAids final : public CaptureFrameObserver,
+                          public CaptureSampleObserver,
                           public std::enable_shared_from_this<CaptureAids> {
  public:
   // |application| (for the sensor delegate) and |mainQueue| must outlive the aids.
@@ -33,6 +37,9 @@ class CaptureAids final : public CaptureFrameObserver,
 
   // The view the meters draw into; nullptr before the view goes.
   void attach(ScreenView* view);
+  // Like attach, but a meter that is off is hidden on |view| and no longer drawn; its readings
+  // still reach the sensor delegate.
+  void showMeters(ScreenView* view, bool light, bool sound);
   // Starts following faces with |detector|; |toLayer| maps capture pixels to the preview's.
   void enableFaceDetection(std::unique_ptr<FaceDetector> detector,
                            FaceDetectorPump::ToLayer toLayer = {});
@@ -48,9 +55,20 @@ class CaptureAids final : public CaptureFrameObserver,
 
   // Outlines the faces on a preview picture (the preview layer's overlay).
   void drawFaces(VideoFrame& picture) const { faceOutline_.drawRect(picture); }
+  // Whether drawFaces would change a picture: the outline is shown and holds a face.
+  bool hasFacesToDraw() const {
+    return !faceOutline_.hidden() && !faceOutline_.faceRects().empty();
+  }
 
   void onVideoFrame(const SharedVideoFrame& frame) override;
   void onAudioSamples(const int16_t* samples, size_t count, int channels) override;
+
+  // The recorder's samples: a video sample is measured on its preview picture (samples without
+  // one are skipped), an audio sample on its 16-bit PCM.
+  void captureVideoFrame(const CaptureSample& sample) override;
+  void captureAudioFrame(const CaptureSample& sample) override;
+
+  bool facesFollowed() const { return faces_.load() != nullptr; }
 
  private:
   Nembra& application_;
@@ -58,7 +76,8 @@ class CaptureAids final : public CaptureFrameObserver,
   LuxMeterView luxMeter_;      // main queue
   AudioLevelView audioLevel_;  // main queue
   FaceOutlineView faceOutline_;
-  std::shared_ptr<FaceDetectorPump> faces_;  // set on the main queue before frames flow
+  // Set on the main queue, possibly while frames flow.
+  std::atomic<std::shared_ptr<FaceDetectorPump>> faces_;
 };
 
 }  // namespace nembra

@@ -48,7 +48,8 @@ class CaptureSampleObserver {
 };
 
 struct CaptureSettings {
-  // "lavfi" (the virtual camera) or a V4L2 device path; empty: the first camera found.
+  // "lavfi" (the virtual camera), "lavfi:GRAPH" (a filter graph's pictures; one that ends is a
+  // camera that goes away) or a V4L2 device path; empty: the first camera found.
   std::string camera;
   // "lavfi" (the virtual tone), "" (the default microphone), "pulse:NAME", "alsa:NAME" or
   // "none".

@@ -6,7 +6,7 @@ namespace nembra {
 
 ImageRecorderScreen::ImageRecorderScreen(Nembra& application, CameraFeedOptions camera,
                                          std::chrono::milliseconds captureAfter)
-    : application_(application), camera_(std::move(camera)), captureAfter_(captureAfter) {}
+    : application_(application), cameraOptions_(std::move(camera)), captureAfter_(captureAfter) {}
 
 ImageRecorderScreen::~ImageRecorderScreen() { stopCamera(); }
 
@@ -20,30 +20,18 @@ void ImageRecorderScreen::viewDidLoad() {
   view().bindKey("escape", "close");
   view().setLabel("status", "Opening the camera");
 
-  OptionalError error;
-  feed_ = CameraFeed::open(camera_, error);
-  if (!feed_) {
-    view().setLabel("status", error->message);
-    application_.log("image recorder: " + error->message);
-    std::weak_ptr<bool> alive = alive_;
-    view().showAlert({"Nembra", error->message, {"OK"}}, [this, alive](int) {
-      if (alive.lock()) dismiss();
-    });
+  std::weak_ptr<bool> alive = alive_;
+  if (!camera_.open(view(), application_, cameraOptions_, "image recorder", [this, alive] {
+        if (alive.lock()) dismiss();
+      })) {
     return;
   }
-  preview_ = std::make_unique<CapturePreviewView>(view().videoSurface());
-  int width = 0;
-  int height = 0;
-  view().pictureAreaSize(width, height);
-  preview_->videoPreviewLayer().setLayerSize(width, height);
-  preview_->setSession(feed_);
   recorder_ = std::make_shared<ImageRecorder>(application_);
-  feed_->addObserver(recorder_);
-  feed_->start();
+  camera_.feed()->addObserver(recorder_);
+  camera_.feed()->start();
   view().setButton("capture", {"record-white", "Take picture", true, false});
-  view().setLabel("status", "Ready (" + feed_->info().description + ")");
+  view().setLabel("status", "Ready (" + camera_.feed()->info().description + ")");
   if (captureAfter_.count() > 0) {
-    std::weak_ptr<bool> alive = alive_;
     captureTimer_ = Timer::oneShot(application_.mainQueue(), captureAfter_, [this, alive] {
       if (alive.lock()) capture();
     });
@@ -54,13 +42,10 @@ void ImageRecorderScreen::viewWillDisappear() { stopCamera(); }
 
 void ImageRecorderScreen::stopCamera() {
   captureTimer_.reset();
-  if (feed_) feed_->stop();
-  if (preview_) preview_->setSession(nullptr);
+  camera_.stop();
 }
 
-void ImageRecorderScreen::resized(int width, int height) {
-  if (preview_) preview_->videoPreviewLayer().setLayerSize(width, height);
-}
+void ImageRecorderScreen::resized(int width, int height) { camera_.resized(width, height); }
 
 void ImageRecorderScreen::buttonPressed(const std::string& name) {
   if (name == "capture") capture();

@@ -15,7 +15,7 @@
 #include "platform/dispatch/timer.h"
 #include "platform/ui/screen.h"
 #include "recorder/camera_feed.h"
-#include "recorder/capture_preview_view.h"
+#include "recorder/camera_screen_feed.h"
 #include "recorder/image_recorder.h"
 
 namespace nembra {
@@ -42,10 +42,9 @@ class ImageRecorderScreen final : public Screen {
   void stopCamera();
 
   Nembra& application_;
-  const CameraFeedOptions camera_;
+  const CameraFeedOptions cameraOptions_;
   const std::chrono::milliseconds captureAfter_;
-  std::shared_ptr<CameraFeed> feed_;
-  std::unique_ptr<CapturePreviewView> preview_;
+  CameraScreenFeed camera_;
   std::shared_ptr<ImageRecorder> recorder_;
   std::unique_ptr<Timer> captureTimer_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);

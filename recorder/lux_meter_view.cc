@@ -30,6 +30,10 @@ void LuxMeterView::updateImage() {
   shown_ = image_ == "sun-white" ? true : !shown_;
   ButtonState state;
   state.image = image_;
+  // What the terminal shows in place of the glyph.
+  state.title = image_ == "sun-white"    ? "light ok"
+                : image_ == "sun-yellow" ? "low light"
+                                         : "too dark";
   state.enabled = false;  // an indicator, not a control
   state.hidden = !shown_;
   imageView_->setButton(kButton, state);

@@ -47,10 +47,24 @@ OptionalError MediaCaptureSession::openCamera(int facing, std::unique_ptr<MediaS
   const int fps = settings_.frameRate > 0 ? settings_.frameRate : 30;
   OptionalError error;
   if (settings_.camera == "lavfi") {
-    camera = MediaBackend::shared().openTestPattern(settings_.width > 0 ? settings_.width : 1280,
-                                                    settings_.height > 0 ? settings_.height : 720,
-                                                    fps, error);
+    // Pictures only (the microphone is a source of its own), and a pattern of its own for each
+    // position so that a camera switch shows.
+    VideoCaptureRequest request;
+    request.kind = VideoCaptureRequest::Kind::Lavfi;
+    request.device = std::string(facing == 1 ? "testsrc" : "testsrc2") +
+                     "=size=" + std::to_string(settings_.width > 0 ? settings_.width : 1280) + "x" +
+                     std::to_string(settings_.height > 0 ? settings_.height : 720) +
+                     ":rate=" + std::to_string(fps) + (facing == 1 ? ",format=yuv420p" : "");
+    camera = MediaBackend::shared().openVideoCapture(request, error);
     return error;
+  }
+  if (settings_.camera.rfind("lavfi:", 0) == 0) {
+    VideoCaptureRequest request;
+    request.kind = VideoCaptureRequest::Kind::Lavfi;
+    request.device = settings_.camera.substr(6);
+    camera = MediaBackend::shared().openVideoCapture(request, error);
+    if (error) return Error::media("no camera at " + settings_.camera + ": " + error->message);
+    return std::nullopt;
   }
   std::string device = settings_.camera;
   if (device.empty()) {
@@ -126,7 +140,7 @@ OptionalError MediaCaptureSession::changeCamera() {
 
 void MediaCaptureSession::readCamera() {
   // The virtual camera's pictures come as fast as they are made: held to real time here.
-  MediaSourcePacer pacer(settings_.camera == "lavfi");
+  MediaSourcePacer pacer(settings_.camera.rfind("lavfi", 0) == 0);
   double lastPreview = -1e9;
   MediaSourceItem item;
   OptionalError error;

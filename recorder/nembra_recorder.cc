@@ -16,6 +16,7 @@
 #include "platform/dispatch/thread_name.h"
 #include "platform/files/file_lock.h"
 #include "platform/ui/screen_presenter.h"
+#include "recorder/capture_aids.h"
 #include "recorder/cover_selector_controller.h"
 #include "recorder/nembra_recorded_video_preview.h"
 #include "recorder/recording_recovery.h"
@@ -165,6 +166,11 @@ bool NembraRecorder::isPaused() const {
   return isPaused_;
 }
 
+void NembraRecorder::waitForSessionQueue() {
+  auto* queue = dynamic_cast<SerialQueue*>(sessionQueue_.get());
+  if (queue && !queue->isCurrent()) queue->sync([] {});
+}
+
 void NembraRecorder::addFrameObserver(std::weak_ptr<CaptureSampleObserver> observer) {
   std::lock_guard lock(sampleMutex_);
   observers_.push_back(std::move(observer));
@@ -193,11 +199,9 @@ void NembraRecorder::viewDidLoad() {
   {
     std::lock_guard lock(sampleMutex_);
     surface_ = view().videoSurface();
-  }
-  {
-    std::lock_guard lock(sampleMutex_);
     firstSampleTimestamp_ = 0;
   }
+  setUpCaptureAids();
   onSession([](NembraRecorder& self) {
     self.recoverInterruptedRecordings();
     self.configureSession();
@@ -207,6 +211,7 @@ void NembraRecorder::viewDidLoad() {
 
 void NembraRecorder::viewWillDisappear() {
   stopStartDelay();
+  if (aids_) aids_->attach(nullptr);
   {
     std::lock_guard lock(sampleMutex_);
     surface_ = nullptr;
@@ -216,6 +221,36 @@ void NembraRecorder::viewWillDisappear() {
     if (self.session_) self.session_->stopRunning();
     self.isSessionRunning_ = false;
   });
+}
+
+void NembraRecorder::setUpCaptureAids() {
+  auto aids = std::make_shared<CaptureAids>(application_, application_.mainQueue());
+  aids->showMeters(&view(), showLightIndicator_, showSoundIndicator_);
+  {
+    std::lock_guard lock(sampleMutex_);
+    aids_ = aids;
+    observers_.push_back(aids);
+  }
+  if (application_.recorderConfig().shouldShowFaceOutline()) showFaceOutline_ = true;
+  aids->faceOutlineView().setHidden(!showFaceOutline_);
+  if (showFaceOutline_) followFaces();
+}
+
+// Faces are searched only once the outline is asked for: the detector is the costliest aid.
+void NembraRecorder::followFaces() {
+  if (!aids_ || aids_->facesFollowed()) return;
+  if (OptionalError error =
+          aids_->setFaceOutlineDrawable(application_.recorderConfig().getFaceOutlineDrawable())) {
+    log("face outline image not used: " + error->message);
+  }
+  OptionalError error;
+  std::unique_ptr<FaceDetector> detector =
+      env_.makeFaceDetector ? env_.makeFaceDetector(error) : nullptr;
+  if (!detector) {
+    log("face detection unavailable: " + (error ? error->message : std::string("no detector")));
+    return;
+  }
+  aids_->enableFaceDetection(std::move(detector));
 }
 
 void NembraRecorder::recoverInterruptedRecordings() {
@@ -499,6 +534,7 @@ void NembraRecorder::setupAssetWriter(const std::string& requestedPath) {
     beforeDuration_ = -1;
   }
   onMain([](NembraRecorder& self) {
+    self.recordingError_.clear();
     self.move(RecorderEvent::WriterCreated);
     if (self.application_.recorderConfig().getStyle().getHideControls()) {
       self.setControlsVisible(false);
@@ -579,7 +615,16 @@ void NembraRecorder::captureOutput(CaptureSample& sample) {
       if (auto observer = weak.lock()) observers.push_back(std::move(observer));
     }
     surface = surface_;
-    if (video && surface && sample.preview) surface->present(sample.preview);
+    if (video && surface && sample.preview) {
+      if (aids_ && aids_->hasFacesToDraw()) {
+        // The outlines go over a copy: the sample's picture is shared with the observers.
+        auto picture = std::make_shared<VideoFrame>(*sample.preview);
+        aids_->drawFaces(*picture);
+        surface->present(std::move(picture));
+      } else {
+        surface->present(sample.preview);
+      }
+    }
   }
   for (const auto& observer : observers) {
     if (video) {
@@ -683,6 +728,7 @@ void NembraRecorder::writerFailed(const Error& error) {
   writerFailed_ = true;
   // A full disk or a vanished file: the recording stops and keeps what it has.
   onMain([message = error.message](NembraRecorder& self) {
+    self.recordingError_ = message;
     self.application_.logError("recording stopped: " + message);
     if (self.presented()) self.view().setLabel("status", "recording stopped: " + message);
     self.stopRecording();
@@ -693,6 +739,7 @@ void NembraRecorder::captureRuntimeError(const Error& error) {
   log("Capture session runtime error: " + error.message);
   // The camera went away: the file is finished as it stands.
   onMain([message = error.message](NembraRecorder& self) {
+    self.recordingError_ = "camera stopped: " + message;
     if (self.presented()) self.view().setLabel("status", "camera stopped: " + message);
     self.stopRecording();
   });
@@ -790,9 +837,22 @@ void NembraRecorder::onCloseButtonTap() {
   });
 }
 
-void NembraRecorder::setShowFaceOutline(bool show) { showFaceOutline_ = show; }
-void NembraRecorder::setShowLightIndicator(bool show) { showLightIndicator_ = show; }
-void NembraRecorder::setShowSoundIndicator(bool show) { showSoundIndicator_ = show; }
+void NembraRecorder::setShowFaceOutline(bool show) {
+  showFaceOutline_ = show;
+  if (!aids_) return;  // the load applies it
+  aids_->faceOutlineView().setHidden(!show);
+  if (show) followFaces();
+}
+
+void NembraRecorder::setShowLightIndicator(bool show) {
+  showLightIndicator_ = show;
+  if (aids_ && presented()) aids_->showMeters(&view(), showLightIndicator_, showSoundIndicator_);
+}
+
+void NembraRecorder::setShowSoundIndicator(bool show) {
+  showSoundIndicator_ = show;
+  if (aids_ && presented()) aids_->showMeters(&view(), showLightIndicator_, showSoundIndicator_);
+}
 
 void NembraRecorder::setControlsVisible(bool visible) {
   RecorderConfig& config = application_.recorderConfig();
@@ -966,6 +1026,7 @@ void NembraRecorder::startStreaming() {
             return self->onError("no target address specified for the live streaming");
           self->onSession([](NembraRecorder& s) {
             std::string failure;
+            s.publishConfirmed_.store(false);
             std::shared_ptr<LiveStreamer> streamer = LiveStreamer::initWithTargetAddress(
                 s.liveTargetAddress_, s.liveStreamName_,
                 std::static_pointer_cast<LiveStreamerDelegate>(s.shared_from_this()), &failure);
@@ -1015,6 +1076,7 @@ void NembraRecorder::stopStreaming() {
 }
 
 void NembraRecorder::onPublishStart() {
+  publishConfirmed_.store(true);
   onMain([](NembraRecorder& self) {
     self.log("live streaming successfully started");
     self.updateUIRecordingStreamingStarted();
@@ -1050,13 +1112,24 @@ void NembraRecorder::onError(const std::string& message) {
 }
 
 // Called from inside captureOutput, which holds sampleMutex_.
+// Output made before the publish confirmation is dropped; the streamer starts at the next key
+// frame.
 void NembraRecorder::compressedVideoDataReceived(const EncodedVideoSample& sample) {
-  if (streamingNow_ && liveStreamer_) liveStreamer_->putVideoSample(sample);
+  if (!streamingNow_ || !liveStreamer_ || !publishConfirmed_.load()) return;
+  // Sending to an ingest that went away does not fail; its closed receiving side tells.
+  if (!liveStreamer_->isReceiving()) {
+    publishConfirmed_.store(false);  // once
+    onError("the live stream was cut: " + liveStreamer_->receiverFailure());
+    return;
+  }
+  liveStreamer_->putVideoSample(sample);
 }
 
 void NembraRecorder::compressedAudioDataReceived(const std::vector<uint8_t>& data,
                                                  std::array<uint8_t, 2> asc, double pts) {
-  if (streamingNow_ && liveStreamer_) liveStreamer_->putAudioSample(data, asc, pts);
+  if (streamingNow_ && liveStreamer_ && publishConfirmed_.load()) {
+    liveStreamer_->putAudioSample(data, asc, pts);
+  }
 }
 
 }  // namespace nembra

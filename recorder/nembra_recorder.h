@@ -4,7 +4,9 @@
 // are RecorderStateMachine's.
 //
 // View: buttons "record" (space), "pause" (p), "camera" (c), "close" (q); labels "countdown",
-// "duration", "status"; the video surface shows the camera. Alerts for the failures.
+// "duration", "status"; the video surface shows the camera with the face outlines drawn over it;
+// the light meter (display-only button "lux-meter") and the sound level (slider "audio-level")
+// unless turned off. Alerts for the failures.
 //
 // Threading: a screen, so main queue only, except captureOutput/captureRuntimeError which the
 // capture threads call. Session changes run on the session queue. Every delegate call arrives
@@ -31,6 +33,7 @@
 
 namespace nembra {
 
+class CaptureAids;
 class Nembra;
 class NembraRecordedVideoPreview;
 class FileLock;
@@ -71,8 +74,19 @@ class NembraRecorder final : public Screen,
   const std::string& videoGravity() const { return videoGravity_; }
   void setControlsVisible(bool visible);
 
+  // Blocks until the session work posted so far has run (not on the session queue). A host
+  // that ends its process once the state has moved calls it first: that work still uses the
+  // application object.
+  void waitForSessionQueue();
+
   // The capture aids attach here (held weakly; a gone observer is skipped).
   void addFrameObserver(std::weak_ptr<CaptureSampleObserver> observer);
+  // The recorder's own aids (meters and face outlines), made when the view loads; null before.
+  const std::shared_ptr<CaptureAids>& captureAids() const { return aids_; }
+  // The recorded preview, presented after a recording unless the file goes at once.
+  const std::shared_ptr<NembraRecordedVideoPreview>& recordedVideoPreview() const {
+    return videoPreview_;
+  }
 
   RecorderState state() const { return machine_.state(); }
   // 0 success, 1 not authorised, 2 configuration failed.
@@ -90,6 +104,8 @@ class NembraRecorder final : public Screen,
   // The target address and stream name of the last live start.
   const std::string& liveTargetAddress() const { return liveTargetAddress_; }
   const std::string& liveStreamName() const { return liveStreamName_; }
+  // Why the last recording stopped by itself (a full disk, the camera gone), "" when it did not.
+  const std::string& recordingError() const { return recordingError_; }
   // The message of the last live-streaming failure (the "Error" alert's), "" when none.
   const std::string& lastStreamingError() const { return lastStreamingError_; }
 
@@ -127,6 +143,8 @@ class NembraRecorder final : public Screen,
   void processRecordedVideoAtURL(const std::string& path, OptionalError error);
   void updateDuration();
   void writerFailed(const Error& error);
+  void setUpCaptureAids();
+  void followFaces();
 
   void toggleStreaming();
   void startStreaming();
@@ -181,6 +199,7 @@ class NembraRecorder final : public Screen,
   std::string liveTargetAddress_;
   std::string liveStreamName_;
   std::string lastStreamingError_;
+  std::string recordingError_;
   std::string streamToken_;
   std::string liveVideoToken_;
 
@@ -203,10 +222,16 @@ class NembraRecorder final : public Screen,
   bool streamingNow_ = false;
   bool blurActive_ = false;
   std::shared_ptr<LiveStreamer> liveStreamer_;
+  // Set by the ingest's publish confirmation (on the RTMP receiver thread): the client refuses
+  // media before it.
+  std::atomic<bool> publishConfirmed_{false};
   std::shared_ptr<H264Encoder> videoEncoder_;
   std::shared_ptr<AACEncoder> audioEncoder_;
   std::vector<std::weak_ptr<CaptureSampleObserver>> observers_;
   VideoSurface* surface_ = nullptr;
+  // Made on the main queue before the session starts; read on the capture threads to draw the
+  // face outlines over the preview.
+  std::shared_ptr<CaptureAids> aids_;
 };
 
 }  // namespace nembra

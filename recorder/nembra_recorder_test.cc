@@ -14,8 +14,10 @@
 #include "platform/media/testing/media_test_files.h"
 #include "platform/ui/headless_ui.h"
 #include "platform/ui/screen_presenter.h"
+#include "recorder/capture_aids.h"
 #include "recorder/recorder_screens.h"
 #include "recorder/testing/fake_recorder_environment.h"
+#include "recorder/testing/test_frames.h"
 
 namespace nembra {
 namespace {
@@ -44,6 +46,7 @@ class RecorderTest : public ::testing::Test {
   void open(const std::string& videoToken = {}, int orientation = 3) {
     RecorderEnvironment env = testing::fakeRecorderEnvironment(queue_, log_, scratch_.path());
     env.orientation = orientation;
+    if (customise_) customise_(env);
     recorder_ = std::make_shared<NembraRecorder>(nembra_, std::move(env), videoToken);
     presenter_->present(recorder_);
     queue_.runUntilIdle();
@@ -81,6 +84,7 @@ class RecorderTest : public ::testing::Test {
   }
   testing::FakeRecorderLog::Writer& writer() { return *log_->writers.back(); }
 
+  std::function<void(RecorderEnvironment&)> customise_;
   MainQueue queue_;
   Nembra nembra_{"app", queue_};
   HeadlessUi ui_;
@@ -301,6 +305,26 @@ TEST_F(RecorderTest, ACameraThatGoesAwayFinishesTheFileAsItStands) {
   EXPECT_EQ(stopped_.size(), 1u);
 }
 
+TEST_F(RecorderTest, AFullDiskStopsTheRecordingAndKeepsWhatWasWritten) {
+  nembra_.recorderConfig().setShouldAutoStartRecording(false);
+  log_->failVideoAfter = 45;
+  log_->writeFailure = Error::file("the disk is full", ENOSPC);
+  open();
+  view().press("record");
+  queue_.runUntilIdle();
+  feed(0.0, 3.0);
+  EXPECT_EQ(writer().video.size(), 45u);
+  EXPECT_EQ(writer().finishes, 1);
+  EXPECT_TRUE(writer().audio.empty() || writer().audio.back() < 1.5 + kFrame)
+      << "audio went on after the video failed";
+  EXPECT_EQ(stopped_, std::vector<std::string>{"file://" + writer().path});
+  EXPECT_EQ(recorderView().label("status"), "recording stopped: the disk is full");
+  EXPECT_EQ(recorder_->recordingError(), "the disk is full");
+  // What reached the disk is the recording: the preview offers it.
+  EXPECT_EQ(view().screenName(), "recorded-preview");
+  EXPECT_TRUE(std::filesystem::exists(writer().path));
+}
+
 TEST_F(RecorderTest, ARecordingLeftByAKilledProcessIsFinishedWhenARecorderStarts) {
   if (!testing::MediaTestFiles::haveFfmpeg()) GTEST_SKIP() << "ffmpeg is not installed";
   testing::MediaTestFiles files;
@@ -386,6 +410,135 @@ TEST_F(RecorderTest, StopConfirmationNoKeepsRecordingWithTheButtonLeftSelected) 
   ASSERT_TRUE(view().answerAlert("Yes"));
   queue_.runUntilIdle();
   EXPECT_TRUE(writer().finished);
+}
+
+}  // namespace
+}  // namespace nembra
+
+namespace nembra {
+namespace {
+
+class OneFaceDetector final : public FaceDetector {
+ public:
+  std::vector<FaceBox> detect(const GrayImageView&) override { return {{40, 30, 20, 20}}; }
+};
+
+// The light meter, the sound level and the face outlines on the recorder's own screen.
+class RecorderAidsTest : public RecorderTest {
+ protected:
+  void SetUp() override {
+    RecorderTest::SetUp();
+    nembra_.recorderConfig().setShouldAutoStartRecording(false);
+    sensor_ = std::make_shared<NembraSensorDelegate>();
+    sensor_->luxMeter = [this](double value) { brightness_.push_back(value); };
+    sensor_->audioMeter = [this](double value) { levels_.push_back(value); };
+    sensor_->faceDetected = [this](int64_t, const NembraRect& rect) { faces_.push_back(rect); };
+    nembra_.setSensorDelegate(sensor_);
+    customise_ = [this](RecorderEnvironment& env) {
+      env.makeFaceDetector = [this](OptionalError&) -> std::unique_ptr<FaceDetector> {
+        ++detectorsMade_;
+        return std::make_unique<OneFaceDetector>();
+      };
+    };
+  }
+  // A camera picture of one grey level, with its preview copy, as the capture delivers it.
+  void picture(uint8_t luma, double pts) {
+    CaptureSample s;
+    s.kind = CaptureSample::Kind::Video;
+    s.pts = pts;
+    s.duration = kFrame;
+    s.preview = testing::solidFrame(160, 120, luma, pts);
+    recorder_->captureOutput(s);
+    queue_.runUntilIdle();
+  }
+  void sound(int16_t value, double pts) {
+    CaptureSample s;
+    s.kind = CaptureSample::Kind::Audio;
+    s.pts = pts;
+    s.pcm.assign(2048, value);
+    s.channels = 2;
+    recorder_->captureOutput(s);
+    queue_.runUntilIdle();
+  }
+  SharedVideoFrame shown() { return recorderView().surface().latest(); }
+
+  std::shared_ptr<NembraSensorDelegate> sensor_;
+  std::vector<double> brightness_;
+  std::vector<double> levels_;
+  std::vector<NembraRect> faces_;
+  int detectorsMade_ = 0;
+};
+
+TEST_F(RecorderAidsTest, TheMetersFollowThePicturesLightAndTheSoundsLevel) {
+  open();
+  picture(118, 0.0);  // mid-grey: good light
+  std::optional<ButtonState> sun = view().button(LuxMeterView::kButton);
+  ASSERT_TRUE(sun);
+  EXPECT_EQ(sun->image, "sun-white");
+  EXPECT_FALSE(sun->hidden);
+  picture(4, kFrame);  // too dark: red, blinking
+  EXPECT_EQ(view().button(LuxMeterView::kButton)->image, "sun-red");
+  const bool first = view().button(LuxMeterView::kButton)->hidden;
+  picture(4, 2 * kFrame);
+  EXPECT_NE(view().button(LuxMeterView::kButton)->hidden, first);
+  ASSERT_EQ(brightness_.size(), 3u);
+  EXPECT_NEAR(brightness_[0], 2.0, 1e-9);
+  EXPECT_LT(brightness_[1], -0.5);
+
+  sound(-20000, 0.0);
+  ASSERT_TRUE(view().slider(AudioLevelView::kSlider));
+  EXPECT_DOUBLE_EQ(view().slider(AudioLevelView::kSlider)->value, 1.0);
+  sound(0, 0.05);
+  sound(0, 0.10);
+  EXPECT_NEAR(view().slider(AudioLevelView::kSlider)->value, 0.90, 1e-9);
+  EXPECT_EQ(levels_, (std::vector<double>{1.0, 0.0, 0.0}));
+  EXPECT_EQ(detectorsMade_, 0) << "faces were searched without the outline";
+}
+
+TEST_F(RecorderAidsTest, AFaceFoundReachesTheDelegateAndIsOutlinedOverThePreview) {
+  nembra_.recorderConfig().setShouldShowFaceOutline(true);
+  open();
+  picture(100, 0.0);
+  ASSERT_TRUE(queue_.runUntil([&] { return !faces_.empty(); }, std::chrono::seconds(5)));
+  EXPECT_EQ(faces_[0].x, 40);
+  EXPECT_EQ(faces_[0].width, 20);
+  picture(100, kFrame);
+  SharedVideoFrame frame = shown();
+  ASSERT_TRUE(frame);
+  EXPECT_NE(testing::lumaAt(*frame, 40, 40), 100) << "no outline on the face's edge";
+  EXPECT_EQ(testing::lumaAt(*frame, 10, 10), 100);
+
+  // Turned off while recording: the preview goes back to the camera's own picture.
+  recorder_->setShowFaceOutline(false);
+  picture(100, 2 * kFrame);
+  EXPECT_EQ(testing::lumaAt(*shown(), 40, 40), 100);
+}
+
+TEST_F(RecorderAidsTest, AidsTurnedOffShowNothingAndSearchNoFaces) {
+  RecorderEnvironment env = testing::fakeRecorderEnvironment(queue_, log_, scratch_.path());
+  customise_(env);
+  recorder_ = std::make_shared<NembraRecorder>(nembra_, std::move(env));
+  recorder_->setShowLightIndicator(false);
+  recorder_->setShowSoundIndicator(false);
+  presenter_->present(recorder_);
+  queue_.runUntilIdle();
+  picture(4, 0.0);
+  sound(-20000, 0.0);
+  for (int i = 1; i < 5; ++i) picture(100, i * kFrame);
+  std::optional<ButtonState> sun = view().button(LuxMeterView::kButton);
+  EXPECT_TRUE(!sun || sun->hidden);
+  std::optional<SliderState> level = view().slider(AudioLevelView::kSlider);
+  EXPECT_TRUE(!level || level->hidden);
+  EXPECT_EQ(detectorsMade_, 0);
+  EXPECT_EQ(testing::lumaAt(*shown(), 40, 40), 100);
+  // Hidden meters still measure for the host.
+  EXPECT_EQ(brightness_.size(), 5u);
+  EXPECT_EQ(levels_, std::vector<double>{1.0});
+
+  recorder_->setShowSoundIndicator(true);
+  sound(-20000, 0.05);
+  ASSERT_TRUE(view().slider(AudioLevelView::kSlider));
+  EXPECT_FALSE(view().slider(AudioLevelView::kSlider)->hidden);
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 namespace nembra {
 
 QrScannerScreen::QrScannerScreen(Nembra& application, CameraFeedOptions camera)
-    : application_(application), camera_(std::move(camera)) {}
+    : application_(application), cameraOptions_(std::move(camera)) {}
 
 QrScannerScreen::~QrScannerScreen() { stopCamera(); }
 
@@ -17,25 +17,12 @@ void QrScannerScreen::viewDidLoad() {
   view().setLabel("status", "Opening the camera");
   view().setLabel("code", "");
 
-  OptionalError error;
-  feed_ = CameraFeed::open(camera_, error);
-  if (!feed_) {
-    view().setLabel("status", error->message);
-    application_.log("QR scanner: " + error->message);
-    std::weak_ptr<bool> alive = alive_;
-    view().showAlert({"Nembra", error->message, {"OK"}}, [this, alive](int) {
-      if (alive.lock()) dismiss();
-    });
+  std::weak_ptr<bool> alive = alive_;
+  if (!camera_.open(view(), application_, cameraOptions_, "QR scanner", [this, alive] {
+        if (alive.lock()) dismiss();
+      })) {
     return;
   }
-  preview_ = std::make_unique<CapturePreviewView>(view().videoSurface());
-  int width = 0;
-  int height = 0;
-  view().pictureAreaSize(width, height);
-  preview_->videoPreviewLayer().setLayerSize(width, height);
-  preview_->setSession(feed_);
-
-  std::weak_ptr<bool> alive = alive_;
   TaskQueue& main = application_.mainQueue();
   scanner_ = std::make_shared<QrFrameScanner>(makeQrDecoder(),
                                               [this, alive, &main](const std::string& text) {
@@ -43,22 +30,20 @@ void QrScannerScreen::viewDidLoad() {
                                                   if (alive.lock()) codeFound(text);
                                                 });
                                               });
-  feed_->addObserver(scanner_);
-  feed_->start();
-  view().setLabel("status", "Point the camera at a QR code (" + feed_->info().description + ")");
+  camera_.feed()->addObserver(scanner_);
+  camera_.feed()->start();
+  view().setLabel("status",
+                  "Point the camera at a QR code (" + camera_.feed()->info().description + ")");
 }
 
 void QrScannerScreen::viewWillDisappear() { stopCamera(); }
 
 void QrScannerScreen::stopCamera() {
-  if (feed_) feed_->stop();
-  if (preview_) preview_->setSession(nullptr);
+  camera_.stop();
   scanner_.reset();
 }
 
-void QrScannerScreen::resized(int width, int height) {
-  if (preview_) preview_->videoPreviewLayer().setLayerSize(width, height);
-}
+void QrScannerScreen::resized(int width, int height) { camera_.resized(width, height); }
 
 void QrScannerScreen::buttonPressed(const std::string& name) {
   if (name == "close") dismiss();

@@ -15,7 +15,7 @@
 
 #include "platform/ui/screen.h"
 #include "recorder/camera_feed.h"
-#include "recorder/capture_preview_view.h"
+#include "recorder/camera_screen_feed.h"
 #include "recorder/qr_frame_scanner.h"
 
 namespace nembra {
@@ -45,9 +45,8 @@ class QrScannerScreen final : public Screen {
   void stopCamera();
 
   Nembra& application_;
-  const CameraFeedOptions camera_;
-  std::shared_ptr<CameraFeed> feed_;
-  std::unique_ptr<CapturePreviewView> preview_;
+  const CameraFeedOptions cameraOptions_;
+  CameraScreenFeed camera_;
   std::shared_ptr<QrFrameScanner> scanner_;
   std::string lastCode_;
   bool closing_ = false;

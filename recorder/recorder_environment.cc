@@ -62,6 +62,7 @@ RecorderEnvironment RecorderEnvironment::platform(Nembra& application) {
         },
         {});
   };
+  env.makeFaceDetector = [](OptionalError& error) { return nembra::makeFaceDetector(error); };
   env.recordingsDirectory = Utils::getDocumentsDirectory();
   env.capture.camera = "";
   env.capture.microphone = "";

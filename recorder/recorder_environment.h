@@ -13,6 +13,7 @@
 #include "nembra/json.h"
 #include "nembra/still_image.h"
 #include "platform/media/movie_writer.h"
+#include "platform/vision/face_detector.h"
 #include "recorder/capture_session.h"
 
 namespace nembra {
@@ -52,6 +53,8 @@ struct RecorderEnvironment {
   std::function<void(const std::string& token, const std::string& path, const Json& data,
                      UploadCallback done)>
       rerecordVideo;
+  // The face detector the outline uses; null, with the error set, when there is none.
+  std::function<std::unique_ptr<FaceDetector>(OptionalError& error)> makeFaceDetector;
   // Where recordings are written (the documents directory).
   std::string recordingsDirectory;
   // The interface orientation: 1 portrait, 2 upside down, 3 landscape right, 4 landscape left.

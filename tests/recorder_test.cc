@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <regex>
 #include <thread>
 
@@ -91,16 +92,16 @@ class RecordCommandTest : public ::testing::Test {
     ASSERT_TRUE(service_) << error;
   }
   std::vector<std::string> argv(std::vector<std::string> args) {
-    std::vector<std::string> all = {"/usr/bin/env",
-                                    "NEMBRA_HOME=" + scratch_.file("home"),
-                                    NEMBRA_CLI_PATH,
-                                    "--server",
-                                    service_->baseUrl(),
-                                    "--token",
-                                    kApp,
-                                    "--ui",
-                                    "none",
-                                    "record"};
+    return commandLine(service_->baseUrl(), "", std::move(args), scratch_.file("home"));
+  }
+  // `nembra record ARGS` without a UI against |server| (and the ingest |rtmp| unless empty).
+  static std::vector<std::string> commandLine(const std::string& server, const std::string& rtmp,
+                                              std::vector<std::string> args,
+                                              const std::string& home) {
+    std::vector<std::string> all = {"/usr/bin/env", "NEMBRA_HOME=" + home, NEMBRA_CLI_PATH,
+                                    "--server", server};
+    if (!rtmp.empty()) all.insert(all.end(), {"--rtmp-url", rtmp});
+    all.insert(all.end(), {"--token", kApp, "--ui", "none", "record"});
     all.insert(all.end(), args.begin(), args.end());
     return all;
   }
@@ -131,6 +132,26 @@ TEST_F(RecordCommandTest, RecordsFromTheVirtualCameraAndUploadsWithItsCover) {
   std::smatch recorded;
   ASSERT_TRUE(std::regex_search(result.output, recorded, std::regex("recorded: file://(\\S+)")));
   EXPECT_FALSE(fs::exists(recorded[1].str()));
+}
+
+TEST_F(RecordCommandTest, ACameraThatGoesAwayMidwayUploadsWhatWasRecorded) {
+  // A camera whose pictures end after two seconds of a ten-second recording.
+  const CommandResult result = nembra::testing::runCommand(
+      argv({"--camera", "lavfi:testsrc2=size=320x240:rate=30:duration=2", "--mic", "lavfi",
+            "--start-delay", "0", "--max-duration", "10", "--quality", "low"}),
+      60s);
+  ASSERT_EQ(result.exitCode, 0) << result.output;
+  EXPECT_THAT(result.output, HasSubstr("nembra record: the recording stopped early (camera "
+                                       "stopped"));
+  std::smatch token;
+  ASSERT_TRUE(std::regex_search(result.output, token, std::regex("video token: (\\S+)")))
+      << result.output;
+  const std::vector<std::string> videos = filesEndingWith(
+      scratch_.file("data") + "/media/" + kApp + "/videos/" + token[1].str(), "/video.mp4");
+  ASSERT_EQ(videos.size(), 1u) << result.output;
+  const Probe uploaded = probe(videos[0]);
+  EXPECT_THAT(uploaded.codecs, HasSubstr("h264"));
+  EXPECT_NEAR(uploaded.duration, 2.0, 0.3);
 }
 
 TEST_F(RecordCommandTest, ARecordingKilledMidwayIsRecoveredAndPlays) {
@@ -179,29 +200,11 @@ TEST_F(RecordCommandTest, LiveModeStreamsToTheIngestAndSubmits) {
   ASSERT_TRUE(service) << error;
   ASSERT_TRUE(waitForListener(options.rtmpPort, 10s)) << service->output();
   const CommandResult result = nembra::testing::runCommand(
-      {"/usr/bin/env",
-       "NEMBRA_HOME=" + scratch_.file("home"),
-       NEMBRA_CLI_PATH,
-       "--server",
-       service->baseUrl(),
-       "--rtmp-url",
-       "rtmp://127.0.0.1:" + std::to_string(options.rtmpPort) + "/record/_definst_",
-       "--token",
-       kApp,
-       "--ui",
-       "none",
-       "record",
-       "--live",
-       "--camera",
-       "lavfi",
-       "--mic",
-       "lavfi",
-       "--start-delay",
-       "0",
-       "--max-duration",
-       "4",
-       "--quality",
-       "low"},
+      commandLine(service->baseUrl(),
+                  "rtmp://127.0.0.1:" + std::to_string(options.rtmpPort) + "/record/_definst_",
+                  {"--live", "--camera", "lavfi", "--mic", "lavfi", "--start-delay", "0",
+                   "--max-duration", "4", "--quality", "low"},
+                  scratch_.file("home")),
       120s);
   ASSERT_EQ(result.exitCode, 0) << result.output;
   std::smatch token;
@@ -221,6 +224,42 @@ TEST_F(RecordCommandTest, LiveModeStreamsToTheIngestAndSubmits) {
   EXPECT_GT(streamed.duration, 1.5);
 }
 
+TEST_F(RecordCommandTest, AnIngestThatDropsMidStreamEndsWithTheErrorAlert) {
+  nembra::testing::ServeProcess::Options serve;
+  serve.dataDir = scratch_.file("drop-data");
+  serve.rtmpPort = nembra::testing::freeTcpPort();
+  std::string error;
+  auto service = nembra::testing::ServeProcess::start(serve, error);
+  ASSERT_TRUE(service) << error;
+  ASSERT_TRUE(waitForListener(serve.rtmpPort, 10s)) << service->output();
+  ChildProcessOptions options;
+  options.argv =
+      commandLine(service->baseUrl(),
+                  "rtmp://127.0.0.1:" + std::to_string(serve.rtmpPort) + "/record/_definst_",
+                  {"--live", "--camera", "lavfi", "--mic", "none", "--start-delay", "0",
+                   "--max-duration", "60", "--quality", "low"},
+                  scratch_.file("home"));
+  options.stdoutPath = scratch_.file("live.out");
+  options.stderrPath = scratch_.file("live.err");
+  std::unique_ptr<ChildProcess> child;
+  ASSERT_FALSE(ChildProcess::start(options, child));
+  // Publishing is under way once the ingest has been sent pictures for a moment.
+  bool publishing = false;
+  for (int i = 0; i < 200 && !publishing; ++i) {
+    std::this_thread::sleep_for(50ms);
+    publishing = nembra::testing::readFile(scratch_.file("live.out"))
+                     .find("publishing successfully started") != std::string::npos;
+  }
+  ASSERT_TRUE(publishing) << nembra::testing::readFile(scratch_.file("live.err"));
+  std::this_thread::sleep_for(1s);
+  service->stop(SIGKILL);
+  const std::optional<int> code = child->wait(20s);
+  ASSERT_TRUE(code) << "the recorder went on streaming into nothing";
+  EXPECT_EQ(*code, 1);
+  EXPECT_THAT(nembra::testing::readFile(scratch_.file("live.err")),
+              HasSubstr("nembra record: Error: the live stream was cut"));
+}
+
 TEST_F(RecordCommandTest, AnIngestThatRefusesEndsWithTheErrorAlert) {
   const CommandResult result = nembra::testing::runCommand(
       argv({"--live", "--camera", "lavfi", "--mic", "none", "--start-delay", "0", "--rtmp-url",
@@ -238,6 +277,35 @@ TEST_F(RecordCommandTest, ACameraThatIsNotThereEndsWithTheAlertText) {
   EXPECT_THAT(result.output, HasSubstr("nembra record: Unable to capture media"));
 }
 
+TEST_F(RecordCommandTest, ACameraNodeThatMayNotBeOpenedIsNamedInTheRefusal) {
+  // A node nobody may open. Root opens anything: the command then runs as nobody.
+  std::vector<std::string> prefix;
+  if (::geteuid() == 0) {
+    const std::optional<std::string> setpriv = nembra::testing::findProgram("setpriv");
+    if (!setpriv) GTEST_SKIP() << "running as root without setpriv";
+    prefix = {*setpriv, "--reuid=65534", "--regid=65534", "--clear-groups"};
+  }
+  const std::string open = scratch_.file("open");
+  fs::create_directories(open);
+  fs::permissions(open, fs::perms::all);
+  fs::permissions(scratch_.path(),
+                  fs::perms::owner_all | fs::perms::others_exec | fs::perms::group_exec);
+  const std::string node = open + "/video9";
+  std::ofstream(node) << "";
+  fs::permissions(node, fs::perms::none);
+  std::vector<std::string> args = prefix;
+  for (const std::string& arg :
+       commandLine(service_->baseUrl(), "", {"--camera", node, "--mic", "none"}, open + "/home")) {
+    args.push_back(arg);
+  }
+  const CommandResult result = nembra::testing::runCommand(args, 60s);
+  EXPECT_EQ(result.exitCode, 1) << result.output;
+  EXPECT_THAT(result.output, HasSubstr("nembra record: AVCam doesn't have permission to use the "
+                                       "camera, please change privacy settings (permission "
+                                       "denied on " +
+                                       node + ")"));
+}
+
 TEST_F(RecordCommandTest, AMicrophoneThatCannotOpenEndsWithTheReason) {
   const CommandResult result =
       nembra::testing::runCommand(argv({"--camera", "lavfi", "--mic", "alsa:no-such-card"}), 60s);
@@ -245,32 +313,25 @@ TEST_F(RecordCommandTest, AMicrophoneThatCannotOpenEndsWithTheReason) {
   EXPECT_THAT(result.output, HasSubstr("nembra record: no microphone"));
 }
 
-TEST_F(RecordCommandTest, AnUnreachableServiceFailsTheUpload) {
-  const std::vector<std::string> args = {
-      "/usr/bin/env",
-      "NEMBRA_HOME=" + scratch_.file("home"),
-      NEMBRA_CLI_PATH,
-      "--server",
-      "http://127.0.0.1:" + std::to_string(nembra::testing::freeTcpPort()),
-      "--token",
-      kApp,
-      "--ui",
-      "none",
-      "record",
-      "--camera",
-      "lavfi",
-      "--mic",
-      "none",
-      "--start-delay",
-      "0",
-      "--max-duration",
-      "1",
-      "--send-immediately",
-      "--quality",
-      "low"};
-  const CommandResult result = nembra::testing::runCommand(args, 120s);
-  EXPECT_EQ(result.exitCode, 1) << result.output;
-  EXPECT_THAT(result.output, HasSubstr("upload failed"));
+TEST_F(RecordCommandTest, AnUnreachableServiceFailsTheUploadAndKeepsTheRecording) {
+  const int port = nembra::testing::freeTcpPort();
+  // No --send-immediately: the preview and the cover choice are answered for the user.
+  const std::vector<std::string> args =
+      commandLine("http://127.0.0.1:" + std::to_string(port), "",
+                  {"--camera", "lavfi", "--mic", "none", "--start-delay", "0", "--max-duration",
+                   "1", "--cover-shot", "--quality", "low"},
+                  scratch_.file("home"));
+  const CommandResult result = nembra::testing::runCommand(args, 60s);
+  ASSERT_EQ(result.exitCode, 1) << result.output;
+  EXPECT_THAT(result.output, HasSubstr("nembra record: upload failed: service unreachable at "
+                                       "127.0.0.1:" +
+                                       std::to_string(port)));
+  std::smatch kept;
+  ASSERT_TRUE(std::regex_search(result.output, kept, std::regex("the recording is kept at (\\S+)")))
+      << result.output;
+  const Probe recording = probe(kept[1].str());
+  EXPECT_THAT(recording.codecs, HasSubstr("h264"));
+  EXPECT_GT(recording.duration, 0.5);
 }
 
 }  // namespace

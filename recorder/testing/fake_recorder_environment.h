@@ -20,7 +20,11 @@ struct FakeRecorderLog {
     MovieWriterSettings settings;
     std::vector<double> video;  // stamps appended
     std::vector<double> audio;
+    int finishes = 0;
     bool finished = false;
+    // Appends after this many video frames fail with |failure| (-1: none fail).
+    int failVideoAfter = -1;
+    Error failure;
   };
   std::vector<std::shared_ptr<Writer>> writers;
   std::function<void()> tick;  // the running countdown timer, empty when none
@@ -28,6 +32,9 @@ struct FakeRecorderLog {
   bool captureRunning = false;
   // What the fake camera's configure answers.
   OptionalError configureError;
+  // Handed to the next writer made (see Writer).
+  int failVideoAfter = -1;
+  Error writeFailure;
   std::vector<std::string> covers;  // paths a default cover was asked for
   struct Upload {
     std::string kind;  // "create" or "rerecord"
@@ -60,6 +67,10 @@ class FakeMovieWriter final : public MovieWriter {
  public:
   explicit FakeMovieWriter(std::shared_ptr<FakeRecorderLog::Writer> log) : log_(std::move(log)) {}
   OptionalError appendVideo(const RawMediaFrame&, double pts) override {
+    if (log_->failVideoAfter >= 0 &&
+        log_->video.size() >= static_cast<size_t>(log_->failVideoAfter)) {
+      return log_->failure;
+    }
     log_->video.push_back(pts);
     return none();
   }
@@ -68,6 +79,7 @@ class FakeMovieWriter final : public MovieWriter {
     return none();
   }
   OptionalError finish() override {
+    ++log_->finishes;
     log_->finished = true;
     std::ofstream(log_->path) << "movie";
     return std::nullopt;
@@ -101,6 +113,8 @@ inline RecorderEnvironment fakeRecorderEnvironment(MainQueue& queue,
     auto writer = std::make_shared<FakeRecorderLog::Writer>();
     writer->path = path;
     writer->settings = settings;
+    writer->failVideoAfter = log->failVideoAfter;
+    writer->failure = log->writeFailure;
     log->writers.push_back(writer);
     return std::make_unique<FakeMovieWriter>(writer);
   };
