@@ -1,13 +1,17 @@
 // `nembra record-screen` on a Wayland desktop: the ScreenCast portal of a headless wlroots
-// compositor, its answers, and the choice between the portal and X11.
+// compositor, a stand-in portal casting a PipeWire stream, their answers, and the choice between
+// the portal and X11.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <thread>
 
+#include "platform/ffmpeg/testing/private_pipewire.h"
 #include "platform/ui/testing/xvfb_display.h"
 #include "tests/test_support.h"
 #include "tests/testing/headless_wayland_desktop.h"
+#include "tests/testing/stand_in_screen_cast_portal.h"
 
 namespace nembra {
 namespace {
@@ -36,8 +40,111 @@ class ScreenCastPortalTest : public ::testing::Test {
     return found;
   }
 
+  void clearMovies() {
+    for (const std::string& movie : movies()) std::filesystem::remove(movie);
+  }
+
+  // The movie's "codec_name=", "width=", "height=" and "duration=" lines.
+  static std::string probe(const std::string& movie) {
+    const auto result = testing::runCommand(
+        {"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries",
+         "stream=codec_name,width,height:format=duration", "-of", "default=nw=1", movie});
+    EXPECT_EQ(result.exitCode, 0) << result.output;
+    return result.output;
+  }
+
   testing::TempDir home_{"nembra-portal"};
 };
+
+// The stand-in portal casting PipeWire's test pattern, whose pictures are this size.
+constexpr int kPatternWidth = 320;
+constexpr int kPatternHeight = 240;
+
+testing::StandInScreenCastPortal::Stream patternStream(const testing::PrivatePipeWire& pipewire) {
+  return {static_cast<uint32_t>(pipewire.node()), kPatternWidth, kPatternHeight,
+          [&pipewire] { return pipewire.connect(); }};
+}
+
+// The portal closes the cast with the session; the recorder must not leave it open.
+bool sessionsCloseSoon(const testing::StandInScreenCastPortal& portal) {
+  for (int i = 0; i < 100 && portal.openSessions() > 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  return portal.openSessions() == 0;
+}
+
+TEST_F(ScreenCastPortalTest, RecordsTheStreamThePortalStartsThroughItsPipeWireConnection) {
+  testing::PrivatePipeWire pipewire;
+  if (pipewire.node() < 0) GTEST_SKIP() << "PipeWire and WirePlumber are not installed";
+  testing::StandInScreenCastPortal portal(testing::StandInScreenCastPortal::StartAnswer::Cast,
+                                          patternStream(pipewire));
+  ASSERT_TRUE(portal.ready());
+  // Asked for by name, and chosen on a Wayland session; no X11 display to fall back on.
+  const struct {
+    const char* name;
+    std::vector<std::string> environment;
+    std::vector<std::string> arguments;
+  } cases[] = {
+      {"--source portal", {}, {"--source", "portal"}},
+      {"automatic on Wayland", {"WAYLAND_DISPLAY=wayland-0"}, {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    clearMovies();
+    std::vector<std::string> environment = portal.environment();
+    environment.push_back("DISPLAY=");
+    environment.insert(environment.end(), c.environment.begin(), c.environment.end());
+    const auto result = record(environment, c.arguments);
+    ASSERT_EQ(result.exitCode, 0) << result.output;
+    EXPECT_NE(result.output.find("through the screen-cast portal"), std::string::npos)
+        << result.output;
+    const auto found = movies();
+    ASSERT_EQ(found.size(), 1u);
+    const std::string facts = probe(found[0]);
+    EXPECT_NE(facts.find("codec_name=h264"), std::string::npos) << facts;
+    EXPECT_NE(facts.find("width=" + std::to_string(kPatternWidth)), std::string::npos) << facts;
+    EXPECT_NE(facts.find("height=" + std::to_string(kPatternHeight)), std::string::npos) << facts;
+    const auto at = facts.find("duration=");
+    ASSERT_NE(at, std::string::npos) << facts;
+    EXPECT_NEAR(std::stod(facts.substr(at + 9)), 2.0, 0.5) << facts;
+    EXPECT_TRUE(sessionsCloseSoon(portal));
+  }
+  const auto calls = portal.calls();
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "ScreenCast.OpenPipeWireRemote"), 2);
+}
+
+TEST_F(ScreenCastPortalTest, APortalThatDoesNotStartTheCastIsTheAnswerEvenWithX11) {
+  testing::XvfbDisplay xvfb;
+  if (xvfb.display().empty()) GTEST_SKIP() << "no Xvfb";
+  using Answer = testing::StandInScreenCastPortal::StartAnswer;
+  const struct {
+    Answer answer;
+    const char* message;
+  } cases[] = {
+      {Answer::Cancel, "the screen cast was cancelled by the user"},
+      {Answer::Fail, "the screen-cast portal refused to start the screen cast (response 2)"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.message);
+    // Nothing is ever cast: the stream is never asked for.
+    testing::StandInScreenCastPortal portal(c.answer, {});
+    ASSERT_TRUE(portal.ready());
+    std::vector<std::string> environment = portal.environment();
+    environment.push_back("WAYLAND_DISPLAY=wayland-0");
+    for (const std::vector<std::string>& source :
+         {std::vector<std::string>{"--source", "portal"}, std::vector<std::string>{}}) {
+      std::vector<std::string> arguments = source;
+      arguments.insert(arguments.end(), {"--display", xvfb.display()});
+      const auto result = record(environment, arguments);
+      EXPECT_EQ(result.exitCode, 1) << result.output;
+      EXPECT_NE(result.output.find(c.message), std::string::npos) << result.output;
+      EXPECT_EQ(result.output.find("recording the screen"), std::string::npos) << result.output;
+    }
+    EXPECT_TRUE(sessionsCloseSoon(portal));
+    const auto calls = portal.calls();
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), "ScreenCast.OpenPipeWireRemote"), 0);
+  }
+  EXPECT_TRUE(movies().empty());
+}
 
 TEST_F(ScreenCastPortalTest, AUserWhoCancelsTheChooserIsAnsweredNotRecordedFromX11) {
   testing::HeadlessWaylandDesktop desktop(testing::HeadlessWaylandDesktop::Chooser::Cancel, 640,
