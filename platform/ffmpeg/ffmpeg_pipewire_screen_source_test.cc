@@ -64,6 +64,16 @@ TEST_F(PipeWireScreenSourceTest, EndsWithAnErrorWhenPipeWireGoesAway) {
   EXPECT_FALSE(source->read(item, error));
 }
 
+TEST_F(PipeWireScreenSourceTest, ANodeThatIsNotThereIsAnErrorNotAnotherSource) {
+  // The test pattern is the only video source, the one a session manager would fall back on.
+  const auto missing = static_cast<uint32_t>(pipewire_.node() + 1000);
+  OptionalError error;
+  auto source = MediaSourcePipeWireScreen::open(pipewire_.connect(), missing, 30, error);
+  EXPECT_FALSE(source);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->kind, ErrorKind::Media) << error->message;
+}
+
 TEST_F(PipeWireScreenSourceTest, InterruptEndsAWaitingRead) {
   // One picture a second: the second read waits long enough to be interrupted.
   auto source = open(1);
