@@ -2,6 +2,7 @@
 // compositor, a stand-in portal casting a PipeWire stream, their answers, and the choice between
 // the portal and X11.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -73,11 +74,8 @@ bool sessionsCloseSoon(const testing::StandInScreenCastPortal& portal) {
 }
 
 TEST_F(ScreenCastPortalTest, RecordsTheStreamThePortalStartsThroughItsPipeWireConnection) {
-  testing::PrivatePipeWire pipewire;
-  if (pipewire.node() < 0) GTEST_SKIP() << "PipeWire and WirePlumber are not installed";
-  testing::StandInScreenCastPortal portal(testing::StandInScreenCastPortal::StartAnswer::Cast,
-                                          patternStream(pipewire));
-  ASSERT_TRUE(portal.ready());
+  if (::access("/usr/bin/pipewire", X_OK) != 0 || ::access("/usr/bin/wireplumber", X_OK) != 0)
+    GTEST_SKIP() << "PipeWire and WirePlumber are not installed";
   // Asked for by name, and chosen on a Wayland session; no X11 display to fall back on.
   const struct {
     const char* name;
@@ -90,6 +88,13 @@ TEST_F(ScreenCastPortalTest, RecordsTheStreamThePortalStartsThroughItsPipeWireCo
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     clearMovies();
+    // A daemon per recording: its test pattern does not always start again for a second
+    // reader, which a compositor's stream would.
+    testing::PrivatePipeWire pipewire;
+    ASSERT_GE(pipewire.node(), 0);
+    testing::StandInScreenCastPortal portal(testing::StandInScreenCastPortal::StartAnswer::Cast,
+                                            patternStream(pipewire));
+    ASSERT_TRUE(portal.ready()) << portal.whyNot();
     std::vector<std::string> environment = portal.environment();
     environment.push_back("DISPLAY=");
     environment.insert(environment.end(), c.environment.begin(), c.environment.end());
@@ -107,9 +112,9 @@ TEST_F(ScreenCastPortalTest, RecordsTheStreamThePortalStartsThroughItsPipeWireCo
     ASSERT_NE(at, std::string::npos) << facts;
     EXPECT_NEAR(std::stod(facts.substr(at + 9)), 2.0, 0.5) << facts;
     EXPECT_TRUE(sessionsCloseSoon(portal));
+    const auto calls = portal.calls();
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), "ScreenCast.OpenPipeWireRemote"), 1);
   }
-  const auto calls = portal.calls();
-  EXPECT_EQ(std::count(calls.begin(), calls.end(), "ScreenCast.OpenPipeWireRemote"), 2);
 }
 
 TEST_F(ScreenCastPortalTest, APortalThatDoesNotStartTheCastIsTheAnswerEvenWithX11) {
@@ -127,7 +132,7 @@ TEST_F(ScreenCastPortalTest, APortalThatDoesNotStartTheCastIsTheAnswerEvenWithX1
     SCOPED_TRACE(c.message);
     // Nothing is ever cast: the stream is never asked for.
     testing::StandInScreenCastPortal portal(c.answer, {});
-    ASSERT_TRUE(portal.ready());
+    ASSERT_TRUE(portal.ready()) << portal.whyNot();
     std::vector<std::string> environment = portal.environment();
     environment.push_back("WAYLAND_DISPLAY=wayland-0");
     for (const std::vector<std::string>& source :

@@ -49,6 +49,7 @@ class StandInScreenCastPortal {
   StandInScreenCastPortal(StartAnswer answer, Stream stream)
       : answer_(answer), stream_(std::move(stream)) {
     char pattern[] = "/tmp/nembra-portal-XXXXXX";
+    failure_ = "can't start a session bus";
     if (!::mkdtemp(pattern)) return;
     runtime_ = pattern;
     busAddress_ = "unix:path=" + runtime_ + "/bus";
@@ -58,17 +59,22 @@ class StandInScreenCastPortal {
                             bus_)) {
       return;
     }
-    for (int i = 0; i < 100 && !std::filesystem::exists(runtime_ + "/bus"); ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    // The socket appears before the daemon listens on it: retry until it answers.
     DBusError error;
     dbus_error_init(&error);
-    connection_ = dbus_connection_open_private(busAddress_.c_str(), &error);
+    for (int i = 0; i < 100 && !connection_; ++i) {
+      if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      dbus_error_free(&error);
+      connection_ = dbus_connection_open_private(busAddress_.c_str(), &error);
+    }
     if (!connection_ || !dbus_bus_register(connection_, &error) ||
         dbus_bus_request_name(connection_, kPortalName, DBUS_NAME_FLAG_DO_NOT_QUEUE, &error) !=
             DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER) {
+      failure_ = error.message ? error.message : "the portal's name is taken";
       dbus_error_free(&error);
       return;
     }
+    failure_.clear();
     dbus_connection_set_exit_on_disconnect(connection_, FALSE);
     dbus_connection_add_filter(connection_, &StandInScreenCastPortal::filter, this, nullptr);
     ready_ = true;
@@ -94,6 +100,8 @@ class StandInScreenCastPortal {
   StandInScreenCastPortal& operator=(const StandInScreenCastPortal&) = delete;
 
   bool ready() const { return ready_; }
+  // Why it is not ready.
+  const std::string& whyNot() const { return failure_; }
   // "NAME=value" entries that put a program on this portal's session bus.
   std::vector<std::string> environment() const {
     return {"DBUS_SESSION_BUS_ADDRESS=" + busAddress_};
@@ -403,6 +411,7 @@ class StandInScreenCastPortal {
   std::thread thread_;
   std::atomic<bool> stopping_{false};
   bool ready_ = false;
+  std::string failure_;
   int serial_ = 0;  // on the portal's thread
 
   mutable std::mutex mutex_;
