@@ -156,13 +156,12 @@ std::unique_ptr<MediaSourcePipeWireScreen> MediaSourcePipeWireScreen::open(int f
     return nullptr;
   }
   pw_core_add_listener(source->core_, &listeners.core, &listeners.coreEvents, self);
-  source->stream_ =
-      // Only the cast's own node will do: without "dont-reconnect" the session manager links a
-      // missing or vanished node's reader to whatever video source it likes (a camera, say).
-      pw_stream_new(source->core_, "nembra screen",
-                    pw_properties_new(PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY, "Capture",
-                                      PW_KEY_MEDIA_ROLE, "Screen", PW_KEY_NODE_DONT_RECONNECT,
-                                      "true", nullptr));
+  // Only the cast's own node will do: without "dont-reconnect" the session manager links a
+  // missing or vanished node's reader to whatever video source it likes (a camera, say).
+  source->stream_ = pw_stream_new(
+      source->core_, "nembra screen",
+      pw_properties_new(PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY, "Capture",
+                        PW_KEY_MEDIA_ROLE, "Screen", PW_KEY_NODE_DONT_RECONNECT, "true", nullptr));
   int rc = -1;
   if (source->stream_) {
     pw_stream_add_listener(source->stream_, &listeners.stream, &listeners.streamEvents, self);
