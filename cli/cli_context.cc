@@ -31,6 +31,19 @@ Nembra& CliContext::nembra() {
   return *nembra_;
 }
 
+Json parseNameValues(const std::vector<std::string>& pairs, std::string& error) {
+  Json values = Json::object();
+  for (const std::string& pair : pairs) {
+    const size_t equals = pair.find('=');
+    if (equals == std::string::npos || equals == 0) {
+      error = "\"" + pair + "\" is not name=value";
+      return nullptr;
+    }
+    values[pair.substr(0, equals)] = pair.substr(equals + 1);
+  }
+  return values;
+}
+
 std::function<std::string(const std::string&)> tokenValidator(const std::string& what) {
   return [what](const std::string& value) -> std::string {
     auto error = MediaToken::check(value, what);

@@ -49,6 +49,10 @@ class CliContext {
 // would name another resource): "" when |value| is fine, else why, naming |what|.
 std::function<std::string(const std::string&)> tokenValidator(const std::string& what);
 
+// Reads NAME=VALUE arguments into an object of strings. A malformed one gives null, and
+// |error| says which ("\"x\" is not name=value").
+Json parseNameValues(const std::vector<std::string>& pairs, std::string& error);
+
 // The device facts shown by device-info and the demo, and their plain-text form.
 Json collectDeviceReport(CliContext& context);
 void printDeviceReport(const Json& report, std::ostream& out);

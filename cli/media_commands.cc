@@ -107,19 +107,6 @@ void printModel(const Json& model, bool json) {
   }
 }
 
-Json parseFields(const std::vector<std::string>& pairs, std::string& error) {
-  Json data = Json::object();
-  for (const std::string& pair : pairs) {
-    size_t equals = pair.find('=');
-    if (equals == std::string::npos || equals == 0) {
-      error = "\"" + pair + "\" is not name=value";
-      return nullptr;
-    }
-    data[pair.substr(0, equals)] = pair.substr(equals + 1);
-  }
-  return data;
-}
-
 // Copies a cached download to |output| ("-" writes standard output).
 int deliver(const std::string& command, const std::string& cached, const std::string& output) {
   if (output.empty()) {
@@ -186,7 +173,7 @@ class ResourceCommands {
 
   int update(const MediaArguments& args) {
     std::string error;
-    Json data = parseFields(args.fields, error);
+    Json data = parseNameValues(args.fields, error);
     if (!error.empty()) return fail(command("update"), error, 2);
     std::optional<Json> json;
     if (int code = awaitJson(command("update"), "the update request", json, [&](auto callback) {
@@ -393,7 +380,7 @@ void registerVideoExtras(CLI::App& group, CliContext& context, int& exitCode,
     quietMedia(context);
     Nembra& nembra = context.nembra();
     std::string error;
-    Json data = parseFields(args->fields, error);
+    Json data = parseNameValues(args->fields, error);
     if (!error.empty()) {
       exitCode = fail("videos create", error, 2);
       return;

@@ -71,14 +71,9 @@ int runPlay(CliContext& context, const PlayArguments& args) {
   if (!args.ads.empty()) {
     VastAdsLoader::install(nembra.mainQueue(), std::make_shared<CurlHttpClient>(), {});
   }
-  Json extra = Json::object();
-  for (const std::string& entry : args.extra) {
-    size_t equals = entry.find('=');
-    if (equals == std::string::npos || equals == 0) {
-      return fail("--extra takes NAME=VALUE, not \"" + entry + "\"");
-    }
-    extra[entry.substr(0, equals)] = entry.substr(equals + 1);
-  }
+  std::string badExtra;
+  Json extra = parseNameValues(args.extra, badExtra);
+  if (extra.is_null()) return fail("--extra " + badExtra);
   config.addExtraArgs(extra);
   // A token never holds a slash: such an item is a file that is not there.
   for (const std::string& item : args.items) {

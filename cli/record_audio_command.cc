@@ -40,14 +40,9 @@ int runRecordAudio(CliContext& context, const RecordAudioArguments& arguments) {
   if (!context.options.ui.empty() && !parseUiKind(context.options.ui, kind)) {
     return fail("--ui takes window, terminal or none, not \"" + context.options.ui + "\"");
   }
-  Json extra = Json::object();
-  for (const std::string& pair : arguments.extra) {
-    const size_t equals = pair.find('=');
-    if (equals == std::string::npos || equals == 0) {
-      return fail("--extra \"" + pair + "\" is not name=value");
-    }
-    extra[pair.substr(0, equals)] = pair.substr(equals + 1);
-  }
+  std::string badExtra;
+  Json extra = parseNameValues(arguments.extra, badExtra);
+  if (extra.is_null()) return fail("--extra " + badExtra);
   if (arguments.maxDuration < 0) return fail("--max-duration must not be negative");
   RecorderConfig& config = nembra.recorderConfig();
   config.setIsPausedMode(arguments.pauseMode);

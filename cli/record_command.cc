@@ -124,14 +124,9 @@ OptionalError configure(const RecordArguments& args, RecorderConfig& config) {
   if (args.coverShot) config.setShouldEnableCoverShot(true);
   if (args.faceOutline) config.setShouldShowFaceOutline(true);
   if (args.live) config.setIsLiveStreaming(true);
-  Json extra = Json::object();
-  for (const std::string& pair : args.extra) {
-    const size_t equals = pair.find('=');
-    if (equals == std::string::npos || equals == 0) {
-      return Error::invalidArgument("--extra takes NAME=VALUE, not \"" + pair + "\"");
-    }
-    extra[pair.substr(0, equals)] = pair.substr(equals + 1);
-  }
+  std::string badExtra;
+  Json extra = parseNameValues(args.extra, badExtra);
+  if (extra.is_null()) return Error::invalidArgument("--extra " + badExtra);
   if (!extra.empty()) config.addExtraArgs(extra);
   return std::nullopt;
 }

@@ -95,6 +95,12 @@ int runRecordScreen(CliContext& context, const RecordScreenArguments& arguments)
   }
   // The movie was saved even when the display went away; the exit code still says so.
   std::cout << moved << "\n";
+  // A writer that failed (a full disk) still hands its file over; that file is not playable.
+  const ScreenMovieWriter* writer = handler.videoWriter();
+  if (writer && writer->status() == ScreenMovieWriter::Status::Failed) {
+    return fail("record-screen", "the movie could not be finished (" + writer->error() +
+                                     "): " + moved + " will not play");
+  }
   return ended ? 1 : 0;
 }
 

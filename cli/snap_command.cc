@@ -73,14 +73,9 @@ int runSnap(CliContext& context, const SnapArguments& arguments) {
   std::string problem;
   if (!cameraFeedOptions(arguments.camera, options.camera, problem)) return fail(problem);
   options.captureAfter = std::chrono::milliseconds(static_cast<int>(arguments.captureAfter * 1000));
-  Json extra = Json::object();
-  for (const std::string& pair : arguments.extra) {
-    const auto equals = pair.find('=');
-    if (equals == std::string::npos || equals == 0) {
-      return fail("--extra \"" + pair + "\" is not name=value");
-    }
-    extra[pair.substr(0, equals)] = pair.substr(equals + 1);
-  }
+  std::string badExtra;
+  Json extra = parseNameValues(arguments.extra, badExtra);
+  if (extra.is_null()) return fail("--extra " + badExtra);
   nembra.uploadingConfig().addExtraArgs(extra);
 
   SnapUpload upload;

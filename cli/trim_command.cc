@@ -73,14 +73,9 @@ int runTrim(CliContext& context, const TrimArguments& args) {
   if (kind == UiKind::None && !args.start && !args.end) {
     return fail("with --ui none, say what to keep with --start and --end");
   }
-  Json extra = Json::object();
-  for (const std::string& entry : args.extra) {
-    size_t equals = entry.find('=');
-    if (equals == std::string::npos || equals == 0) {
-      return fail("--extra takes NAME=VALUE, not \"" + entry + "\"");
-    }
-    extra[entry.substr(0, equals)] = entry.substr(equals + 1);
-  }
+  std::string badExtra;
+  Json extra = parseNameValues(args.extra, badExtra);
+  if (extra.is_null()) return fail("--extra " + badExtra);
   nembra.uploadingConfig().addExtraArgs(extra);
 
   // The token comes with the upload's start; a transfer that fails is told only here.

@@ -136,14 +136,11 @@ class UploadRun {
     UploadingConfig& config = nembra_.uploadingConfig();
     config.setShouldUseWifiOnly(arguments_.wifiOnly);
     config.setLostConnectionAction(actionCode(arguments_.onLost));
-    Json data = Json::object();
-    for (const std::string& pair : arguments_.extra) {
-      size_t equals = pair.find('=');
-      if (equals == std::string::npos || equals == 0) {
-        std::cerr << "nembra upload: --extra \"" << pair << "\" is not name=value\n";
-        return 2;
-      }
-      data[pair.substr(0, equals)] = pair.substr(equals + 1);
+    std::string badExtra;
+    Json data = parseNameValues(arguments_.extra, badExtra);
+    if (data.is_null()) {
+      std::cerr << "nembra upload: --extra " << badExtra << "\n";
+      return 2;
     }
     data_ = data;
     installDelegate();

@@ -127,5 +127,26 @@ TEST_F(CaptureBadInputTest, ADisplayGoingAwayEndsTheBroadcastWithTheMovieSaved) 
   EXPECT_TRUE(std::filesystem::exists(moved));
 }
 
+TEST_F(CaptureBadInputTest, AFullDiskEndsTheBroadcastWithTheReason) {
+  testing::XvfbDisplay xvfb("320x240x24");
+  if (xvfb.display().empty()) GTEST_SKIP() << "no Xvfb";
+  if (testing::runCommand({"unshare", "-Urm", "true"}).exitCode != 0) {
+    GTEST_SKIP() << "no private mount namespace on this machine";
+  }
+  // The temporary directory, where the movie is written, is a 24 KB file system of its own in a
+  // private mount namespace.
+  const std::string tmp = scratch_.path() + "/tmp";
+  std::filesystem::create_directories(tmp);
+  const std::string line = "mount -t tmpfs -o size=24k tmpfs " + quoted(tmp) +
+                           " && exec env -u DISPLAY NEMBRA_HOME=" + quoted(scratch_.path()) + " " +
+                           quoted(NEMBRA_CLI_PATH) +
+                           " --ui none record-screen --app-group full --display " +
+                           quoted(xvfb.display()) + " --mic lavfi --duration 4 2>&1";
+  const auto result = testing::runCommand({"unshare", "-Urm", "/bin/sh", "-c", line});
+  EXPECT_EQ(result.exitCode, 1) << result.output;
+  EXPECT_NE(result.output.find("No space left on device"), std::string::npos) << result.output;
+  EXPECT_NE(result.output.find("nembra record-screen: "), std::string::npos) << result.output;
+}
+
 }  // namespace
 }  // namespace nembra

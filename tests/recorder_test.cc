@@ -154,6 +154,34 @@ TEST_F(RecordCommandTest, ACameraThatGoesAwayMidwayUploadsWhatWasRecorded) {
   EXPECT_NEAR(uploaded.duration, 2.0, 0.3);
 }
 
+TEST_F(RecordCommandTest, AFullDiskStopsTheRecordingAndUploadsWhatWasWritten) {
+  // The recordings' directory is a 400 KB file system of its own, mounted in a private mount
+  // namespace so nothing outside the test sees it.
+  if (nembra::testing::runCommand({"unshare", "-Urm", "true"}, 10s).exitCode != 0) {
+    GTEST_SKIP() << "no private mount namespace on this machine";
+  }
+  fs::create_directories(documents());
+  std::string line = "mount -t tmpfs -o size=400k tmpfs '" + documents() + "' && exec";
+  for (const std::string& arg : argv({"--camera", "lavfi", "--mic", "lavfi", "--start-delay", "0",
+                                      "--max-duration", "30", "--quality", "low"})) {
+    line += " '" + arg + "'";
+  }
+  const CommandResult result =
+      nembra::testing::runCommand({"unshare", "-Urm", "/bin/sh", "-c", line}, 60s);
+  ASSERT_EQ(result.exitCode, 0) << result.output;
+  EXPECT_THAT(result.output, HasSubstr("the recording stopped early (the disk is full)"));
+  std::smatch token;
+  ASSERT_TRUE(std::regex_search(result.output, token, std::regex("video token: (\\S+)")))
+      << result.output;
+  const std::vector<std::string> videos = filesEndingWith(
+      scratch_.file("data") + "/media/" + kApp + "/videos/" + token[1].str(), "/video.mp4");
+  ASSERT_EQ(videos.size(), 1u) << result.output;
+  const Probe uploaded = probe(videos[0]);
+  EXPECT_EQ(uploaded.codecs, "h264,aac");
+  EXPECT_GT(uploaded.duration, 0.5);
+  EXPECT_LT(uploaded.duration, 30.0);
+}
+
 TEST_F(RecordCommandTest, ARecordingKilledMidwayIsRecoveredAndPlays) {
   ChildProcessOptions options;
   options.argv = argv({"--camera", "lavfi", "--mic", "lavfi", "--start-delay", "0", "--quality",

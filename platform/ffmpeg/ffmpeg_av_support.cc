@@ -64,6 +64,23 @@ OptionalError encodeAvJpeg(const AVFrame& picture, int quality, std::vector<uint
   return std::nullopt;
 }
 
+OptionalError openBestAvDecoder(AVFormatContext& input, AVMediaType type, int& index,
+                                AvCodecContext& decoder) {
+  index = -1;
+  const AVCodec* codec = nullptr;
+  const int best = av_find_best_stream(&input, type, -1, -1, &codec, 0);
+  if (best < 0 || !codec) return std::nullopt;
+  AvCodecContext context(avcodec_alloc_context3(codec));
+  if (!context) return Error::internal("out of memory");
+  int rc = avcodec_parameters_to_context(context.get(), input.streams[best]->codecpar);
+  if (rc >= 0) rc = avcodec_open2(context.get(), codec, nullptr);
+  if (rc < 0) return Error::media("cannot open a decoder: " + avErrorText(rc));
+  context->pkt_timebase = input.streams[best]->time_base;
+  index = best;
+  decoder = std::move(context);
+  return std::nullopt;
+}
+
 AvInput openAvInput(const std::string& path, std::string& error) {
   AVFormatContext* raw = nullptr;
   int rc = avformat_open_input(&raw, path.c_str(), nullptr, nullptr);

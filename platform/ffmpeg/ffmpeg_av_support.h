@@ -53,4 +53,9 @@ OptionalError encodeAvJpeg(const AVFrame& picture, int quality, std::vector<uint
 // Opens |path| and reads its stream parameters; on failure |error| holds the reason.
 AvInput openAvInput(const std::string& path, std::string& error);
 
+// Opens a decoder for |input|'s best track of |type|, timed in that track's time base. A file
+// without such a track leaves |index| at -1 and is no error.
+OptionalError openBestAvDecoder(AVFormatContext& input, AVMediaType type, int& index,
+                                AvCodecContext& decoder);
+
 }  // namespace nembra

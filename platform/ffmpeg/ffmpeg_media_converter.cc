@@ -17,18 +17,7 @@ struct Decoder {
 };
 
 OptionalError openDecoder(AVFormatContext& input, AVMediaType type, Decoder& decoder) {
-  const AVCodec* codec = nullptr;
-  int index = av_find_best_stream(&input, type, -1, -1, &codec, 0);
-  if (index < 0 || !codec) return std::nullopt;  // no such track: nothing to decode
-  AvCodecContext context(avcodec_alloc_context3(codec));
-  if (!context) return Error::internal("out of memory");
-  int rc = avcodec_parameters_to_context(context.get(), input.streams[index]->codecpar);
-  if (rc >= 0) rc = avcodec_open2(context.get(), codec, nullptr);
-  if (rc < 0) return Error::media("cannot open a decoder: " + avErrorText(rc));
-  context->pkt_timebase = input.streams[index]->time_base;
-  decoder.index = index;
-  decoder.context = std::move(context);
-  return std::nullopt;
+  return openBestAvDecoder(input, type, decoder.index, decoder.context);
 }
 
 class FfmpegMediaConverter final : public MediaConverter {

@@ -22,18 +22,8 @@ struct Track {
 };
 
 OptionalError openTrack(AVFormatContext& input, AVMediaType type, Track& track) {
-  const AVCodec* codec = nullptr;
-  int index = av_find_best_stream(&input, type, -1, -1, &codec, 0);
-  if (index < 0 || !codec) return std::nullopt;  // no such track: nothing to decode
-  AvCodecContext context(avcodec_alloc_context3(codec));
-  if (!context) return Error::internal("out of memory");
-  int rc = avcodec_parameters_to_context(context.get(), input.streams[index]->codecpar);
-  if (rc >= 0) rc = avcodec_open2(context.get(), codec, nullptr);
-  if (rc < 0) return Error::media("cannot open a decoder: " + avErrorText(rc));
-  context->pkt_timebase = input.streams[index]->time_base;
-  track.index = index;
-  track.stream = input.streams[index];
-  track.context = std::move(context);
+  if (auto error = openBestAvDecoder(input, type, track.index, track.context)) return error;
+  if (track.index >= 0) track.stream = input.streams[track.index];
   return std::nullopt;
 }
 
