@@ -30,6 +30,7 @@ test: build
 	cmake -S . -B $(ASAN_BUILD_DIR) -G Ninja -DNEMBRA_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
 	cmake --build $(ASAN_BUILD_DIR) -j $(JOBS) --target peerless_tests
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  LSAN_OPTIONS=suppressions=$(CURDIR)/scripts/lsan.supp \
 	  ctest --test-dir $(ASAN_BUILD_DIR) -L 'unit|fuzz' $(CTEST_FLAGS)
 
 # The unit and integration tests under ThreadSanitizer: not part of `make test` (time), but it

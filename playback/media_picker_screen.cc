@@ -95,8 +95,11 @@ void MediaPickerScreen::rowPicked(const std::string& list, int row) {
 }
 
 void MediaPickerScreen::buttonPressed(const std::string& name) {
-  if (name == "done" && !chosen_.empty()) end(false);
-  if (name == "cancel") end(true);
+  if (name == "done" && !chosen_.empty()) {
+    end(false);
+  } else if (name == "cancel") {
+    end(true);
+  }
 }
 
 void MediaPickerScreen::end(bool cancelled) {

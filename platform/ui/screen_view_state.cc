@@ -143,7 +143,9 @@ bool ScreenViewState::pickRow(const std::string& name, int row) {
 bool ScreenViewState::pressBoundKey(const std::string& key) {
   auto it = keys_.find(key);
   if (it == keys_.end() || alert_) return false;
-  pressButton(it->second);
+  // A copy: the press may rebind the keys, or end the screen, while the name is still in use.
+  const std::string button = it->second;
+  pressButton(button);
   return true;
 }
 
