@@ -114,6 +114,6 @@ function(nembra_integration_test name)
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST NO_PRETTY_VALUES
-    PROPERTIES LABELS integration TIMEOUT 300
+    PROPERTIES LABELS integration TIMEOUT 300 ENVIRONMENT "${NEMBRA_TEST_ENVIRONMENT}"
     WORKING_DIRECTORY ${PROJECT_BINARY_DIR})
 endfunction()
