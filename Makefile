@@ -53,7 +53,7 @@ bench: build
 # run ends on a table of executions and exec/s per target.
 fuzz: deps
 	CC=clang-14 CXX=clang++-14 cmake -S . -B $(FUZZ_BUILD_DIR) -G Ninja -DNEMBRA_FUZZ=ON
-	cmake --build $(FUZZ_BUILD_DIR) -j $(JOBS)
+	cmake --build $(FUZZ_BUILD_DIR) -j $(JOBS) --target fuzzers
 	@scripts/run-fuzzers.sh $(FUZZ_BUILD_DIR) $(FUZZ_SECONDS) $(FUZZ_RUNS)
 
 clean:
