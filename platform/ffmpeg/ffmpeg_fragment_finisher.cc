@@ -200,6 +200,9 @@ bool addFragment(const Bytes& moof, uint64_t offset, uint64_t end,
         const size_t each =
             4 * (((tr >> 8) & 1) + ((tr >> 9) & 1) + ((tr >> 10) & 1) + ((tr >> 11) & 1));
         if (p.size() < at + each * count) return false;
+        // Every sample holds at least a byte of the file: a count past the bytes left is a
+        // corrupt run, not millions of empty samples to list.
+        if (data > end || count > end - data) return false;
         if (!track->firstTime) track->firstTime = track->nextTime = 0;
         if (count > 0) track->chunks.emplace_back(data, count);
         for (uint32_t i = 0; i < count; ++i) {
