@@ -4,6 +4,7 @@ ASAN_BUILD_DIR ?= build-asan
 FUZZ_BUILD_DIR ?= build-fuzz
 TSAN_BUILD_DIR ?= build-tsan
 FUZZ_SECONDS   ?= 60
+FUZZ_RUNS      ?= 1000000
 JOBS           ?= $(shell nproc)
 CTEST_FLAGS    ?= --output-on-failure -j $(JOBS)
 
@@ -49,10 +50,12 @@ demo: build
 bench: build
 	@scripts/run-benchmarks.sh $(BUILD_DIR)
 
+# Each target runs until FUZZ_RUNS executions or FUZZ_SECONDS, whichever comes first, and the
+# run ends on a table of executions and exec/s per target.
 fuzz: deps
 	CC=clang-14 CXX=clang++-14 cmake -S . -B $(FUZZ_BUILD_DIR) -G Ninja -DNEMBRA_FUZZ=ON
-	cmake --build $(FUZZ_BUILD_DIR) -j $(JOBS)
-	@scripts/run-fuzzers.sh $(FUZZ_BUILD_DIR) $(FUZZ_SECONDS)
+	cmake --build $(FUZZ_BUILD_DIR) -j $(JOBS) --target fuzzers
+	@scripts/run-fuzzers.sh $(FUZZ_BUILD_DIR) $(FUZZ_SECONDS) $(FUZZ_RUNS)
 
 clean:
 	rm -rf $(BUILD_DIR) $(ASAN_BUILD_DIR) $(FUZZ_BUILD_DIR) $(TSAN_BUILD_DIR)

@@ -63,7 +63,10 @@ RemoteImageLoader::RemoteImageLoader(Nembra& application)
     : RemoteImageLoader(application, nullptr, Options{}) {}
 
 RemoteImageLoader::~RemoteImageLoader() {
-  *alive_ = false;
+  {
+    std::lock_guard lock(*completing_);
+    *alive_ = false;
+  }
   // Joins the workers; downloads still running complete into a dead flag.
   work_.reset();
   client_.reset();
@@ -128,9 +131,10 @@ void RemoteImageLoader::download(std::shared_ptr<Job> job, int attempt) {
   request.url = job->uri;
   const auto started = Clock::now();
   HttpTaskEvents events;
-  events.completion = [this, job, attempt, started, alive = alive_](
+  events.completion = [this, job, attempt, started, alive = alive_, completing = completing_](
                           HttpTask&, std::vector<uint8_t> body, const HttpResponse& response,
                           const OptionalError& error) {
+    std::lock_guard lock(*completing);
     if (!*alive || job->ticket->cancelled()) return;
     if (error) {
       const bool retry =

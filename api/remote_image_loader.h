@@ -13,6 +13,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "api/image_memory_cache.h"
@@ -92,6 +93,10 @@ class RemoteImageLoader {
   std::unique_ptr<ConcurrentQueue> work_;
   // Work posted to the queues checks it: the loader may be gone when it runs.
   std::shared_ptr<std::atomic<bool>> alive_ = std::make_shared<std::atomic<bool>>(true);
+  // Held by a download's completion (on the HTTP client's thread) while it uses the loader, and
+  // by the destructor while it clears alive_: a completion that saw the loader alive finishes
+  // with it before the queues go.
+  std::shared_ptr<std::mutex> completing_ = std::make_shared<std::mutex>();
 };
 
 }  // namespace nembra

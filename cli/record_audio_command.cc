@@ -77,12 +77,11 @@ int runRecordAudio(CliContext& context, const RecordAudioArguments& arguments) {
   };
   nembra.setUploadingDelegate(uploads);
   bool submitted = false;
-  std::string lastError;
   auto recorder = std::make_shared<NembraRecorderDelegate>();
   recorder->recorderManuallySubmitted = [&] { submitted = true; };
   nembra.setRecorderDelegate(recorder);
-  nembra.setLogSink([&lastError, debug = context.options.debug](const std::string& line) {
-    lastError = line;
+  // Runs on whichever thread logs, and may outlive this function: it holds nothing of its frame.
+  nembra.setLogSink([debug = context.options.debug](const std::string& line) {
     if (debug) std::cerr << line << "\n";
   });
   nembra.enableDebugLogs = true;

@@ -89,10 +89,16 @@ endfunction()
 # nembra_fuzzer(NAME SOURCE src DEPS dep... CORPUS dir) builds a fuzz target. With NEMBRA_FUZZ it
 # links libFuzzer; otherwise it links a replay driver and CTest replays the seed corpus
 # (label "fuzz") so every test run checks the corpus still passes.
+# `fuzzers` builds every libFuzzer target and nothing else (make fuzz): the screen modules the
+# fuzz configuration also defines need not be built to fuzz.
+if(NEMBRA_FUZZ AND NOT TARGET fuzzers)
+  add_custom_target(fuzzers)
+endif()
 function(nembra_fuzzer name)
   cmake_parse_arguments(ARG "" "SOURCE;CORPUS" "DEPS" ${ARGN})
   if(NEMBRA_FUZZ)
     add_executable(${name} ${ARG_SOURCE})
+    add_dependencies(fuzzers ${name})
     target_compile_options(${name} PRIVATE -fsanitize=fuzzer,address,undefined)
     target_link_options(${name} PRIVATE -fsanitize=fuzzer,address,undefined)
   else()
@@ -114,6 +120,6 @@ function(nembra_integration_test name)
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST NO_PRETTY_VALUES
-    PROPERTIES LABELS integration TIMEOUT 300
+    PROPERTIES LABELS integration TIMEOUT 300 ENVIRONMENT "${NEMBRA_TEST_ENVIRONMENT}"
     WORKING_DIRECTORY ${PROJECT_BINARY_DIR})
 endfunction()

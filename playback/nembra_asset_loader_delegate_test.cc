@@ -51,6 +51,12 @@ TEST(NembraAssetLoaderHelpersTest, CutsTheWantedBytesOutOfAWholeFileAnswer) {
   EXPECT_EQ(H::subdataFromData(2000, 1000, 0, 1500, std::nullopt)->count, 1000u);
   // A response that starts after the request cannot serve it.
   EXPECT_FALSE(H::subdataFromData(300, 100, 300, 200, 299));
+  // An empty request (offset 200, length 0: its end is 199) takes nothing from any piece.
+  for (uint64_t pieceStart : {0u, 150u, 199u, 200u}) {
+    auto none = H::subdataFromData(pieceStart, 1000, 0, 200, 199);
+    ASSERT_TRUE(none);
+    EXPECT_EQ(none->count, 0u) << pieceStart;
+  }
 }
 
 struct ConcatCase {

@@ -1,5 +1,6 @@
 #include "playback/nembra_asset_loader_helpers.h"
 
+#include <algorithm>
 #include <cassert>
 #include <charconv>
 
@@ -73,11 +74,13 @@ std::optional<Cut> subdataFromData(uint64_t pieceStart, uint64_t pieceLength,
                                    std::optional<uint64_t> requestEnd) {
   if (responseStart > requestStart || pieceLength == 0) return std::nullopt;
   const uint64_t pieceEnd = pieceStart + pieceLength;  // exclusive
-  const uint64_t wantedEnd = requestEnd ? *requestEnd + 1 : UINT64_MAX;
-  if (pieceEnd <= requestStart || pieceStart >= wantedEnd) return Cut{};
-  const uint64_t from = requestStart > pieceStart ? requestStart - pieceStart : 0;
+  // An empty request (its end just before its start) wants nothing, and one to the last
+  // possible byte has no end past it.
+  const uint64_t wantedEnd = requestEnd && *requestEnd < UINT64_MAX ? *requestEnd + 1 : UINT64_MAX;
+  const uint64_t first = std::max(pieceStart, requestStart);
   const uint64_t last = std::min(pieceEnd, wantedEnd);
-  return Cut{from, last - (pieceStart + from)};
+  if (last <= first) return Cut{};
+  return Cut{first - pieceStart, last - first};
 }
 
 std::optional<std::vector<ConcatPiece>> concatPlan(const std::vector<LoaderRange>& ranges,

@@ -1,16 +1,32 @@
 #include "playback/web_vtt.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <sstream>
 
 namespace nembra {
 
 namespace {
 
+// Times come from the service's JSON: a fractional or out-of-range number is clamped to what
+// the cue lines can show (under 100 hours) rather than converted out of range.
 int64_t milliseconds(const Json& value) {
-  if (value.is_number()) return value.get<int64_t>();
-  if (value.is_string()) return std::atoll(value.get<std::string>().c_str());
-  return 0;
+  constexpr int64_t kLargest = 100LL * 3600 * 1000 - 1;
+  int64_t result = 0;
+  if (value.is_number_integer()) {
+    result = value.is_number_unsigned() && value.get<uint64_t>() > uint64_t{kLargest}
+                 ? kLargest
+                 : value.get<int64_t>();
+  } else if (value.is_number_float()) {
+    const double number = value.get<double>();
+    if (std::isnan(number)) return 0;
+    result = static_cast<int64_t>(std::clamp(number, 0.0, static_cast<double>(kLargest)));
+  } else if (value.is_string()) {
+    result = std::strtoll(value.get<std::string>().c_str(), nullptr, 10);
+  }
+  return std::clamp<int64_t>(result, 0, kLargest);
 }
 
 std::optional<double> parseTimestamp(const std::string& text) {

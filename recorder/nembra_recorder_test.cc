@@ -583,11 +583,12 @@ class RecorderLiveTest : public RecorderTest {
     nembra_.setUploadingDelegate(uploads_);
   }
 
-  testing::HttpTestServer server_;
   std::string liveReply_ = R"({"video":{"token":"vid1"},"stream":{"token":"str1"}})";
   std::atomic<int> submits_{0};
   std::shared_ptr<NembraUploadingDelegate> uploads_;
   std::vector<std::string> finished_;
+  // Last, so that it stops before the members its handlers read go.
+  testing::HttpTestServer server_;
 };
 
 TEST_F(RecorderLiveTest, BuildsTheTargetWithItsTrailingCharacterAndReportsARefusedIngest) {

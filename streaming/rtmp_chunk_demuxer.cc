@@ -7,12 +7,10 @@
 
 namespace nembra {
 
-namespace {
-constexpr size_t kInitialPayloadReserve = 64 * 1024;
-}  // namespace
-
 RTMPChunkDemuxer::RTMPChunkDemuxer(std::shared_ptr<IReceiver<RTMPPacket>> packetReceiver)
-    : packetReceiver_(std::move(packetReceiver)), chunkSize_(rtmp::kDefaultChunkSize) {}
+    : packetReceiver_(std::move(packetReceiver)),
+      chunkSize_(rtmp::kDefaultChunkSize),
+      chunk_(MediaType::Data, MediaCodec::None, RTMPChunkHeaderSize::Full) {}
 
 RTMPChunkDemuxer::~RTMPChunkDemuxer() = default;
 
@@ -39,20 +37,23 @@ RTMPChunkParser& RTMPChunkDemuxer::ParserFor(RTMPChannel channel) {
 }
 
 void RTMPChunkDemuxer::StartChunk(uint8_t basicHeader) {
-  StreamLog::Write("going to receive data");
+  static const std::string kReceiving = "going to receive data";
+  StreamLog::Write(kReceiving);
   const rtmp::BasicHeaderFields fields = rtmp::ParseBasicHeader(basicHeader);
   chunkParser_ = &ParserFor(fields.channel);
   headerLength_ = rtmp::ChunkHeaderLength(fields.fmt);
   chunkLength_ = 0;
-  chunk_.emplace(MediaType::Data, MediaCodec::None, fields.fmt);
-  chunk_->Data().reserve(rtmp::kMaxHeaderLength);
-  chunk_->Data().push_back(basicHeader);
+  // One chunk buffer serves every chunk: its capacity stays, so framing allocates nothing once
+  // the largest chunk has been seen.
+  chunk_.SetHeaderSize(fields.fmt);
+  chunk_.Data().clear();
+  chunk_.Data().push_back(basicHeader);
   stage_ = Stage::MessageHeader;
 }
 
 size_t RTMPChunkDemuxer::PayloadLength() const {
-  const std::vector<uint8_t>& header = chunk_->Data();
-  if (rtmp::HasMessageLength(chunk_->HeaderSize())) {
+  const std::vector<uint8_t>& header = chunk_.Data();
+  if (rtmp::HasMessageLength(chunk_.HeaderSize())) {
     return std::min<uint64_t>(rtmp::MessageLengthField(header), ChunkSize());
   }
   return chunkParser_->GetNextChunkSize();
@@ -64,7 +65,7 @@ void RTMPChunkDemuxer::Consume(std::span<const uint8_t> bytes) {
       StartChunk(bytes.front());
       bytes = bytes.subspan(1);
     }
-    std::vector<uint8_t>& data = chunk_->Data();
+    std::vector<uint8_t>& data = chunk_.Data();
     if (stage_ == Stage::MessageHeader) {
       const size_t take = std::min(headerLength_ - data.size(), bytes.size());
       data.insert(data.end(), bytes.begin(), bytes.begin() + take);
@@ -72,9 +73,8 @@ void RTMPChunkDemuxer::Consume(std::span<const uint8_t> bytes) {
       if (data.size() < headerLength_) {
         return;
       }
+      // The buffer grows only as the announced bytes actually arrive.
       chunkLength_ = headerLength_ + PayloadLength();
-      // Trust an announced length only as far as bytes actually arrive.
-      data.reserve(std::min(chunkLength_, headerLength_ + kInitialPayloadReserve));
       stage_ = Stage::Payload;
     }
     const size_t take = std::min(chunkLength_ - data.size(), bytes.size());
@@ -83,11 +83,10 @@ void RTMPChunkDemuxer::Consume(std::span<const uint8_t> bytes) {
     if (data.size() < chunkLength_) {
       return;
     }
-    // Reset before handing on: the parser or the packet receiver may throw.
-    RTMPChunk chunk = std::move(*chunk_);
-    chunk_.reset();
+    // Reset before handing on: the parser or the packet receiver may throw. The parser reads
+    // the chunk and keeps none of it, so the buffer is free again once PutFrame returns.
     stage_ = Stage::BasicHeader;
-    chunkParser_->PutFrame(chunk);
+    chunkParser_->PutFrame(chunk_);
   }
 }
 

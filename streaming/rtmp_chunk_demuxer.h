@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <span>
 
 #include "streaming/receiver.h"
@@ -59,7 +58,7 @@ class RTMPChunkDemuxer {
   std::array<std::atomic<RTMPChunkParser*>, rtmp::kChannelSlots> publishedParsers_{};
 
   Stage stage_ = Stage::BasicHeader;
-  std::optional<RTMPChunk> chunk_;  // the chunk being assembled
+  RTMPChunk chunk_;  // the chunk being assembled, its header included
   RTMPChunkParser* chunkParser_ = nullptr;
   size_t headerLength_ = 0;
   size_t chunkLength_ = 0;  // header and payload, known once the header is complete

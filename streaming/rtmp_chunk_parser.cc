@@ -8,10 +8,6 @@
 
 namespace nembra {
 
-namespace {
-constexpr size_t kInitialPayloadReserve = 64 * 1024;
-}  // namespace
-
 RTMPChunkParser::RTMPChunkParser(std::shared_ptr<IReceiver<RTMPPacket>> next, RTMPChannel channel)
     : MediaTransformer(std::move(next)), chunkSize_(rtmp::kDefaultChunkSize), channel_(channel) {}
 
@@ -70,9 +66,7 @@ TransformResult RTMPChunkParser::StartNewMessage(RTMPChunk& chunk, RTMPPacket& p
   previous_ = {packet.PacketType(), packet.RTMPTimestamp(), packet.RTMPPackedTimestamp(),
                messageLength_};
   bytesReceived_ = 0;
-  std::vector<uint8_t>& payload = packet.Data();
-  payload.clear();
-  payload.reserve(std::min(messageLength_, kInitialPayloadReserve));
+  packet.Data().clear();
   return AppendPayload(chunk, reader.Position(), packet);
 }
 
@@ -95,8 +89,10 @@ TransformResult RTMPChunkParser::AppendPayload(const RTMPChunk& chunk, size_t of
   }
   std::vector<uint8_t>& payload = packet.Data();
   if (payload.size() + count > payload.capacity()) {
-    // The announced length is trusted for the allocation once its bytes keep coming.
-    payload.reserve(messageLength_);
+    // Grows with the bytes that arrived, never past the announced length: a header that
+    // announces 16 MB and sends a few bytes costs a few bytes.
+    payload.reserve(
+        std::min(messageLength_, std::max(payload.size() + count, 2 * payload.capacity())));
   }
   payload.insert(payload.end(), data.end() - static_cast<ptrdiff_t>(count), data.end());
   bytesReceived_ += count;

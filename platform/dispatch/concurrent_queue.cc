@@ -46,6 +46,7 @@ void ConcurrentQueue::loop() {
     tasks_.pop_front();
     lock.unlock();
     task();
+    task = nullptr;  // its captures are released unlocked, as on the main queue
     lock.lock();
   }
 }

@@ -2,6 +2,10 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <functional>
+#include <future>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -74,6 +78,50 @@ TEST(ConcurrentQueueTest, RunsTasksInParallelUnderTheLongNameSuffix) {
   std::unique_lock lock(mutex);
   ASSERT_TRUE(cv.wait_for(lock, 5s, [&] { return waiting == 2; }));
   EXPECT_EQ(names, std::set<std::string>{"mbraUploadQueue"});
+}
+
+// Posts to a queue from its destructor, as a released capture may (an object whose last owner
+// was a task, reporting its end).
+struct PostsWhenReleased {
+  std::function<void()> post;
+  ~PostsWhenReleased() {
+    if (post) post();
+  }
+};
+
+// Waits for |future|; a queue that releases its task under its own lock deadlocks instead, and
+// its thread can only be abandoned.
+void expectReady(std::future<void>& future) {
+  if (future.wait_for(5s) != std::future_status::ready) {
+    ADD_FAILURE() << "a task was released with its queue locked";
+    std::abort();
+  }
+}
+
+TEST(QueueReleaseTest, ATaskIsReleasedWithItsQueueUnlocked) {
+  {
+    MainQueue main;
+    std::promise<void> posted;
+    auto guard = std::make_shared<PostsWhenReleased>();
+    guard->post = [&] { main.async([&] { posted.set_value(); }); };
+    main.async([guard = std::move(guard)] {});
+    std::future<void> ran = std::async(std::launch::async, [&] { main.runUntilIdle(); });
+    expectReady(ran);
+    std::future<void> marker = posted.get_future();
+    expectReady(marker);
+  }
+  auto check = [](auto& queue) {
+    std::promise<void> posted;
+    std::future<void> marker = posted.get_future();
+    auto guard = std::make_shared<PostsWhenReleased>();
+    guard->post = [&] { queue.async([&] { posted.set_value(); }); };
+    queue.async([guard = std::move(guard)] {});
+    expectReady(marker);
+  };
+  SerialQueue serial("release");
+  check(serial);
+  ConcurrentQueue concurrent("release", 1);
+  check(concurrent);
 }
 
 TEST(MainQueueTest, RunUntilIdleRunsNestedPostsAndMarksItselfCurrent) {

@@ -38,6 +38,9 @@ bool MainQueue::runOne(std::unique_lock<std::mutex>& lock) {
   runner_ = std::this_thread::get_id();
   lock.unlock();
   task();
+  // The task's captures go before the lock is taken again: their destructors may lock mutexes
+  // of their own that other threads hold while posting here, or post here themselves.
+  task = nullptr;
   lock.lock();
   runner_ = previous;
   return true;

@@ -48,6 +48,7 @@ void SerialQueue::loop() {
     tasks_.pop_front();
     lock.unlock();
     task();
+    task = nullptr;  // its captures are released unlocked, as on the main queue
     lock.lock();
   }
 }

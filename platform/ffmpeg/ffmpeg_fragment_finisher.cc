@@ -200,6 +200,9 @@ bool addFragment(const Bytes& moof, uint64_t offset, uint64_t end,
         const size_t each =
             4 * (((tr >> 8) & 1) + ((tr >> 9) & 1) + ((tr >> 10) & 1) + ((tr >> 11) & 1));
         if (p.size() < at + each * count) return false;
+        // Every sample holds at least a byte of the file: a count past the bytes left is a
+        // corrupt run, not millions of empty samples to list.
+        if (data > end || count > end - data) return false;
         if (!track->firstTime) track->firstTime = track->nextTime = 0;
         if (count > 0) track->chunks.emplace_back(data, count);
         for (uint32_t i = 0; i < count; ++i) {
@@ -307,6 +310,14 @@ void setDuration(Box& box, size_t at32, size_t at64, uint64_t duration) {
   }
 }
 
+// The track id of a tkhd, which sits further in for version 1; absent when the box is too short
+// for its version.
+std::optional<uint32_t> trackIdOf(const Box& tkhd) {
+  const size_t at = !tkhd.payload.empty() && tkhd.payload[0] == 1 ? 20 : 12;
+  if (tkhd.payload.size() < at + 4) return std::nullopt;
+  return read32(tkhd.payload.data() + at);
+}
+
 uint32_t timescaleOf(const Box& box) {
   const size_t at = box.payload.size() > 0 && box.payload[0] == 1 ? 20 : 12;
   return box.payload.size() >= at + 4 ? read32(box.payload.data() + at) : 0;
@@ -387,12 +398,13 @@ InPlaceFinish finishFragmentsInPlace(const std::string& partPath, const std::str
     Box* tkhd = trak.child("tkhd");
     Box* mdia = trak.child("mdia");
     Box* mdhd = mdia ? mdia->child("mdhd") : nullptr;
-    if (!tkhd || !mdhd || tkhd->payload.size() < 16) {
+    const std::optional<uint32_t> id = tkhd ? trackIdOf(*tkhd) : std::nullopt;
+    if (!id || !mdhd) {
       why = partPath + " has a broken track";
       return InPlaceFinish::Failed;
     }
     Track track;
-    track.id = read32(tkhd->payload.data() + (tkhd->payload[0] == 1 ? 20 : 12));
+    track.id = *id;
     track.timescale = timescaleOf(*mdhd);
     tracks[track.id] = track;
   }
@@ -469,7 +481,7 @@ InPlaceFinish finishFragmentsInPlace(const std::string& partPath, const std::str
     if (box.type == "mvex") continue;
     if (box.type == "trak") {
       Box* tkhd = box.child("tkhd");
-      const Track& track = tracks[read32(tkhd->payload.data() + (tkhd->payload[0] == 1 ? 20 : 12))];
+      const Track& track = tracks[*trackIdOf(*tkhd)];
       if (track.sizes.empty() || track.timescale == 0) continue;
       Box* mdia = box.child("mdia");
       Box* minf = mdia->child("minf");

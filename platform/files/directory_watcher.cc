@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "platform/dispatch/thread_name.h"
+#include "platform/files/inotify_events.h"
 
 namespace nembra {
 
@@ -55,7 +56,7 @@ DirectoryWatcher::~DirectoryWatcher() {
 
 void DirectoryWatcher::run() {
   setCurrentThreadName("com.nembra.directoryWatcher");
-  alignas(inotify_event) char buffer[4096];
+  alignas(inotify_event) uint8_t buffer[4096];
   for (;;) {
     pollfd fds[2] = {{inotify_, POLLIN, 0}, {wake_, POLLIN, 0}};
     if (::poll(fds, 2, -1) < 0) {
@@ -65,10 +66,9 @@ void DirectoryWatcher::run() {
     if (fds[1].revents) return;
     const ssize_t length = ::read(inotify_, buffer, sizeof buffer);
     if (length <= 0) continue;
-    for (ssize_t offset = 0; offset < length;) {
-      const auto* event = reinterpret_cast<const inotify_event*>(buffer + offset);
-      offset += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
-      if (event->len > 0 && onChange_) onChange_(event->name);
+    const std::span<const uint8_t> events(buffer, static_cast<size_t>(length));
+    for (const std::string& name : InotifyEvents::names(events)) {
+      if (onChange_) onChange_(name);
     }
   }
 }

@@ -433,6 +433,9 @@ class HttpStreamTest : public HttpClientTest {
  protected:
   static constexpr size_t kBodySize = 24 << 20;
 
+  // The server's workers send from body_, which goes before the base class stops them.
+  ~HttpStreamTest() override { server_.stop(); }
+
   static std::string pattern() {
     std::string body(kBodySize, '\0');
     for (size_t i = 0; i < body.size(); ++i)

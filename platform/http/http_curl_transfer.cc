@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "platform/http/http_curl_loop.h"
+#include "platform/http/http_header_line.h"
 #include "platform/http/url_redaction.h"
 
 namespace nembra {
@@ -11,11 +12,6 @@ namespace nembra {
 namespace {
 
 constexpr long kMaxRedirects = 16;
-
-std::string trimLineEnd(const char* data, size_t length) {
-  while (length > 0 && (data[length - 1] == '\n' || data[length - 1] == '\r')) --length;
-  return std::string(data, length);
-}
 
 }  // namespace
 
@@ -334,15 +330,7 @@ size_t CurlTransfer::onWrite(char* data, size_t size, size_t count, void* self) 
 size_t CurlTransfer::onHeader(char* data, size_t size, size_t count, void* self) {
   auto* transfer = static_cast<CurlTransfer*>(self);
   transfer->answered_ = true;
-  std::string line = trimLineEnd(data, size * count);
-  if (line.rfind("HTTP/", 0) == 0) {
-    // A new status line: an interim (1xx) or redirect response came before; keep the last.
-    transfer->receivedHeaders_.clear();
-  } else if (auto colon = line.find(':'); colon != std::string::npos) {
-    size_t valueStart = line.find_first_not_of(" \t", colon + 1);
-    transfer->receivedHeaders_.emplace_back(
-        line.substr(0, colon), valueStart == std::string::npos ? "" : line.substr(valueStart));
-  }
+  HttpHeaderLine::apply(std::string_view(data, size * count), transfer->receivedHeaders_);
   return size * count;
 }
 
