@@ -37,6 +37,8 @@ class AudioOutput {
   // spec() afterwards) and starts pulling, paused until pause(false).
   virtual OptionalError start(const AudioSpec& wanted, Fill fill) = 0;
   virtual AudioSpec spec() const = 0;
+  // Pausing waits for a fill in progress: |fill| is not called again until pause(false). Never
+  // called from |fill|.
   virtual void pause(bool paused) = 0;
   // Stops pulling; |fill| is not called after this returns.
   virtual void stop() = 0;

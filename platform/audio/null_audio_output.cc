@@ -30,7 +30,9 @@ OptionalError NullAudioOutput::start(const AudioSpec& wanted, Fill fill) {
 }
 
 void NullAudioOutput::pause(bool paused) {
-  std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
+  // As with a device, a pause returns once a fill in progress has ended: none comes after it.
+  if (paused) wake_.wait(lock, [this] { return !filling_; });
   if (paused && !paused_ && chunkSeconds_ > 0) {
     // What is left of the chunk playing now plays out after the pause, so the clock neither
     // jumps back now nor forward at resume.
@@ -75,12 +77,15 @@ void NullAudioOutput::loop() {
       wake_.wait_until(lock, next, [this] { return stopping_ || paused_; });
       continue;
     }
+    filling_ = true;
     lock.unlock();
     std::fill(samples.begin(), samples.end(), 0);
     fill_(samples.data(), frames);
     lock.lock();
+    filling_ = false;
     chunkStart_ = Clock::now();
     chunkSeconds_ = kChunkSeconds;
+    wake_.notify_all();
     next +=
         std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(kChunkSeconds));
     wake_.wait_until(lock, next, [this] { return stopping_ || paused_; });

@@ -38,6 +38,7 @@ class NullAudioOutput final : public AudioOutput {
   std::condition_variable wake_;
   bool paused_ = true;            // guarded by mutex_
   bool stopping_ = false;         // guarded by mutex_
+  bool filling_ = false;          // a fill is running, outside the lock; guarded by mutex_
   Clock::time_point chunkStart_;  // when the last chunk began playing; guarded by mutex_
   double chunkSeconds_ = 0;       // guarded by mutex_
 };
