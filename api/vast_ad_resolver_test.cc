@@ -81,10 +81,11 @@ class VastAdResolverTest : public ::testing::Test {
     return hits();
   }
 
-  HttpTestServer server_;
-  CurlHttpClient http_;
+  // The documents outlive the server: its handler threads read them until it is stopped.
   std::mutex mutex_;
   std::map<std::string, std::string> documents_;
+  HttpTestServer server_;
+  CurlHttpClient http_;
 };
 
 TEST_F(VastAdResolverTest, AWrapperChainMergesTrackingOfEveryLevelAndPicksTheFittingMp4) {

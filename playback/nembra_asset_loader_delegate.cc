@@ -81,6 +81,11 @@ void NembraAssetLoaderDelegate::setDelegate(
   delegate_ = std::move(delegate);
 }
 
+void NembraAssetLoaderDelegate::removeDelegate(const NembraAssetLoaderDelegatesDelegate& delegate) {
+  std::lock_guard lock(mutex_);
+  if (delegate_.lock().get() == &delegate) delegate_.reset();
+}
+
 double NembraAssetLoaderDelegate::networkTimeout() const {
   std::lock_guard lock(mutex_);
   return networkTimeout_;

@@ -95,6 +95,9 @@ class NembraAssetLoaderDelegate : public std::enable_shared_from_this<NembraAsse
   ~NembraAssetLoaderDelegate();
 
   void setDelegate(std::weak_ptr<NembraAssetLoaderDelegatesDelegate> delegate);
+  // Forgets |delegate| if it is the current one. Waits for a call to it in progress: once this
+  // returns, the loader never calls it again.
+  void removeDelegate(const NembraAssetLoaderDelegatesDelegate& delegate);
   double networkTimeout() const;
   void setNetworkTimeout(double seconds);
   const std::string& originalURL() const { return originalURL_; }

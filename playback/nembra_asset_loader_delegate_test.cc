@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <future>
 #include <thread>
 
 #include "platform/http/http_curl_client.h"
@@ -377,6 +378,41 @@ TEST(NembraURLAssetTest, LocalFilesNeverReachTheLoader) {
     EXPECT_EQ(asset->url(), "/tmp/clip.mp4");
     EXPECT_FALSE(asset->playerItem().source);
   }
+}
+
+TEST_F(LoaderTest, ARemovedDelegateIsNeitherCalledAgainNorStillInACallWhenRemovalReturns) {
+  const std::string file = testing::patternBytes(5000);
+  RangeServer server(file);
+  const std::string url = server.url("/videos/tok/video.mp4");
+  auto loader = makeLoader(url);
+  // The first range report is held inside the delegate until released.
+  std::promise<void> entered;
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  std::atomic<int> calls{0};
+  std::atomic<bool> callEnded{false};
+  recorder_->didLoadDataForRange = [&](auto&, const LoadedData&, const LoaderRange&, auto&) {
+    if (calls.fetch_add(1) == 0) {
+      entered.set_value();
+      released.wait();
+    }
+    callEnded.store(true);
+  };
+  ASSERT_TRUE(loader->shouldWaitForLoadingOfRequestedResource(dataRequest(url, 0, 100)));
+  entered.get_future().wait();
+  auto removal = std::async(std::launch::async, [&] {
+    loader->removeDelegate(*recorder_);
+    return callEnded.load();
+  });
+  std::this_thread::sleep_for(50ms);  // gives a removal that does not wait the chance to return
+  release.set_value();
+  EXPECT_TRUE(removal.get()) << "removal returned while the delegate was still being called";
+
+  auto later = dataRequest(url, 100, 100);
+  ASSERT_TRUE(loader->shouldWaitForLoadingOfRequestedResource(later));
+  ASSERT_TRUE(finish(*later));
+  ASSERT_TRUE(waitFor([&] { return loader->pendingRequestCount() == 0; }));
+  EXPECT_EQ(calls.load(), 1);
 }
 
 }  // namespace

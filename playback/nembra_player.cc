@@ -70,6 +70,15 @@ NembraPlayer::NembraPlayer(Nembra& application, std::vector<NembraPlayerItem> it
 
 NembraPlayer::~NembraPlayer() {
   *alive_ = false;
+  // The loaders may outlive the player on the network thread; from here on they must not post
+  // to a main queue that may go with it.
+  if (loaderDelegate_) {
+    for (const NembraPlayerItem& item : items_) {
+      if (item.asset && item.asset->resourceLoaderDelegate()) {
+        item.asset->resourceLoaderDelegate()->removeDelegate(*loaderDelegate_);
+      }
+    }
+  }
   if (adsManager_) adsManager_->destroy();
   if (engine_) engine_->close();
 }

@@ -74,6 +74,7 @@ class FakeEngine final : public MediaPlayerEngine {
   MediaPlayerStatus status() const override { return MediaPlayerStatus::ReadyToPlay; }
   MediaPlayerTimeControlStatus timeControlStatus() const override { return status_; }
   size_t currentItemIndex() const override { return 0; }
+  uint64_t droppedPictureCount() const override { return 0; }
   void close() override { calls_->push_back("close"); }
 
   double time = 0;

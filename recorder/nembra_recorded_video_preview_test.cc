@@ -30,6 +30,7 @@ class FakeEngine final : public MediaPlayerEngine {
     return MediaPlayerTimeControlStatus::Paused;
   }
   size_t currentItemIndex() const override { return 0; }
+  uint64_t droppedPictureCount() const override { return 0; }
   void close() override { calls_.push_back("close"); }
 
  private:

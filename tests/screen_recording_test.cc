@@ -68,11 +68,12 @@ TEST(ScreenRecordingTest, ARecordedScreenLandsInTheSharedDirectoryAndIsUploadedO
     ASSERT_EQ(tokens.size(), 1u);
     EXPECT_TRUE(std::filesystem::is_empty(shared));
 
+    // The answer comes on the connection's queue: read it on the main queue.
     std::optional<Json> video;
     nembra.uploadingHandler().getWithType(
         VIDEO, tokens[0], Json::object(),
         [&](const std::optional<Json>& json, const HttpResponse&, const OptionalError&) {
-          video = json.value_or(Json::object());
+          queue.async([&video, answer = json.value_or(Json::object())] { video = answer; });
         });
     ASSERT_TRUE(queue.runUntil([&] { return video.has_value(); }));
     ASSERT_TRUE(video->contains("duration")) << video->dump();

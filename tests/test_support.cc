@@ -107,6 +107,9 @@ std::unique_ptr<ServeProcess> ServeProcess::start(const Options& options, std::s
   child.argv.insert(child.argv.end(), options.extraArgs.begin(), options.extraArgs.end());
   child.stdoutPath = serve->scratch_->file("output");
   child.stderrPath = child.stdoutPath;
+  // A test that dies without its destructors (a sanitizer's abort) must not leave the service
+  // running: it would hold the test runner's output pipe open.
+  child.killWithParentThread = true;
   if (auto failure = ChildProcess::start(child, serve->process_)) {
     error = failure->message;
     return nullptr;

@@ -76,7 +76,13 @@ void PlayerEngine::openItem(size_t index, uint64_t generation) {
     updateTimeControlLocked();
   }
   // Closed outside the lock: its threads may be waiting to post a report.
-  previous.reset();
+  if (previous) {
+    previous->close();
+    const uint64_t dropped = previous->droppedPictures();
+    previous.reset();
+    std::lock_guard lock(mutex_);
+    droppedBefore_ += dropped;
+  }
   if (surface_) surface_->clear();
   std::lock_guard lock(mutex_);
   if (closed_ || generation != generation_ || index >= items_.size()) return;
@@ -226,6 +232,11 @@ double PlayerEngine::rate() const {
 double PlayerEngine::currentTime() const {
   std::lock_guard lock(mutex_);
   return session_ ? session_->currentTime() : 0.0;
+}
+
+uint64_t PlayerEngine::droppedPictureCount() const {
+  std::lock_guard lock(mutex_);
+  return droppedBefore_ + (session_ ? session_->droppedPictures() : 0);
 }
 
 double PlayerEngine::duration() const {

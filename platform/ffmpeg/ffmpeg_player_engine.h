@@ -39,6 +39,7 @@ class PlayerEngine final : public MediaPlayerEngine, private PlayerSession::List
   MediaPlayerStatus status() const override;
   MediaPlayerTimeControlStatus timeControlStatus() const override;
   size_t currentItemIndex() const override;
+  uint64_t droppedPictureCount() const override;
   void close() override;
 
  private:
@@ -71,6 +72,7 @@ class PlayerEngine final : public MediaPlayerEngine, private PlayerSession::List
   uint64_t generation_ = 0;  // bumped by setItems: reports of older sessions are dropped
   std::unique_ptr<PlayerSession> session_;
   uint64_t sessionIds_ = 0;
+  uint64_t droppedBefore_ = 0;         // pictures dropped by the sessions already closed
   bool playing_ = false;               // play() asked
   bool finished_ = false;              // the last item has played to its end
   std::optional<double> pendingSeek_;  // asked before the item's session existed

@@ -62,6 +62,11 @@ void PlayerSession::close() {
   if (videoRenderer_) videoRenderer_->stop();
 }
 
+uint64_t PlayerSession::droppedPictures() {
+  std::lock_guard lock(mutex_);
+  return videoRenderer_ ? static_cast<uint64_t>(videoRenderer_->droppedCount()) : 0;
+}
+
 AvCodecContext PlayerSession::openCodec(AVFormatContext* input, int index, std::string& error) {
   const AVStream* stream = input->streams[index];
   const AVCodec* codec = avcodec_find_decoder(stream->codecpar->codec_id);

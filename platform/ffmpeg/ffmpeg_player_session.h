@@ -52,6 +52,8 @@ class PlayerSession final : private Demuxer::Listener, private VideoRenderer::Li
   bool waiting() const { return waiting_.load() || starved_.load(); }
   // Joins every thread; returns within a few milliseconds even while a read is blocked.
   void close();
+  // Pictures the video renderer skipped for being late.
+  uint64_t droppedPictures();
 
   // Tells this session's reports from those of the sessions before it.
   uint64_t id() const { return id_; }

@@ -135,6 +135,10 @@ class MediaPlayerEngine {
   // Index in the queue of the current item. The last item stays current once it has ended
   // (paused at its end), so that seek and play replay it.
   virtual size_t currentItemIndex() const = 0;
+  // Pictures skipped since the engine was made because they were already late when due (the
+  // machine could not keep up). Every picture of an item played through is either shown on the
+  // surface or counted here.
+  virtual uint64_t droppedPictureCount() const = 0;
 
   // Stops everything and releases the media. Returns within 100 ms even while a read is blocked
   // (the byte source is cancelled). Calls already posted to the callback queue are dropped: once

@@ -72,7 +72,7 @@ class ScriptedRTMPServer {
   ~ScriptedRTMPServer() {
     stop_.store(true);
     if (thread_.joinable()) thread_.join();
-    CloseClient();
+    if (client_ >= 0) ::close(client_);
     ::close(listener_);
   }
 
@@ -153,14 +153,11 @@ class ScriptedRTMPServer {
     info->AddValue("description", AMFValue::String(description));
     return info;
   }
-  // Closes the connection at once, mid-stream.
+  // Closes the connection at once, mid-stream. The descriptor itself is released only once the
+  // server's thread has ended: closed under its recv, the number could go to another socket.
   void CloseClient() {
     std::lock_guard lock(sendMutex_);
-    if (client_ >= 0) {
-      ::shutdown(client_, SHUT_RDWR);
-      ::close(client_);
-      client_ = -1;
-    }
+    if (client_ >= 0) ::shutdown(client_, SHUT_RDWR);
   }
 
  private:

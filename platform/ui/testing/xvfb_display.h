@@ -4,6 +4,7 @@
 #pragma once
 
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,6 +26,8 @@ class XvfbDisplay {
       const std::string display = ":" + std::to_string(number);
       pid_ = ::fork();
       if (pid_ == 0) {
+        // A test that dies without its destructors (a sanitizer's abort) takes the server along.
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         ::execl("/usr/bin/Xvfb", "Xvfb", display.c_str(), "-screen", "0", screen.c_str(),
                 "-nolisten", "tcp", static_cast<char*>(nullptr));
         ::_exit(127);
