@@ -30,9 +30,8 @@ AvFrame picture(int width, int height, uint8_t value, AVRational aspect = {0, 1}
 
 bool allBytesAre(const VideoFrame& frame, uint8_t value) {
   for (const auto& plane : frame.planes) {
-    if (plane.empty() || std::any_of(plane.begin(), plane.end(), [&](uint8_t b) {
-          return b != value;
-        })) {
+    if (plane.empty() ||
+        std::any_of(plane.begin(), plane.end(), [&](uint8_t b) { return b != value; })) {
       return false;
     }
   }
