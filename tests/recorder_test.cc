@@ -106,6 +106,16 @@ class RecordCommandTest : public ::testing::Test {
     return all;
   }
   std::string documents() { return scratch_.file("home") + "/Documents"; }
+  // A second service, with its RTMP ingest listening, its data in the scratch directory |dir|.
+  void startWithIngest(const std::string& dir, nembra::testing::ServeProcess::Options& options,
+                       std::unique_ptr<nembra::testing::ServeProcess>& service) {
+    options.dataDir = scratch_.file(dir);
+    options.rtmpPort = nembra::testing::freeTcpPort();
+    std::string error;
+    service = nembra::testing::ServeProcess::start(options, error);
+    ASSERT_TRUE(service) << error;
+    ASSERT_TRUE(waitForListener(options.rtmpPort, 10s)) << service->output();
+  }
 
   TempDir scratch_;
   std::unique_ptr<nembra::testing::ServeProcess> service_;
@@ -221,12 +231,8 @@ TEST_F(RecordCommandTest, ARecordingKilledMidwayIsRecoveredAndPlays) {
 
 TEST_F(RecordCommandTest, LiveModeStreamsToTheIngestAndSubmits) {
   nembra::testing::ServeProcess::Options options;
-  options.dataDir = scratch_.file("live-data");
-  options.rtmpPort = nembra::testing::freeTcpPort();
-  std::string error;
-  auto service = nembra::testing::ServeProcess::start(options, error);
-  ASSERT_TRUE(service) << error;
-  ASSERT_TRUE(waitForListener(options.rtmpPort, 10s)) << service->output();
+  std::unique_ptr<nembra::testing::ServeProcess> service;
+  ASSERT_NO_FATAL_FAILURE(startWithIngest("live-data", options, service));
   const CommandResult result = nembra::testing::runCommand(
       commandLine(service->baseUrl(),
                   "rtmp://127.0.0.1:" + std::to_string(options.rtmpPort) + "/record/_definst_",
@@ -254,12 +260,8 @@ TEST_F(RecordCommandTest, LiveModeStreamsToTheIngestAndSubmits) {
 
 TEST_F(RecordCommandTest, AnIngestThatDropsMidStreamEndsWithTheErrorAlert) {
   nembra::testing::ServeProcess::Options serve;
-  serve.dataDir = scratch_.file("drop-data");
-  serve.rtmpPort = nembra::testing::freeTcpPort();
-  std::string error;
-  auto service = nembra::testing::ServeProcess::start(serve, error);
-  ASSERT_TRUE(service) << error;
-  ASSERT_TRUE(waitForListener(serve.rtmpPort, 10s)) << service->output();
+  std::unique_ptr<nembra::testing::ServeProcess> service;
+  ASSERT_NO_FATAL_FAILURE(startWithIngest("drop-data", serve, service));
   ChildProcessOptions options;
   options.argv =
       commandLine(service->baseUrl(),
