@@ -31,6 +31,13 @@ Nembra& CliContext::nembra() {
   return *nembra_;
 }
 
+bool chosenUiKind(const CliContext& context, UiKind& kind, std::string& error) {
+  kind = defaultUiKind();
+  if (context.options.ui.empty() || parseUiKind(context.options.ui, kind)) return true;
+  error = "--ui takes window, terminal or none, not \"" + context.options.ui + "\"";
+  return false;
+}
+
 Json parseNameValues(const std::vector<std::string>& pairs, std::string& error) {
   Json values = Json::object();
   for (const std::string& pair : pairs) {

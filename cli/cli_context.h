@@ -8,6 +8,7 @@
 #include <string>
 
 #include "nembra/json.h"
+#include "nembra/screen_host.h"
 
 namespace CLI {
 class App;
@@ -48,6 +49,10 @@ class CliContext {
 // An option check refusing a token that could not stand as one segment of a URL path (it
 // would name another resource): "" when |value| is fine, else why, naming |what|.
 std::function<std::string(const std::string&)> tokenValidator(const std::string& what);
+
+// The screens' adapter: --ui when given, else the machine's default. A value it does not know
+// gives false, and |error| says so.
+bool chosenUiKind(const CliContext& context, UiKind& kind, std::string& error);
 
 // Reads NAME=VALUE arguments into an object of strings. A malformed one gives null, and
 // |error| says which ("\"x\" is not name=value").

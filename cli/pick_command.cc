@@ -47,10 +47,9 @@ int runPick(CliContext& context, const PickArguments& args) {
   std::unique_ptr<UiAdapter> adapter;
   std::shared_ptr<ScreenPresenter> presenter;
   if (selecting || args.coverShot) {
-    UiKind kind = defaultUiKind();
-    if (!context.options.ui.empty() && !parseUiKind(context.options.ui, kind)) {
-      return fail("--ui takes window, terminal or none, not \"" + context.options.ui + "\"");
-    }
+    UiKind kind{};
+    std::string badUi;
+    if (!chosenUiKind(context, kind, badUi)) return fail(badUi);
     if (kind == UiKind::None)
       return fail("choosing a file or a cover needs --ui window or terminal");
     OptionalError error;

@@ -58,10 +58,9 @@ std::shared_ptr<NembraPlayerDelegate> jsonEvents() {
 int runPlay(CliContext& context, const PlayArguments& args) {
   Nembra& nembra = context.nembra();
   setMediaLogLevel(context.options.debug ? MediaLogLevel::Info : MediaLogLevel::Quiet);
-  UiKind kind = defaultUiKind();
-  if (!context.options.ui.empty() && !parseUiKind(context.options.ui, kind)) {
-    return fail("--ui takes window, terminal or none, not \"" + context.options.ui + "\"");
-  }
+  UiKind kind{};
+  std::string badUi;
+  if (!chosenUiKind(context, kind, badUi)) return fail(badUi);
   PlayerConfig& config = nembra.playerConfig();
   config.setIsMuted(args.muted);
   config.setIsCachingEnabled(!args.noCache);
@@ -135,10 +134,9 @@ int runPlay(CliContext& context, const PlayArguments& args) {
 int runAudios(CliContext& context, const std::vector<std::string>& tokens) {
   Nembra& nembra = context.nembra();
   setMediaLogLevel(context.options.debug ? MediaLogLevel::Info : MediaLogLevel::Quiet);
-  UiKind kind = defaultUiKind();
-  if (!context.options.ui.empty() && !parseUiKind(context.options.ui, kind)) {
-    return fail("--ui takes window, terminal or none, not \"" + context.options.ui + "\"");
-  }
+  UiKind kind{};
+  std::string badUi;
+  if (!chosenUiKind(context, kind, badUi)) return fail(badUi);
   auto delegate = context.options.json ? jsonEvents() : nullptr;
   if (delegate) nembra.setPlayerDelegate(delegate);
   OptionalError error;

@@ -36,10 +36,9 @@ int fail(const std::string& message) {
 int runRecordAudio(CliContext& context, const RecordAudioArguments& arguments) {
   Nembra& nembra = context.nembra();
   setMediaLogLevel(context.options.debug ? MediaLogLevel::Info : MediaLogLevel::Quiet);
-  UiKind kind = defaultUiKind();
-  if (!context.options.ui.empty() && !parseUiKind(context.options.ui, kind)) {
-    return fail("--ui takes window, terminal or none, not \"" + context.options.ui + "\"");
-  }
+  UiKind kind{};
+  std::string badUi;
+  if (!chosenUiKind(context, kind, badUi)) return fail(badUi);
   std::string badExtra;
   Json extra = parseNameValues(arguments.extra, badExtra);
   if (extra.is_null()) return fail("--extra " + badExtra);

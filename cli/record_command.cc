@@ -136,10 +136,9 @@ int runRecord(CliContext& context, const RecordArguments& args) {
   Nembra& nembra = context.nembra();
   setMediaLogLevel(context.options.debug ? MediaLogLevel::Warnings : MediaLogLevel::Quiet);
   if (OptionalError error = configure(args, nembra.recorderConfig())) return fail(error->message);
-  UiKind kind = defaultUiKind();
-  if (!context.options.ui.empty() && !parseUiKind(context.options.ui, kind)) {
-    return fail("--ui takes window, terminal or none");
-  }
+  UiKind kind{};
+  std::string badUi;
+  if (!chosenUiKind(context, kind, badUi)) return fail(badUi);
   OptionalError error;
   std::unique_ptr<NembraScreenHost> host = NembraScreenHost::start(kind, nembra.mainQueue(), error);
   if (!host) return fail(error ? error->message : "cannot start the UI");

@@ -65,10 +65,9 @@ int runShow(CliContext& context, const std::vector<std::string>& uris, double cl
   Nembra& nembra = context.nembra();
   // Every picture that fails is reported here in plain words; FFmpeg's own lines only add noise.
   setMediaLogLevel(context.options.debug ? MediaLogLevel::Info : MediaLogLevel::Quiet);
-  UiKind kind = defaultUiKind();
-  if (!context.options.ui.empty() && !parseUiKind(context.options.ui, kind)) {
-    return fail("--ui takes window, terminal or none, not \"" + context.options.ui + "\"");
-  }
+  UiKind kind{};
+  std::string badUi;
+  if (!chosenUiKind(context, kind, badUi)) return fail(badUi);
   if (kind == UiKind::None) return describeAll(nembra, uris);
   OptionalError error;
   std::unique_ptr<NembraScreenHost> host = NembraScreenHost::start(kind, nembra.mainQueue(), error);

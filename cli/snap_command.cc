@@ -82,10 +82,9 @@ int runSnap(CliContext& context, const SnapArguments& arguments) {
   auto delegate = followUpload(upload);
   nembra.setUploadingDelegate(delegate);
 
-  UiKind kind = defaultUiKind();
-  if (!context.options.ui.empty() && !parseUiKind(context.options.ui, kind)) {
-    return fail("--ui takes window, terminal or none, not \"" + context.options.ui + "\"");
-  }
+  UiKind kind{};
+  std::string badUi;
+  if (!chosenUiKind(context, kind, badUi)) return fail(badUi);
   std::unique_ptr<NembraScreenHost> host;
   std::shared_ptr<CameraFeed> feed;
   std::shared_ptr<ImageRecorder> recorder;

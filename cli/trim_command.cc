@@ -65,10 +65,9 @@ std::string checkInput(const TrimArguments& args) {
 int runTrim(CliContext& context, const TrimArguments& args) {
   Nembra& nembra = context.nembra();
   setMediaLogLevel(context.options.debug ? MediaLogLevel::Info : MediaLogLevel::Quiet);
-  UiKind kind = defaultUiKind();
-  if (!context.options.ui.empty() && !parseUiKind(context.options.ui, kind)) {
-    return fail("--ui takes window, terminal or none, not \"" + context.options.ui + "\"");
-  }
+  UiKind kind{};
+  std::string badUi;
+  if (!chosenUiKind(context, kind, badUi)) return fail(badUi);
   if (std::string problem = checkInput(args); !problem.empty()) return fail(problem);
   if (kind == UiKind::None && !args.start && !args.end) {
     return fail("with --ui none, say what to keep with --start and --end");
