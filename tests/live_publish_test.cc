@@ -33,22 +33,6 @@ constexpr const char* kRtmpModule = "/usr/lib/nginx/modules/ngx_rtmp_module.so";
   const auto variable = nembra::testing::findProgram(name); \
   if (!variable) GTEST_SKIP() << name << " is not installed (scripts/install-deps.sh)"
 
-bool WaitForListener(int port, std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (std::chrono::steady_clock::now() < deadline) {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const bool up = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
-    ::close(fd);
-    if (up) return true;
-    std::this_thread::sleep_for(50ms);
-  }
-  return false;
-}
-
 std::unique_ptr<ChildProcess> Start(const std::vector<std::string>& argv,
                                     const std::string& output) {
   std::unique_ptr<ChildProcess> process;
@@ -160,7 +144,7 @@ class NginxRtmpTest : public ::testing::Test {
         Start({*nginx_, "-p", dir_.path(), "-c", dir_.file("nginx.conf"), "-g", "daemon off;"},
               dir_.file("nginx.out"));
     ASSERT_TRUE(server_);
-    ASSERT_TRUE(WaitForListener(port_, 10s))
+    ASSERT_TRUE(nembra::testing::waitForTcpListener(port_, 10s))
         << nembra::testing::readFile(dir_.file("nginx.out.err"))
         << nembra::testing::readFile(dir_.file("logs/error.log"));
   }

@@ -64,23 +64,6 @@ std::vector<std::string> filesEndingWith(const std::string& root, const std::str
   return found;
 }
 
-// The ingest may come up a moment after the service says it is ready.
-bool waitForListener(int port, std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (std::chrono::steady_clock::now() < deadline) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const bool up = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
-    ::close(fd);
-    if (up) return true;
-    std::this_thread::sleep_for(50ms);
-  }
-  return false;
-}
-
 class RecordCommandTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -114,7 +97,7 @@ class RecordCommandTest : public ::testing::Test {
     std::string error;
     service = nembra::testing::ServeProcess::start(options, error);
     ASSERT_TRUE(service) << error;
-    ASSERT_TRUE(waitForListener(options.rtmpPort, 10s)) << service->output();
+    ASSERT_TRUE(nembra::testing::waitForTcpListener(options.rtmpPort, 10s)) << service->output();
   }
 
   TempDir scratch_;

@@ -37,6 +37,10 @@ class TempDir {
 // may still take it before the caller does).
 int freeTcpPort();
 
+// Waits until something accepts connections on 127.0.0.1:|port| (a peer may listen a moment
+// after it says it is ready); false when nothing did within |timeout|.
+bool waitForTcpListener(int port, std::chrono::milliseconds timeout);
+
 // The absolute path of |program| found on PATH (or in /usr/sbin), if any.
 std::optional<std::string> findProgram(const std::string& program);
 
